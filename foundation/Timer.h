@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QObject>
+#include <functional>
+#include <memory>
+
+class QTimer;
+
+namespace foundation {
+
+// A timer of the default run-loop mode: a tick that falls while the default mode is held waits
+// until the hold ends, and ticks missed meanwhile collapse into one.
+class Timer : public std::enable_shared_from_this<Timer> {
+public:
+    // A timer that is not yet scheduled.
+    static std::shared_ptr<Timer> create(double intervalSeconds, bool repeats,
+                                         std::function<void()> action);
+    ~Timer();
+
+    // Starts counting in the default mode of the main run loop; the first tick comes one
+    // interval after create().
+    void scheduleInDefaultMode();
+    // Runs the action at once. A non-repeating timer is invalidated by it.
+    void fire();
+    void invalidate();
+    bool isValid() const { return valid_; }
+    double timeInterval() const { return interval_; }
+
+private:
+    Timer(double intervalSeconds, bool repeats, std::function<void()> action);
+    void tick();
+
+    double interval_;
+    bool repeats_;
+    bool valid_ = true;
+    bool tickPending_ = false;
+    std::function<void()> action_;
+    std::unique_ptr<QObject> context_;
+    QTimer* qtimer_ = nullptr;
+    qint64 createdAtMs_;
+};
+
+}  // namespace foundation
