@@ -1,0 +1,185 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "agent/FXDownload.h"
+#include "agent/StatusItem.h"
+#include "foundation/NotificationCenter.h"
+
+class QCheckBox;
+class QLabel;
+class QLineEdit;
+class QMenu;
+class QProgressBar;
+class QPushButton;
+class QToolBar;
+class QWidget;
+
+namespace foundation {
+class Timer;
+}
+
+// The agent's single controller: it owns the agent's state and every outlet of the preferences
+// window. Its operations are spread over one source file per concern: start-up, turning on and
+// off, the failure family and the check cycle here in agent/; the status menu, the preferences
+// window and the notifications in ui/.
+class AppController : public QObject {
+public:
+    using DownloadList = std::vector<std::shared_ptr<FXDownload>>;
+
+    enum TerminateReply { TerminateNow, TerminateCancel };
+
+    AppController();
+    ~AppController() override;
+
+    // --- start-up and lifecycle
+    void awakeFromNib();
+    void applicationDidFinishLaunching();
+    void turnFerryboxOn(QObject* sender);
+    void loginSucceeded(const foundation::Notification& notification);
+    void loginFailed(const foundation::Notification& notification);
+    void turnFerryboxOff(QObject* sender);
+    void turnOff();
+    TerminateReply applicationShouldTerminate();
+
+    // --- the failure family: notify, show the label text, turn off
+    void turnOffAfterPullFailed(const foundation::Notification& notification);
+    void turnFerryboxOffAfterPullFailed(const foundation::Notification& notification);
+    void turnOffAfterMultipleNotesFound(const foundation::Notification& notification);
+    void turnOffAfterLogPullFailed(const foundation::Notification& notification);
+    void turnOffAfterLogClearFailed(const foundation::Notification& notification);
+    void turnOffAfterLogDeleteFailed(const foundation::Notification& notification);
+    void turnOffAfterLogAppendFailed(const foundation::Notification& notification);
+
+    // --- the check cycle
+    void searchForNote();
+
+    // --- status menu, preferences window, notifications
+    void updateMenu();
+    void sendGrowlNotification(const QString& kind, const QString& detail);
+    void showPreferences(QObject* sender);
+    // Whether a desktop notification service can be reached.
+    bool notificationServiceAvailable() const;
+
+    // Sends an action by name, as a control or menu item does ("turnFerryboxOn:"). Answers false
+    // for an action the controller does not know.
+    bool tryToPerform(const QString& action, QObject* sender);
+    // The action the start button sends now.
+    QString startButtonAction() const { return startButtonAction_; }
+
+    // Account text that --email / --password-file supply; put into the fields during start-up
+    // as if typed, after the stored address and the keychain have been read.
+    void setAccountOverride(const QString& email, const QString& password);
+    // How many failure-family operations ran since start-up.
+    int failuresReported() const { return failuresReported_; }
+    // How many checks ran since start-up.
+    int checksStarted() const { return checksStarted_; }
+
+    // --- outlets
+    QWidget* prefsWindow() const { return prefsWindow_; }
+    void setPrefsWindow(QWidget* w) { prefsWindow_ = w; }
+    QLineEdit* emailField() const { return emailField_; }
+    void setEmailField(QLineEdit* w) { emailField_ = w; }
+    QLineEdit* passwordField() const { return passwordField_; }
+    void setPasswordField(QLineEdit* w) { passwordField_ = w; }
+    QCheckBox* rememberInKeychainButton() const { return rememberInKeychainButton_; }
+    void setRememberInKeychainButton(QCheckBox* w) { rememberInKeychainButton_ = w; }
+    QCheckBox* keepLogButton() const { return keepLogButton_; }
+    void setKeepLogButton(QCheckBox* w) { keepLogButton_ = w; }
+    QPushButton* clearLogButton() const { return clearLogButton_; }
+    void setClearLogButton(QPushButton* w) { clearLogButton_ = w; }
+    QPushButton* startButton() const { return startButton_; }
+    void setStartButton(QPushButton* w) { startButton_ = w; }
+    QLabel* errorLabel() const { return errorLabel_; }
+    void setErrorLabel(QLabel* w) { errorLabel_ = w; }
+    QLabel* downloadLabel() const { return downloadLabel_; }
+    void setDownloadLabel(QLabel* w) { downloadLabel_ = w; }
+    QCheckBox* useGrowlButton() const { return useGrowlButton_; }
+    void setUseGrowlButton(QCheckBox* w) { useGrowlButton_ = w; }
+    QLineEdit* intervalField() const { return intervalField_; }
+    void setIntervalField(QLineEdit* w) { intervalField_ = w; }
+    QProgressBar* loginSpinner() const { return loginSpinner_; }
+    void setLoginSpinner(QProgressBar* w) { loginSpinner_ = w; }
+    QToolBar* prefsToolbar() const { return prefsToolbar_; }
+    void setPrefsToolbar(QToolBar* w) { prefsToolbar_ = w; }
+    QMenu* appMenu() const { return appMenu_; }
+    void setAppMenu(QMenu* m) { appMenu_ = m; }
+    QCheckBox* openAtLoginButton() const { return openAtLoginButton_; }
+    void setOpenAtLoginButton(QCheckBox* w) { openAtLoginButton_ = w; }
+
+    // --- state
+    const DownloadList& downloadList() const { return downloadList_; }
+    void setDownloadList(DownloadList list) { downloadList_ = std::move(list); }
+    const QVariant& interval() const { return interval_; }
+    void setInterval(const QVariant& interval) { interval_ = interval; }
+    const std::shared_ptr<foundation::Timer>& timer() const { return timer_; }
+    void setTimer(std::shared_ptr<foundation::Timer> timer) { timer_ = std::move(timer); }
+    const QString& downloadDirectory() const { return downloadDirectory_; }
+    void setDownloadDirectory(const QString& d) { downloadDirectory_ = d; }
+    const std::shared_ptr<StatusItem>& statusItem() const { return statusItem_; }
+    void setStatusItem(std::shared_ptr<StatusItem> item) { statusItem_ = std::move(item); }
+    bool appRunning() const { return appRunning_; }
+    void setAppRunning(bool running) { appRunning_ = running; }
+    bool growlInstalled() const { return growlInstalled_; }
+    void setGrowlInstalled(bool installed) { growlInstalled_ = installed; }
+    const QStringList& URLLines() const { return URLLines_; }
+    void setURLLines(const QStringList& lines) { URLLines_ = lines; }
+    QMenu* menu() const { return menu_.get(); }
+    void setMenu(std::shared_ptr<QMenu> menu) { menu_ = std::move(menu); }
+    const QString& noteID() const { return noteID_; }
+    void setNoteID(const QString& id) { noteID_ = id; }
+    const QString& searchTerm() const { return searchTerm_; }
+    void setSearchTerm(const QString& term) { searchTerm_ = term; }
+
+private:
+    void readAccountSettings();
+    void readCheckSettings();
+    void readNotificationSettings();
+    void readLogSettings();
+    void readDownloadDirectorySetting();
+    void readOpenAtLoginSetting();
+    void showPreferencesWindow();
+    void armCheckTimer();
+    void setStartButtonAction(const QString& title, const QString& action);
+    void startSpinner(bool on);
+    void turnOffAfterFailure(const QString& detail, const QString& labelText);
+
+    QWidget* prefsWindow_ = nullptr;
+    QLineEdit* emailField_ = nullptr;
+    QLineEdit* passwordField_ = nullptr;
+    QCheckBox* rememberInKeychainButton_ = nullptr;
+    QCheckBox* keepLogButton_ = nullptr;
+    QPushButton* clearLogButton_ = nullptr;
+    QPushButton* startButton_ = nullptr;
+    QLabel* errorLabel_ = nullptr;
+    QLabel* downloadLabel_ = nullptr;
+    QCheckBox* useGrowlButton_ = nullptr;
+    QLineEdit* intervalField_ = nullptr;
+    QProgressBar* loginSpinner_ = nullptr;
+    QToolBar* prefsToolbar_ = nullptr;
+    QMenu* appMenu_ = nullptr;
+    QCheckBox* openAtLoginButton_ = nullptr;
+    DownloadList downloadList_;
+    QVariant interval_;
+    std::shared_ptr<foundation::Timer> timer_;
+    QString downloadDirectory_;
+    std::shared_ptr<StatusItem> statusItem_;
+    bool appRunning_ = false;
+    bool growlInstalled_ = false;
+    QStringList URLLines_;
+    std::shared_ptr<QMenu> menu_;
+    QString noteID_;
+    QString searchTerm_;
+
+    QString startButtonAction_ = QStringLiteral("turnFerryboxOn:");
+    std::optional<QString> emailOverride_;
+    std::optional<QString> passwordOverride_;
+    int failuresReported_ = 0;
+    int checksStarted_ = 0;
+};

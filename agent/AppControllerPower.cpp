@@ -1,0 +1,150 @@
+// Turning the agent on (a login, then the repeating check timer) and off, and the quit guard.
+#include <QLabel>
+#include <QLineEdit>
+#include <QCheckBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QWidget>
+
+#include "agent/AppController.h"
+#include "client/LWSimplenoteLogin.h"
+#include "foundation/AlertPanel.h"
+#include "foundation/Timer.h"
+#include "foundation/UserDefaults.h"
+#include "platform/KCKeychainItem.h"
+
+namespace {
+
+const QString kTurnOn = QStringLiteral("turnFerryboxOn:");
+const QString kTurnOff = QStringLiteral("turnFerryboxOff:");
+
+// The stored interval in whole minutes. Anything under one minute would make the agent hammer
+// the service, so one minute is the shortest period the timer gets.
+double checkPeriodSeconds(const QVariant& interval) {
+    const qint32 minutes = static_cast<qint32>(interval.toDouble());
+    return std::max<qint32>(minutes, 1) * 60.0;
+}
+
+}  // namespace
+
+AppController::AppController() = default;
+AppController::~AppController() {
+    if (timer_) timer_->invalidate();
+}
+
+void AppController::turnFerryboxOn(QObject*) {
+    auto login = LWSNObject::create<LWSimplenoteLogin>();
+    login->setEmail(emailField_->text());
+    login->setPassword(passwordField_->text());
+    login->addObserver(
+        this, QStringLiteral("login"),
+        [this](const foundation::Notification& n) { loginSucceeded(n); },
+        [this](const foundation::Notification& n) { loginFailed(n); });
+    login->login();
+
+    startSpinner(true);
+    emailField_->setEnabled(false);
+    passwordField_->setEnabled(false);
+}
+
+void AppController::loginSucceeded(const foundation::Notification&) {
+    setStartButtonAction(QStringLiteral("Stop Ferrybox"), kTurnOff);
+    errorLabel_->setText(QString());
+    downloadLabel_->setEnabled(true);
+    keepLogButton_->setEnabled(true);
+    startSpinner(false);
+    prefsWindow_->hide();
+
+    foundation::UserDefaults::standardUserDefaults().setObject(emailField_->text(),
+                                                               QStringLiteral("email"));
+    if (rememberInKeychainButton_->isChecked()) {
+        KCGenericKeychainItem::addGenericKeychainItemForService(
+            QStringLiteral("Ferrybox"), emailField_->text(), passwordField_->text());
+    }
+    appRunning_ = true;
+    armCheckTimer();
+}
+
+// A new repeating timer, its first check at once. An earlier timer is not invalidated here: a
+// second login while one is armed leaves both running, as a second press of Start always has.
+void AppController::armCheckTimer() {
+    timer_ = foundation::Timer::create(checkPeriodSeconds(interval_), true,
+                                       [this] { searchForNote(); });
+    updateMenu();
+    timer_->scheduleInDefaultMode();
+    timer_->fire();
+}
+
+void AppController::loginFailed(const foundation::Notification&) {
+    emailField_->setEnabled(true);
+    passwordField_->setEnabled(true);
+    errorLabel_->setText(QStringLiteral("Error logging in to Simplenote."));
+    startSpinner(false);
+    showPreferencesWindow();
+}
+
+void AppController::turnFerryboxOff(QObject*) {
+    if (!appRunning_) return;
+    if (downloadList_.empty()) {
+        turnOff();
+        return;
+    }
+    const auto answer = foundation::AlertPanel::runModal(
+        {QStringLiteral("Ferrybox"),
+         QStringLiteral("Files are still being downloaded.\n\nAre you sure you want to turn "
+                        "Ferrybox off?\n\n(If you turn Ferrybox off, partially-downloaded files "
+                        "will be deleted.)"),
+         QStringLiteral("Turn Ferrybox Off"), QStringLiteral("Cancel"), QString()});
+    if (answer != foundation::AlertPanel::DefaultReturn) return;
+
+    for (const auto& download : downloadList_) download->cancel();
+    downloadList_ = DownloadList();
+    turnOff();
+}
+
+void AppController::turnOff() {
+    if (timer_) timer_->invalidate();
+    emailField_->setEnabled(true);
+    passwordField_->setEnabled(true);
+    setStartButtonAction(QStringLiteral("Start Ferrybox"), kTurnOn);
+    appRunning_ = false;
+    statusItem_->setAlternateImage(QString());
+    updateMenu();
+}
+
+AppController::TerminateReply AppController::applicationShouldTerminate() {
+    if (downloadList_.empty()) return TerminateNow;
+    const auto answer = foundation::AlertPanel::runModal(
+        {QStringLiteral("Ferrybox"),
+         QStringLiteral("Files are still being downloaded.\n\nAre you sure you want to quit?"),
+         QStringLiteral("Quit"), QStringLiteral("Cancel"), QString()});
+    return answer == foundation::AlertPanel::DefaultReturn ? TerminateNow : TerminateCancel;
+}
+
+void AppController::setStartButtonAction(const QString& title, const QString& action) {
+    startButton_->setText(title);
+    startButtonAction_ = action;
+}
+
+// A progress bar with an empty range is Qt's busy indicator: that is the spinning state.
+void AppController::startSpinner(bool on) {
+    loginSpinner_->setRange(0, on ? 0 : 1);
+    loginSpinner_->setVisible(on);
+}
+
+void AppController::showPreferencesWindow() { showPreferences(nullptr); }
+
+bool AppController::tryToPerform(const QString& action, QObject* sender) {
+    if (action == kTurnOn) {
+        turnFerryboxOn(sender);
+    } else if (action == kTurnOff) {
+        turnFerryboxOff(sender);
+    } else if (action == QLatin1String("searchForNote")) {
+        searchForNote();
+    } else if (action == QLatin1String("showPreferences:")) {
+        showPreferences(sender);
+    } else {
+        return false;
+    }
+    return true;
+}

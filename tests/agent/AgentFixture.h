@@ -1,0 +1,47 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QLineEdit>
+#include <memory>
+
+#include "foundation/AlertPanel.h"
+#include "foundation/UserDefaults.h"
+#include "tests/support/FixtureServer.h"
+#include "tests/support/TempHome.h"
+#include "ui/MainInterface.h"
+
+namespace agenttest {
+
+// The service stand-in for every test of this binary: the API address is fixed for the life of
+// the process, so all tests share one server and replace its routes.
+testsupport::FixtureServer& server();
+
+// A fresh home folder, a fresh interface definition, and alerts answered by a script.
+class AgentTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    AppController& controller() { return interface_->controller(); }
+    MainInterface& interface() { return *interface_; }
+
+    // Stores a setting before start-up.
+    void setDefault(const QString& key, const QVariant& value);
+    QVariant storedDefault(const QString& key);
+    // Answers the login with this token (empty: the service's "no").
+    void answerLogin(const std::string& body);
+    // Start-up with the password typed in as the headless options do.
+    void startWithAccount(const QString& email, const QString& password);
+    bool waitForRunning();
+
+    // Alerts shown so far, and how the next ones are answered.
+    std::vector<foundation::Alert> alerts;
+    foundation::AlertPanel::Response alertAnswer = foundation::AlertPanel::DefaultReturn;
+
+    std::unique_ptr<testsupport::TempHome> home_;
+    std::unique_ptr<MainInterface> interface_;
+    foundation::AlertPanel::Presenter previousPresenter_;
+};
+
+}  // namespace agenttest

@@ -1,0 +1,244 @@
+// Turning the agent on and off: the login, the check timer, the confirmation when downloads run,
+// the failure family and the quit guard.
+#include <QCheckBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QWidget>
+
+#include "foundation/Timer.h"
+#include "tests/agent/AgentFixture.h"
+#include "tests/support/Wait.h"
+
+namespace agenttest {
+namespace {
+
+using PowerTest = AgentTest;
+
+bool spinning(AppController& c) { return c.loginSpinner()->maximum() == 0; }
+
+TEST_F(PowerTest, StoredAccountLogsInAtStartupAndArmsTheTimer) {
+    answerLogin("token-1");
+    setDefault("email", "a+b@example.org");
+    startWithAccount(QString(), "p&q=1");
+
+    EXPECT_FALSE(controller().emailField()->isEnabled());
+    EXPECT_FALSE(controller().passwordField()->isEnabled());
+    EXPECT_TRUE(spinning(controller()));
+    ASSERT_TRUE(waitForRunning());
+
+    const auto requests = server().requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].path, "/api/login");
+    EXPECT_EQ(requests[0].query, "");
+    EXPECT_EQ(QByteArray::fromBase64(QByteArray::fromStdString(requests[0].body)),
+              "email=a+b@example.org&password=p&q=1");
+
+    EXPECT_EQ(controller().startButton()->text(), "Stop Ferrybox");
+    EXPECT_EQ(controller().startButtonAction(), "turnFerryboxOff:");
+    EXPECT_TRUE(controller().errorLabel()->text().isEmpty());
+    EXPECT_TRUE(controller().downloadLabel()->isEnabled());
+    EXPECT_TRUE(controller().keepLogButton()->isEnabled());
+    EXPECT_FALSE(spinning(controller()));
+    EXPECT_FALSE(controller().prefsWindow()->isVisible());
+    EXPECT_EQ(storedDefault("email"), QVariant("a+b@example.org"));
+    EXPECT_EQ(storedDefault("simplenote-authToken"), QVariant("token-1"));
+
+    ASSERT_TRUE(controller().timer());
+    EXPECT_TRUE(controller().timer()->isValid());
+    EXPECT_EQ(controller().timer()->timeInterval(), 600.0);
+    EXPECT_EQ(controller().checksStarted(), 1);  // the first check runs at once
+}
+
+struct PeriodCase {
+    QVariant interval;
+    double seconds;
+};
+
+class TimerPeriodTest : public AgentTest, public ::testing::WithParamInterface<PeriodCase> {};
+
+TEST_P(TimerPeriodTest, IntervalInWholeMinutes) {
+    answerLogin("token");
+    setDefault("interval", GetParam().interval);
+    startWithAccount("me@example.org", "secret");
+    ASSERT_TRUE(waitForRunning());
+    EXPECT_EQ(controller().timer()->timeInterval(), GetParam().seconds);
+}
+
+// A fraction is cut off; anything under a minute would hammer the service, so one minute it is.
+INSTANTIATE_TEST_SUITE_P(Power, TimerPeriodTest,
+                         ::testing::Values(PeriodCase{10, 600}, PeriodCase{1, 60},
+                                           PeriodCase{2.9, 120}, PeriodCase{0, 60},
+                                           PeriodCase{-5, 60}));
+
+TEST_F(PowerTest, FailedLoginLeavesTheAgentOffWithTheReason) {
+    answerLogin("");
+    startWithAccount("me@example.org", "wrong");
+    ASSERT_TRUE(testsupport::waitUntil(
+        [this] { return !controller().errorLabel()->text().isEmpty(); }));
+
+    EXPECT_EQ(controller().errorLabel()->text(), "Error logging in to Simplenote.");
+    EXPECT_TRUE(controller().emailField()->isEnabled());
+    EXPECT_TRUE(controller().passwordField()->isEnabled());
+    EXPECT_FALSE(spinning(controller()));
+    EXPECT_TRUE(controller().prefsWindow()->isVisible());
+    EXPECT_FALSE(controller().appRunning());
+    EXPECT_EQ(controller().startButton()->text(), "Start Ferrybox");
+    EXPECT_EQ(controller().startButtonAction(), "turnFerryboxOn:");
+    EXPECT_FALSE(storedDefault("email").isValid());
+}
+
+TEST_F(PowerTest, StartButtonRetriesAfterAFailedLogin) {
+    answerLogin("");
+    startWithAccount("me@example.org", "wrong");
+    ASSERT_TRUE(testsupport::waitUntil(
+        [this] { return !controller().errorLabel()->text().isEmpty(); }));
+    answerLogin("token");
+    controller().startButton()->click();
+    ASSERT_TRUE(waitForRunning());
+    EXPECT_TRUE(controller().errorLabel()->text().isEmpty());
+}
+
+class RunningAgentTest : public AgentTest {
+protected:
+    void SetUp() override {
+        AgentTest::SetUp();
+        answerLogin("token");
+        startWithAccount("me@example.org", "secret");
+        ASSERT_TRUE(waitForRunning());
+    }
+    std::shared_ptr<FXDownload> addDownload() {
+        auto download = std::make_shared<FXDownload>(QUrl("http://127.0.0.1:1/file.zip"));
+        auto list = controller().downloadList();
+        list.push_back(download);
+        controller().setDownloadList(list);
+        return download;
+    }
+    void expectOff() {
+        EXPECT_FALSE(controller().appRunning());
+        EXPECT_FALSE(controller().timer()->isValid());
+        EXPECT_TRUE(controller().emailField()->isEnabled());
+        EXPECT_TRUE(controller().passwordField()->isEnabled());
+        EXPECT_EQ(controller().startButton()->text(), "Start Ferrybox");
+        EXPECT_EQ(controller().startButtonAction(), "turnFerryboxOn:");
+        EXPECT_TRUE(controller().statusItem()->alternateImage().isEmpty());
+    }
+};
+
+TEST_F(RunningAgentTest, StopButtonWithoutDownloadsTurnsOffWithoutAsking) {
+    controller().startButton()->click();
+    EXPECT_TRUE(alerts.empty());
+    expectOff();
+}
+
+TEST_F(RunningAgentTest, TurningOffWithDownloadsAsksAndCancelKeepsThemRunning) {
+    auto download = addDownload();
+    alertAnswer = foundation::AlertPanel::AlternateReturn;
+    controller().turnFerryboxOff(nullptr);
+
+    ASSERT_EQ(alerts.size(), 1u);
+    EXPECT_EQ(alerts[0].title, "Ferrybox");
+    EXPECT_EQ(alerts[0].message,
+              "Files are still being downloaded.\n\nAre you sure you want to turn Ferrybox "
+              "off?\n\n(If you turn Ferrybox off, partially-downloaded files will be deleted.)");
+    EXPECT_EQ(alerts[0].defaultButton, "Turn Ferrybox Off");
+    EXPECT_EQ(alerts[0].alternateButton, "Cancel");
+    EXPECT_TRUE(controller().appRunning());
+    EXPECT_TRUE(controller().timer()->isValid());
+    EXPECT_FALSE(download->isCancelled());
+    EXPECT_EQ(controller().downloadList().size(), 1u);
+}
+
+TEST_F(RunningAgentTest, ConfirmedTurnOffCancelsEveryDownload) {
+    auto first = addDownload();
+    auto second = addDownload();
+    controller().turnFerryboxOff(nullptr);
+    EXPECT_TRUE(first->isCancelled());
+    EXPECT_TRUE(second->isCancelled());
+    EXPECT_TRUE(controller().downloadList().empty());
+    expectOff();
+}
+
+TEST_F(RunningAgentTest, QuitGuardAsksOnlyWhileDownloading) {
+    EXPECT_EQ(controller().applicationShouldTerminate(), AppController::TerminateNow);
+    EXPECT_TRUE(alerts.empty());
+
+    auto download = addDownload();
+    alertAnswer = foundation::AlertPanel::AlternateReturn;
+    EXPECT_EQ(controller().applicationShouldTerminate(), AppController::TerminateCancel);
+    ASSERT_EQ(alerts.size(), 1u);
+    EXPECT_EQ(alerts[0].message,
+              "Files are still being downloaded.\n\nAre you sure you want to quit?");
+    EXPECT_EQ(alerts[0].defaultButton, "Quit");
+    EXPECT_EQ(alerts[0].alternateButton, "Cancel");
+    EXPECT_FALSE(download->isCancelled());
+
+    alertAnswer = foundation::AlertPanel::DefaultReturn;
+    EXPECT_EQ(controller().applicationShouldTerminate(), AppController::TerminateNow);
+    EXPECT_FALSE(download->isCancelled());  // quitting does not cancel first
+}
+
+struct FailureCase {
+    const char* name;
+    void (AppController::*operation)(const foundation::Notification&);
+    const char* label;
+};
+
+class FailureFamilyTest : public RunningAgentTest,
+                          public ::testing::WithParamInterface<FailureCase> {};
+
+TEST_P(FailureFamilyTest, ShowsItsTextAndTurnsOff) {
+    (controller().*GetParam().operation)(foundation::Notification{});
+    EXPECT_EQ(controller().errorLabel()->text(), GetParam().label);
+    EXPECT_EQ(controller().failuresReported(), 1);
+    expectOff();
+}
+
+TEST_P(FailureFamilyTest, WhileOffOnlyShowsItsText) {
+    controller().turnOff();
+    controller().emailField()->setEnabled(false);  // a marker that turning off would undo
+    (controller().*GetParam().operation)(foundation::Notification{});
+    EXPECT_EQ(controller().errorLabel()->text(), GetParam().label);
+    EXPECT_FALSE(controller().emailField()->isEnabled());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Power, FailureFamilyTest,
+    ::testing::Values(
+        FailureCase{"PullFailed", &AppController::turnOffAfterPullFailed,
+                    "Error retrieving download note from Simplenote"},
+        FailureCase{"SearchFailed", &AppController::turnFerryboxOffAfterPullFailed,
+                    "Error retrieving download note from Simplenote"},
+        FailureCase{"MultipleNotes", &AppController::turnOffAfterMultipleNotesFound,
+                    "Multiple notes found containing \"Ferrybox_Downloads\""},
+        FailureCase{"LogPull", &AppController::turnOffAfterLogPullFailed,
+                    "Error retrieving log note from Simplenote"},
+        FailureCase{"LogClear", &AppController::turnOffAfterLogClearFailed,
+                    "Error clearing log note"},
+        FailureCase{"LogDelete", &AppController::turnOffAfterLogDeleteFailed,
+                    "Error deleting log note"},
+        FailureCase{"LogAppend", &AppController::turnOffAfterLogAppendFailed,
+                    "Error adding downloads to log note"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(RunningAgentTest, MultipleNotesTextNamesTheDefaultTermWhateverIsSet) {
+    controller().setSearchTerm("Other_Term");
+    controller().turnOffAfterMultipleNotesFound(foundation::Notification{});
+    EXPECT_EQ(controller().errorLabel()->text(),
+              "Multiple notes found containing \"Ferrybox_Downloads\"");
+}
+
+TEST_F(RunningAgentTest, ClosingThePreferencesWindowOnlyHidesIt) {
+    controller().showPreferences(nullptr);
+    ASSERT_TRUE(controller().prefsWindow()->isVisible());
+    controller().emailField()->setText("kept@example.org");
+    EXPECT_FALSE(controller().prefsWindow()->close());
+    EXPECT_FALSE(controller().prefsWindow()->isVisible());
+    controller().showPreferences(nullptr);
+    EXPECT_EQ(controller().emailField()->text(), "kept@example.org");
+}
+
+}  // namespace
+}  // namespace agenttest

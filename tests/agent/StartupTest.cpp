@@ -1,0 +1,147 @@
+// What start-up reads, writes and shows, from an empty home and from stored settings.
+#include <QCheckBox>
+#include <QDir>
+#include <QFileInfo>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QWidget>
+
+#include "tests/agent/AgentFixture.h"
+
+namespace agenttest {
+namespace {
+
+using StartupTest = AgentTest;
+
+TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
+    controller().awakeFromNib();
+
+    EXPECT_EQ(storedDefault("searchTerm"), QVariant("Ferrybox_Downloads"));
+    EXPECT_EQ(storedDefault("interval").toInt(), 10);
+    EXPECT_NE(storedDefault("interval").typeId(), QMetaType::QString);
+    EXPECT_EQ(storedDefault("useGrowl"), QVariant("yes"));
+    EXPECT_EQ(storedDefault("keepLog"), QVariant("no"));
+    EXPECT_EQ(storedDefault("openAtLogin"), QVariant("no"));
+    EXPECT_EQ(storedDefault("downloadDirectory"), QVariant("~/Downloads/Ferrybox"));
+    EXPECT_FALSE(storedDefault("shouldRememberPassword").isValid());
+    EXPECT_FALSE(storedDefault("email").isValid());
+    EXPECT_TRUE(QFileInfo(home_->path() + "/Downloads/Ferrybox").isDir());
+
+    EXPECT_FALSE(controller().rememberInKeychainButton()->isChecked());
+    EXPECT_EQ(controller().intervalField()->text(), "10");
+    EXPECT_EQ(controller().searchTerm(), "Ferrybox_Downloads");
+    EXPECT_EQ(controller().downloadDirectory(), "~/Downloads/Ferrybox");
+    EXPECT_TRUE(controller().prefsWindow()->isVisible());
+    EXPECT_FALSE(controller().appRunning());
+    EXPECT_EQ(controller().statusItem()->image(), "close_16.png");
+    EXPECT_TRUE(controller().statusItem()->highlightMode());
+    EXPECT_TRUE(controller().statusItem()->isEnabled());
+    EXPECT_EQ(controller().startButton()->text(), "Start Ferrybox");
+    EXPECT_EQ(controller().startButtonAction(), "turnFerryboxOn:");
+    EXPECT_TRUE(server().requests().empty());
+}
+
+TEST_F(StartupTest, NotificationCheckboxFollowsTheServiceItFinds) {
+    controller().awakeFromNib();
+    if (!controller().growlInstalled()) {
+        EXPECT_FALSE(controller().useGrowlButton()->isChecked());
+        EXPECT_FALSE(controller().useGrowlButton()->isEnabled());
+    }
+    EXPECT_EQ(storedDefault("useGrowl"), QVariant("yes"));  // never rewritten by detection
+}
+
+struct RememberCase {
+    const char* name;
+    QVariant stored;
+    bool emailStored;
+    bool checked;
+    QVariant storedAfter;
+};
+
+class RememberPasswordTest : public AgentTest,
+                             public ::testing::WithParamInterface<RememberCase> {};
+
+TEST_P(RememberPasswordTest, CheckboxAndStoredChoice) {
+    const RememberCase& c = GetParam();
+    if (c.stored.isValid()) setDefault("shouldRememberPassword", c.stored);
+    if (c.emailStored) setDefault("email", "a+b@example.org");
+    controller().awakeFromNib();
+
+    EXPECT_EQ(controller().rememberInKeychainButton()->isChecked(), c.checked);
+    EXPECT_EQ(storedDefault("shouldRememberPassword"), c.storedAfter);
+    EXPECT_EQ(controller().emailField()->text(), c.emailStored ? "a+b@example.org" : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Startup, RememberPasswordTest,
+    ::testing::Values(
+        RememberCase{"AbsentWithEmailSearchesKeychain", QVariant(), true, true, QVariant()},
+        RememberCase{"YesWithEmail", QVariant("yes"), true, true, QVariant("yes")},
+        RememberCase{"No", QVariant("no"), true, false, QVariant("no")},
+        RememberCase{"AbsentWithoutEmail", QVariant(), false, false, QVariant()},
+        RememberCase{"YesWithoutEmailIsStoredAgain", QVariant("yes"), false, true, QVariant("yes")},
+        RememberCase{"OtherValueBecomesYes", QVariant("maybe"), true, true, QVariant("yes")}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct CheckboxCase {
+    const char* name;
+    const char* key;
+    QVariant stored;
+    bool checked;
+    QCheckBox* (AppController::*checkbox)() const;
+};
+
+class CheckboxSettingTest : public AgentTest, public ::testing::WithParamInterface<CheckboxCase> {};
+
+TEST_P(CheckboxSettingTest, StoredValueSetsTheCheckbox) {
+    const CheckboxCase& c = GetParam();
+    setDefault(c.key, c.stored);
+    controller().awakeFromNib();
+    EXPECT_EQ((controller().*c.checkbox)()->isChecked(), c.checked);
+    EXPECT_EQ(storedDefault(c.key), c.stored);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Startup, CheckboxSettingTest,
+    ::testing::Values(
+        CheckboxCase{"KeepLogYes", "keepLog", "yes", true, &AppController::keepLogButton},
+        CheckboxCase{"KeepLogNo", "keepLog", "no", false, &AppController::keepLogButton},
+        CheckboxCase{"KeepLogOtherLeftAlone", "keepLog", "sometimes", false,
+                     &AppController::keepLogButton},
+        CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes", true,
+                     &AppController::openAtLoginButton},
+        CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
+                     &AppController::openAtLoginButton}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(StartupTest, KeepLogYesEnablesClearLog) {
+    setDefault("keepLog", "yes");
+    controller().awakeFromNib();
+    EXPECT_TRUE(controller().clearLogButton()->isEnabled());
+}
+
+TEST_F(StartupTest, StoredValuesAreUsedAsTheyStand) {
+    setDefault("searchTerm", "My_Queue");
+    setDefault("interval", 5);
+    setDefault("downloadDirectory", "~/elsewhere/not-created");
+    controller().awakeFromNib();
+
+    EXPECT_EQ(controller().searchTerm(), "My_Queue");
+    EXPECT_EQ(controller().intervalField()->text(), "5");
+    EXPECT_EQ(storedDefault("interval").toInt(), 5);
+    EXPECT_EQ(controller().downloadDirectory(), "~/elsewhere/not-created");
+    EXPECT_FALSE(QFileInfo::exists(home_->path() + "/elsewhere"));
+    EXPECT_FALSE(QFileInfo::exists(home_->path() + "/Downloads/Ferrybox"));
+}
+
+TEST_F(StartupTest, StoredEmailWithoutPasswordShowsPreferences) {
+    setDefault("email", "someone@example.org");
+    controller().awakeFromNib();
+    EXPECT_EQ(controller().emailField()->text(), "someone@example.org");
+    EXPECT_TRUE(controller().prefsWindow()->isVisible());
+    EXPECT_TRUE(server().requests().empty());
+}
+
+}  // namespace
+}  // namespace agenttest

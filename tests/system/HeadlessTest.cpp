@@ -1,0 +1,163 @@
+// The real ferrybox binary, headless, with a temporary home, against the scripted service.
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <csignal>
+
+#include "tests/support/FixtureServer.h"
+
+namespace {
+
+using testsupport::FixtureServer;
+
+struct Run {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+class HeadlessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(home_.isValid());
+        server_.on("POST", "/api/login", FixtureServer::respond(200, "token-xyz"));
+    }
+
+    QString binary() const { return qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox"; }
+
+    QProcessEnvironment environment() const {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("HOME", home_.path());
+        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
+        env.insert("FERRYBOX_API_URL", server_.baseUrl() + "/api");
+        env.remove("FERRYBOX_PASSWORD_FILE");
+        env.remove("DBUS_SESSION_BUS_ADDRESS");
+        return env;
+    }
+
+    QString passwordFile(const QByteArray& content, QFile::Permissions permissions) {
+        const QString path = home_.path() + "/password";
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
+        file.close();
+        file.setPermissions(permissions);
+        return path;
+    }
+
+    Run run(const QStringList& arguments, QProcessEnvironment env) {
+        QProcess process;
+        process.setProcessEnvironment(env);
+        process.start(binary(), arguments);
+        EXPECT_TRUE(process.waitForFinished(30000)) << "ferrybox did not finish";
+        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+
+    QString settingsText() const {
+        QFile file(home_.path() + "/.config/Ferrybox/Ferrybox.conf");
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+
+    static constexpr auto kPrivate = QFile::ReadOwner | QFile::WriteOwner;
+
+    QTemporaryDir home_;
+    FixtureServer server_;
+};
+
+TEST_F(HeadlessTest, OnceLogsInChecksAndQuits) {
+    const QString file = passwordFile("pa ss&word=1\nsecond line\n", kPrivate);
+    const Run r = run({"--headless", "--once", "--email", "me+tag@example.org", "--password-file",
+                       file},
+                      environment());
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+
+    const auto requests = server_.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].path, "/api/login");
+    EXPECT_EQ(requests[0].body,
+              QByteArray("email=me+tag@example.org&password=pa ss&word=1").toBase64().toStdString());
+    EXPECT_EQ(requests[0].headers.count("Authorization"), 0u);
+
+    const QString settings = settingsText();
+    for (const char* line : {"searchTerm", "interval=10", "useGrowl", "keepLog", "openAtLogin",
+                             "downloadDirectory", "me+tag@example.org", "token-xyz"}) {
+        EXPECT_TRUE(settings.contains(line)) << line << " missing from:\n" << settings.toStdString();
+    }
+    EXPECT_FALSE(settings.contains("pa ss")) << "the password must never reach the settings";
+}
+
+TEST_F(HeadlessTest, PasswordFileFromTheEnvironment) {
+    QProcessEnvironment env = environment();
+    env.insert("FERRYBOX_PASSWORD_FILE", passwordFile("secret", kPrivate));
+    const Run r = run({"--headless", "--once", "--email", "me@example.org"}, env);
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    ASSERT_EQ(server_.requests().size(), 1u);
+    EXPECT_EQ(server_.requests()[0].body,
+              QByteArray("email=me@example.org&password=secret").toBase64().toStdString());
+}
+
+TEST_F(HeadlessTest, FailedLoginSaysWhyAndExitsWithOne) {
+    server_.on("POST", "/api/login", FixtureServer::respond(401, ""));
+    const Run r = run({"--headless", "--email", "me@example.org", "--password-file",
+                       passwordFile("wrong", kPrivate)},
+                      environment());
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains("Error logging in to Simplenote.")) << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("Unknown login error. Check user name and password."));
+    EXPECT_FALSE(r.err.contains("wrong"));
+}
+
+struct RefusalCase {
+    const char* name;
+    QStringList arguments;
+    bool withDisplay;
+    int exitCode;
+    const char* message;
+};
+
+class RefusalTest : public HeadlessTest, public ::testing::WithParamInterface<RefusalCase> {};
+
+TEST_P(RefusalTest, ExplainsAndStops) {
+    const RefusalCase& c = GetParam();
+    QStringList arguments = c.arguments;
+    for (QString& a : arguments) a.replace("@FILE@", home_.path() + "/password");
+    passwordFile("secret", QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther);
+    QProcessEnvironment env = environment();
+    env.remove("DISPLAY");
+    env.remove("WAYLAND_DISPLAY");
+    env.remove("QT_QPA_PLATFORM");
+    const Run r = run(arguments, env);
+    EXPECT_EQ(r.exitCode, c.exitCode);
+    EXPECT_TRUE(r.err.contains(c.message)) << r.err.toStdString();
+    EXPECT_TRUE(server_.requests().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headless, RefusalTest,
+    ::testing::Values(
+        RefusalCase{"NoDesktop", {}, false, 2, "desktop session"},
+        RefusalCase{"ReadablePasswordFile",
+                    {"--headless", "--email", "a@b.org", "--password-file", "@FILE@"},
+                    false, 2, "can be read by other users"},
+        RefusalCase{"NoAccount", {"--headless"}, false, 1, "no account to log in with"},
+        RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HeadlessTest, TerminateSignalQuitsThroughTheGuard) {
+    QProcess process;
+    process.setProcessEnvironment(environment());
+    process.start(binary(), {"--headless", "--email", "me@example.org", "--password-file",
+                             passwordFile("secret", kPrivate)});
+    ASSERT_TRUE(process.waitForStarted());
+    ASSERT_TRUE(server_.waitForRequests(1, 10000));
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    ASSERT_TRUE(process.waitForFinished(10000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QMainWindow>
+#include <memory>
+
+#include "agent/AppController.h"
+#include "ui/PrefWindowDelegate.h"
+
+namespace Ui {
+class PreferencesWindow;
+}
+
+// What the application's interface definition holds: the preferences window built from
+// PreferencesWindow.ui, the controller with every outlet connected, and the window's delegate.
+// Loading it connects the controls' actions; awakeFromNib() is left to the caller.
+class MainInterface {
+public:
+    MainInterface();
+    ~MainInterface();
+
+    AppController& controller() { return controller_; }
+    QMainWindow& window() { return window_; }
+    PrefWindowDelegate& windowDelegate() { return delegate_; }
+
+private:
+    void connectOutlets();
+    void connectActions();
+
+    QMainWindow window_;
+    std::unique_ptr<Ui::PreferencesWindow> form_;
+    AppController controller_;
+    PrefWindowDelegate delegate_;
+};

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace ui {
+
+// Shows alerts as modal message boxes.
+void installMessageBoxPresenter();
+
+}  // namespace ui
