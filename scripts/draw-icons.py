@@ -50,7 +50,7 @@ def ring(color):
 
 def off(x, y):
     r, g, b, a = ring(GREY)(x, y)
-    on_slash = abs((x - y)) < 1.2 and 2 < x < 14
+    on_slash = abs(x - y) < 1.2 and math.hypot(x - 8, y - 8) < 5.5
     return (*GREY, 255) if on_slash else (r, g, b, a)
 
 
