@@ -18,7 +18,7 @@ public:
     ~Timer();
 
     // Starts counting in the default mode of the main run loop; the first tick comes one
-    // interval after create().
+    // interval later.
     void scheduleInDefaultMode();
     // Runs the action at once. A non-repeating timer is invalidated by it.
     void fire();
@@ -37,7 +37,6 @@ private:
     std::function<void()> action_;
     std::unique_ptr<QObject> context_;
     QTimer* qtimer_ = nullptr;
-    qint64 createdAtMs_;
 };
 
 }  // namespace foundation

@@ -53,7 +53,8 @@ public:
 // is reported with its body, so a delegate that keeps only the body after the last response sees
 // the final answer. An HTTP error status is a finished exchange; only transport errors fail, as
 // domain "QNetworkReplyErrorDomain" with the QNetworkReply::NetworkError code and its message.
-// From start() until its last event the connection keeps itself and its delegate alive.
+// From start() until its last event the connection keeps itself and its delegate alive; after
+// it, it holds neither.
 class URLConnection : public std::enable_shared_from_this<URLConnection> {
 public:
     static std::shared_ptr<URLConnection> create(const URLRequest& request,
@@ -64,6 +65,9 @@ public:
     // Stops the exchange; no further event is delivered.
     void cancel();
     const URLRequest& originalRequest() const { return request_; }
+
+    // Exchanges started and not yet over, for a caller that waits until the network is quiet.
+    static int inFlightCount();
 
 private:
     URLConnection(const URLRequest& request, std::shared_ptr<URLConnectionDelegate> delegate);
