@@ -1,0 +1,13 @@
+#pragma once
+
+#include <QByteArray>
+#include <cstdint>
+
+// Standard base64 (RFC 4648 alphabet, "=" padding, no line breaks, no terminator). Returns 0,
+// or 1 when the output ran out of room; groups written before then stay written.
+int encode(std::uint32_t inputLength, const unsigned char* input, std::uint32_t outputCapacity,
+           char* output);
+
+// The base64 text of data, capped at 512 characters: every request body the service client
+// sends is cut there, so input past its first 384 bytes is dropped.
+QByteArray encodeData(const QByteArray& data);
