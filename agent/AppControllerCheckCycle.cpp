@@ -2,4 +2,6 @@
 // only counts.
 #include "agent/AppController.h"
 
-void AppController::searchForNote() { ++checksStarted_; }
+void AppController::searchForNote() {
+    ++checksStarted_;
+}

@@ -1,7 +1,8 @@
 // Turning the agent on (a login, then the repeating check timer) and off, and the quit guard.
+#include <QCheckBox>
 #include <QLabel>
 #include <QLineEdit>
-#include <QCheckBox>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QWidget>
@@ -29,7 +30,9 @@ double checkPeriodSeconds(const QVariant& interval) {
 
 AppController::AppController() = default;
 AppController::~AppController() {
-    if (timer_) timer_->invalidate();
+    if (timer_)
+        timer_->invalidate();
+    foundation::NotificationCenter::defaultCenter().removeObserver(this);
 }
 
 void AppController::turnFerryboxOn(QObject*) {
@@ -68,8 +71,12 @@ void AppController::loginSucceeded(const foundation::Notification&) {
 // A new repeating timer, its first check at once. An earlier timer is not invalidated here: a
 // second login while one is armed leaves both running, as a second press of Start always has.
 void AppController::armCheckTimer() {
-    timer_ = foundation::Timer::create(checkPeriodSeconds(interval_), true,
-                                       [this] { searchForNote(); });
+    // An earlier timer may outlive this controller; it must not call into a destroyed one.
+    QPointer<AppController> controller(this);
+    timer_ = foundation::Timer::create(checkPeriodSeconds(interval_), true, [controller] {
+        if (controller)
+            controller->searchForNote();
+    });
     updateMenu();
     timer_->scheduleInDefaultMode();
     timer_->fire();
@@ -84,7 +91,8 @@ void AppController::loginFailed(const foundation::Notification&) {
 }
 
 void AppController::turnFerryboxOff(QObject*) {
-    if (!appRunning_) return;
+    if (!appRunning_)
+        return;
     if (downloadList_.empty()) {
         turnOff();
         return;
@@ -95,15 +103,18 @@ void AppController::turnFerryboxOff(QObject*) {
                         "Ferrybox off?\n\n(If you turn Ferrybox off, partially-downloaded files "
                         "will be deleted.)"),
          QStringLiteral("Turn Ferrybox Off"), QStringLiteral("Cancel"), QString()});
-    if (answer != foundation::AlertPanel::DefaultReturn) return;
+    if (answer != foundation::AlertPanel::DefaultReturn)
+        return;
 
-    for (const auto& download : downloadList_) download->cancel();
+    for (const auto& download : downloadList_)
+        download->cancel();
     downloadList_ = DownloadList();
     turnOff();
 }
 
 void AppController::turnOff() {
-    if (timer_) timer_->invalidate();
+    if (timer_)
+        timer_->invalidate();
     emailField_->setEnabled(true);
     passwordField_->setEnabled(true);
     setStartButtonAction(QStringLiteral("Start Ferrybox"), kTurnOn);
@@ -113,7 +124,8 @@ void AppController::turnOff() {
 }
 
 AppController::TerminateReply AppController::applicationShouldTerminate() {
-    if (downloadList_.empty()) return TerminateNow;
+    if (downloadList_.empty())
+        return TerminateNow;
     const auto answer = foundation::AlertPanel::runModal(
         {QStringLiteral("Ferrybox"),
          QStringLiteral("Files are still being downloaded.\n\nAre you sure you want to quit?"),
@@ -132,7 +144,9 @@ void AppController::startSpinner(bool on) {
     loginSpinner_->setVisible(on);
 }
 
-void AppController::showPreferencesWindow() { showPreferences(nullptr); }
+void AppController::showPreferencesWindow() {
+    showPreferences(nullptr);
+}
 
 bool AppController::tryToPerform(const QString& action, QObject* sender) {
     if (action == kTurnOn) {

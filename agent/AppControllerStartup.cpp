@@ -17,7 +17,9 @@ const QString kNo = QStringLiteral("no");
 const QString kKeychainService = QStringLiteral("Ferrybox");
 const QString kDefaultDownloadDirectory = QStringLiteral("~/Downloads/Ferrybox");
 
-foundation::UserDefaults& defaults() { return foundation::UserDefaults::standardUserDefaults(); }
+foundation::UserDefaults& defaults() {
+    return foundation::UserDefaults::standardUserDefaults();
+}
 
 void store(const QVariant& value, const QString& key) {
     defaults().setObject(value, key);
@@ -30,8 +32,10 @@ bool matches(const QString& stored, const QString& value) {
 }
 
 QString expandTilde(const QString& path) {
-    if (path == QLatin1String("~")) return QDir::homePath();
-    if (path.startsWith(QLatin1String("~/"))) return QDir::homePath() + path.mid(1);
+    if (path == QLatin1String("~"))
+        return QDir::homePath();
+    if (path.startsWith(QLatin1String("~/")))
+        return QDir::homePath() + path.mid(1);
     return path;
 }
 
@@ -64,20 +68,24 @@ void AppController::awakeFromNib() {
 void AppController::applicationDidFinishLaunching() {}
 
 void AppController::setAccountOverride(const QString& email, const QString& password) {
-    if (!email.isNull()) emailOverride_ = email;
-    if (!password.isNull()) passwordOverride_ = password;
+    if (!email.isNull())
+        emailOverride_ = email;
+    if (!password.isNull())
+        passwordOverride_ = password;
 }
 
 void AppController::readAccountSettings() {
     const QString email = defaults().stringForKey(QStringLiteral("email"));
-    if (!email.isNull()) emailField_->setText(email);
+    if (!email.isNull())
+        emailField_->setText(email);
 
     const QString remember = defaults().stringForKey(QStringLiteral("shouldRememberPassword"));
     if (matches(remember, kYes) && !email.isNull()) {
         rememberInKeychainButton_->setChecked(true);
-        auto item =
-            KCGenericKeychainItem::genericKeychainItemForService(kKeychainService, emailField_->text());
-        if (item) passwordField_->setText(item->password());
+        auto item = KCGenericKeychainItem::genericKeychainItemForService(kKeychainService,
+                                                                         emailField_->text());
+        if (item)
+            passwordField_->setText(item->password());
     } else if (matches(remember, kNo)) {
         rememberInKeychainButton_->setChecked(false);
     } else {
@@ -85,8 +93,10 @@ void AppController::readAccountSettings() {
         store(kYes, QStringLiteral("shouldRememberPassword"));
     }
 
-    if (emailOverride_) emailField_->setText(*emailOverride_);
-    if (passwordOverride_) passwordField_->setText(*passwordOverride_);
+    if (emailOverride_)
+        emailField_->setText(*emailOverride_);
+    if (passwordOverride_)
+        passwordField_->setText(*passwordOverride_);
 }
 
 void AppController::readCheckSettings() {
@@ -142,7 +152,8 @@ void AppController::readDownloadDirectorySetting() {
         return;
     }
     const QString expanded = expandTilde(kDefaultDownloadDirectory);
-    if (!QFileInfo::exists(expanded)) QDir().mkpath(expanded);  // a failure shows at download time
+    if (!QFileInfo::exists(expanded))
+        QDir().mkpath(expanded);  // a failure shows at download time
     store(kDefaultDownloadDirectory, QStringLiteral("downloadDirectory"));
     downloadDirectory_ = kDefaultDownloadDirectory;
 }

@@ -31,7 +31,8 @@ void StatusItem::setChangeHandler(std::function<void(StatusItem&)> handler) {
 }
 
 void StatusItem::changed() {
-    if (changeHandler_) changeHandler_(*this);
+    if (changeHandler_)
+        changeHandler_(*this);
 }
 
 StatusBar& StatusBar::systemStatusBar() {
@@ -41,6 +42,7 @@ StatusBar& StatusBar::systemStatusBar() {
 
 std::shared_ptr<StatusItem> StatusBar::statusItemWithLength(double length) {
     std::shared_ptr<StatusItem> item(new StatusItem(length));
-    if (hook_) hook_(item);
+    if (hook_)
+        hook_(item);
     return item;
 }

@@ -12,7 +12,7 @@ namespace {
 
 using testsupport::FixtureServer;
 
-struct Run {
+struct RunResult {
     int exitCode = -1;
     QString out;
     QString err;
@@ -47,7 +47,7 @@ protected:
         return path;
     }
 
-    Run run(const QStringList& arguments, QProcessEnvironment env) {
+    RunResult run(const QStringList& arguments, QProcessEnvironment env) {
         QProcess process;
         process.setProcessEnvironment(env);
         process.start(binary(), arguments);
@@ -69,23 +69,25 @@ protected:
 
 TEST_F(HeadlessTest, OnceLogsInChecksAndQuits) {
     const QString file = passwordFile("pa ss&word=1\nsecond line\n", kPrivate);
-    const Run r = run({"--headless", "--once", "--email", "me+tag@example.org", "--password-file",
-                       file},
-                      environment());
+    const RunResult r =
+        run({"--headless", "--once", "--email", "me+tag@example.org", "--password-file", file},
+            environment());
     EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
 
     const auto requests = server_.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
     EXPECT_EQ(requests[0].path, "/api/login");
-    EXPECT_EQ(requests[0].body,
-              QByteArray("email=me+tag@example.org&password=pa ss&word=1").toBase64().toStdString());
+    EXPECT_EQ(
+        requests[0].body,
+        QByteArray("email=me+tag@example.org&password=pa ss&word=1").toBase64().toStdString());
     EXPECT_EQ(requests[0].headers.count("Authorization"), 0u);
 
     const QString settings = settingsText();
     for (const char* line : {"searchTerm", "interval=10", "useGrowl", "keepLog", "openAtLogin",
                              "downloadDirectory", "me+tag@example.org", "token-xyz"}) {
-        EXPECT_TRUE(settings.contains(line)) << line << " missing from:\n" << settings.toStdString();
+        EXPECT_TRUE(settings.contains(line)) << line << " missing from:\n"
+                                             << settings.toStdString();
     }
     EXPECT_FALSE(settings.contains("pa ss")) << "the password must never reach the settings";
 }
@@ -93,7 +95,7 @@ TEST_F(HeadlessTest, OnceLogsInChecksAndQuits) {
 TEST_F(HeadlessTest, PasswordFileFromTheEnvironment) {
     QProcessEnvironment env = environment();
     env.insert("FERRYBOX_PASSWORD_FILE", passwordFile("secret", kPrivate));
-    const Run r = run({"--headless", "--once", "--email", "me@example.org"}, env);
+    const RunResult r = run({"--headless", "--once", "--email", "me@example.org"}, env);
     EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
     ASSERT_EQ(server_.requests().size(), 1u);
     EXPECT_EQ(server_.requests()[0].body,
@@ -102,9 +104,9 @@ TEST_F(HeadlessTest, PasswordFileFromTheEnvironment) {
 
 TEST_F(HeadlessTest, FailedLoginSaysWhyAndExitsWithOne) {
     server_.on("POST", "/api/login", FixtureServer::respond(401, ""));
-    const Run r = run({"--headless", "--email", "me@example.org", "--password-file",
-                       passwordFile("wrong", kPrivate)},
-                      environment());
+    const RunResult r = run({"--headless", "--email", "me@example.org", "--password-file",
+                             passwordFile("wrong", kPrivate)},
+                            environment());
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains("Error logging in to Simplenote.")) << r.err.toStdString();
     EXPECT_TRUE(r.err.contains("Unknown login error. Check user name and password."));
@@ -124,13 +126,14 @@ class RefusalTest : public HeadlessTest, public ::testing::WithParamInterface<Re
 TEST_P(RefusalTest, ExplainsAndStops) {
     const RefusalCase& c = GetParam();
     QStringList arguments = c.arguments;
-    for (QString& a : arguments) a.replace("@FILE@", home_.path() + "/password");
+    for (QString& a : arguments)
+        a.replace("@FILE@", home_.path() + "/password");
     passwordFile("secret", QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther);
     QProcessEnvironment env = environment();
     env.remove("DISPLAY");
     env.remove("WAYLAND_DISPLAY");
     env.remove("QT_QPA_PLATFORM");
-    const Run r = run(arguments, env);
+    const RunResult r = run(arguments, env);
     EXPECT_EQ(r.exitCode, c.exitCode);
     EXPECT_TRUE(r.err.contains(c.message)) << r.err.toStdString();
     EXPECT_TRUE(server_.requests().empty());
@@ -138,13 +141,15 @@ TEST_P(RefusalTest, ExplainsAndStops) {
 
 INSTANTIATE_TEST_SUITE_P(
     Headless, RefusalTest,
-    ::testing::Values(
-        RefusalCase{"NoDesktop", {}, false, 2, "desktop session"},
-        RefusalCase{"ReadablePasswordFile",
-                    {"--headless", "--email", "a@b.org", "--password-file", "@FILE@"},
-                    false, 2, "can be read by other users"},
-        RefusalCase{"NoAccount", {"--headless"}, false, 1, "no account to log in with"},
-        RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
+    ::testing::Values(RefusalCase{"NoDesktop", {}, false, 2, "desktop session"},
+                      RefusalCase{"ReadablePasswordFile",
+                                  {"--headless", "--email", "a@b.org", "--password-file", "@FILE@"},
+                                  false,
+                                  2,
+                                  "can be read by other users"},
+                      RefusalCase{
+                          "NoAccount", {"--headless"}, false, 1, "no account to log in with"},
+                      RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HeadlessTest, TerminateSignalQuitsThroughTheGuard) {
