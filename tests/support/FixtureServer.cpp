@@ -16,6 +16,9 @@ FixtureServer::FixtureServer() : server_(std::make_unique<httplib::Server>()) {
     }
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    // stop() only stops a server that is already running: wait for the accept loop.
+    while (!server_->is_running())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 FixtureServer::~FixtureServer() {

@@ -1,0 +1,68 @@
+// Settings come back with the type they were stored with, across a restart of the store.
+#include <gtest/gtest.h>
+
+#include <QFile>
+
+#include "foundation/UserDefaults.h"
+#include "tests/support/TempHome.h"
+
+namespace {
+
+using foundation::UserDefaults;
+
+struct RoundTrip {
+    const char* key;
+    QVariant stored;
+};
+
+TEST(UserDefaultsTest, ValuesKeepTheirTypeAcrossARestart) {
+    testsupport::TempHome home;
+    const std::vector<RoundTrip> cases = {
+        {"number", 10},
+        {"numberText", QString("10")},
+        {"yesText", QString("yes")},
+        {"truth", true},
+        {"fraction", 2.5},
+        {"wholeDouble", 3.0},
+        {"empty", QString("")},
+        {"quoted", QString("say \"hi\"\\ and\nnewline = here")},
+        {"unicode", QString::fromUtf8("Grüße ☃ 𝄞")},
+        {"atSign", QString("@Variant(junk)")},
+        {"negative", -42},
+    };
+    {
+        UserDefaults& defaults = UserDefaults::standardUserDefaults();
+        for (const auto& c : cases)
+            defaults.setObject(c.stored, c.key);
+        ASSERT_TRUE(defaults.synchronize());
+    }
+    UserDefaults reread(UserDefaults::defaultFilePath());
+    for (const auto& c : cases) {
+        const QVariant value = reread.objectForKey(c.key);
+        EXPECT_EQ(value.toString(), c.stored.toString()) << c.key;
+        const bool storedString = c.stored.typeId() == QMetaType::QString;
+        EXPECT_EQ(value.typeId() == QMetaType::QString, storedString) << c.key;
+        EXPECT_EQ(reread.stringForKey(c.key).isNull(), !storedString) << c.key;
+    }
+    EXPECT_FALSE(reread.objectForKey("absent").isValid());
+    EXPECT_TRUE(reread.stringForKey("absent").isNull());
+}
+
+TEST(UserDefaultsTest, FileLivesInTheConfigFolderAndReadsPlainly) {
+    testsupport::TempHome home;
+    UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    defaults.setObject(10, "interval");
+    defaults.setObject(QString("no"), "keepLog");
+    defaults.setObject(QString("gone"), "removed");
+    defaults.removeObjectForKey("removed");
+    ASSERT_TRUE(defaults.synchronize());
+
+    QFile file(home.path() + "/.config/Ferrybox/Ferrybox.conf");
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray text = file.readAll();
+    EXPECT_TRUE(text.contains("interval=10\n")) << text.toStdString();
+    EXPECT_TRUE(text.contains("keepLog=\"no\"\n")) << text.toStdString();
+    EXPECT_FALSE(text.contains("removed"));
+}
+
+}  // namespace
