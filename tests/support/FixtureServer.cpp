@@ -110,15 +110,16 @@ FixtureServer::Handler FixtureServer::sequence(std::vector<Handler> handlers) {
     };
 }
 
-FixtureServer::Handler FixtureServer::stall() {
+FixtureServer::Handler FixtureServer::stall(int status, std::string body) {
     {
         std::lock_guard lock(mutex_);
         stallReleased_ = false;
     }
-    return [this](const httplib::Request&, httplib::Response& res) {
+    return [this, status, body](const httplib::Request&, httplib::Response& res) {
         std::unique_lock lock(mutex_);
         stallCv_.wait(lock, [this] { return stallReleased_; });
-        res.status = 200;
+        res.status = status;
+        res.set_content(body, "text/plain; charset=utf-8");
     };
 }
 

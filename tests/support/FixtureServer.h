@@ -54,8 +54,8 @@ public:
     static Handler redirectTo(std::string location, std::string body = {}, int status = 302);
     // Each call answers with the next handler; the last one keeps answering.
     static Handler sequence(std::vector<Handler> handlers);
-    // Holds the answer until releaseStalled() or the server stops.
-    Handler stall();
+    // Holds the answer until releaseStalled() or the server stops, then gives it.
+    Handler stall(int status = 200, std::string body = {});
     void releaseStalled();
 
 private:

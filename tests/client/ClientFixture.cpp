@@ -1,0 +1,41 @@
+#include "tests/client/ClientFixture.h"
+
+namespace clienttest {
+
+testsupport::FixtureServer& server() {
+    static auto* fixture = [] {
+        auto* s = new testsupport::FixtureServer();
+        qputenv("FERRYBOX_API_URL", (s->baseUrl() + QStringLiteral("/api")).toUtf8());
+        return s;
+    }();
+    return *fixture;
+}
+
+void ClientTest::SetUp() {
+    server().clearRoutes();
+    server().clearRequests();
+    home_ = std::make_unique<testsupport::TempHome>();
+}
+
+void ClientTest::TearDown() {
+    foundation::NotificationCenter::defaultCenter().removeObserver(this);
+    home_.reset();
+}
+
+void ClientTest::observe(LWSNObject& object, const QString& selector, Heard& heard) {
+    auto record = [&heard](const foundation::Notification& n) {
+        heard.names << n.name;
+        heard.last = n;
+    };
+    object.addObserver(this, selector, record, record);
+}
+
+std::shared_ptr<LWSimplenoteLogin> ClientTest::loginAs(const QString& email,
+                                                       const QString& password) {
+    auto login = LWSNObject::create<LWSimplenoteLogin>();
+    login->setEmail(email);
+    login->setPassword(password);
+    return login;
+}
+
+}  // namespace clienttest

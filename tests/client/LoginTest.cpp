@@ -1,0 +1,159 @@
+// Logging in: the exact request, what counts as a token, and where the token goes.
+#include <QNetworkReply>
+
+#include "client/LWSimplenoteCredentialStore.h"
+#include "foundation/UserDefaults.h"
+#include "tests/client/ClientFixture.h"
+#include "tests/support/Wait.h"
+
+namespace clienttest {
+namespace {
+
+using testsupport::FixtureServer;
+using testsupport::waitUntil;
+
+const QString kSuccess = QStringLiteral("LWSimplenoteLoginLoginSuccessNotification");
+const QString kFailure = QStringLiteral("LWSimplenoteLoginLoginFailureNotification");
+
+class LoginTest : public ClientTest {};
+
+TEST_F(LoginTest, SendsTheAccountAsBase64FormTextWithoutEscaping) {
+    server().on("POST", "/api/login", FixtureServer::respond(200, "tok"));
+    Heard heard;
+    auto login = loginAs("a+b@x.org", "p&q=%2 ü");
+    observe(*login, "login", heard);
+    login->login();
+    ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+
+    const auto requests = server().requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].path, "/api/login");
+    EXPECT_EQ(requests[0].query, "");
+    EXPECT_EQ(QByteArray::fromStdString(requests[0].body),
+              QString("email=a+b@x.org&password=p&q=%2 ü").toUtf8().toBase64());
+    EXPECT_EQ(requests[0].headers.count("Authorization"), 0u);
+}
+
+struct Outcome {
+    const char* name;
+    int status;
+    std::string body;
+    QString expectedName;
+    QString expectedToken;  // null: the store is left alone
+};
+
+class LoginOutcomeTest : public ClientTest, public ::testing::WithParamInterface<Outcome> {};
+
+TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceFails) {
+    const Outcome& c = GetParam();
+    server().on("POST", "/api/login", FixtureServer::respond(c.status, c.body));
+    Heard heard;
+    auto login = loginAs("me@example.org", "secret");
+    observe(*login, "login", heard);
+    login->login();
+    ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+    testsupport::settle(50);
+
+    EXPECT_EQ(heard.names, QStringList{c.expectedName});
+    auto sender = heard.last.value<std::shared_ptr<LWSNObject>>("LWSimplenoteLogin");
+    ASSERT_NE(sender, nullptr);
+    EXPECT_EQ(sender->get(), login.get());
+    EXPECT_EQ(LWSimplenoteCredentialStore::authToken(), c.expectedToken);
+    if (c.expectedToken.isNull()) {
+        const auto* error = heard.last.value<foundation::Error>("error");
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(*error, foundation::Error("LWSimplenoteLoginDomain", 0,
+                                            "Unknown login error. Check user name and password."));
+        EXPECT_TRUE(LWSimplenoteCredentialStore::email().isNull());
+    } else {
+        EXPECT_EQ(login->authToken(), c.expectedToken);
+        EXPECT_EQ(LWSimplenoteCredentialStore::email(), "me@example.org");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Client, LoginOutcomeTest,
+    ::testing::Values(Outcome{"Token", 200, "tok-123", kSuccess, "tok-123"},
+                      Outcome{"UnauthorisedWithBodyIsATokenToo", 401, "abc", kSuccess, "abc"},
+                      Outcome{"TokenKeepsItsLineEnd", 200, "tok\n", kSuccess, "tok\n"},
+                      Outcome{"EmptyBodyFails", 200, "", kFailure, QString()},
+                      Outcome{"EmptyServerErrorFails", 500, "", kFailure, QString()}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(LoginTest, RedirectedLoginTakesOnlyTheLastBody) {
+    server().on("POST", "/api/login", FixtureServer::redirectTo("/api/elsewhere", "moved", 307));
+    server().on("POST", "/api/elsewhere", FixtureServer::respond(200, "final-token"));
+    Heard heard;
+    auto login = loginAs("me@example.org", "secret");
+    observe(*login, "login", heard);
+    login->login();
+    ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+    EXPECT_EQ(login->authToken(), "final-token");
+}
+
+TEST_F(LoginTest, NewTokenReachesLaterObjectsOnly) {
+    LWSimplenoteCredentialStore::setAuthToken("old");
+    auto earlier = LWSNObject::create<LWSimplenoteLogin>();
+    EXPECT_EQ(earlier->authParams(), (QStringList{"auth=old", "email=(null)"}));
+
+    server().on("POST", "/api/login", FixtureServer::respond(200, "new"));
+    Heard heard;
+    auto login = loginAs("me@example.org", "secret");
+    observe(*login, "login", heard);
+    login->login();
+    ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+
+    auto later = LWSNObject::create<LWSimplenoteLogin>();
+    EXPECT_EQ(later->authParams(), (QStringList{"auth=new", "email=me@example.org"}));
+    EXPECT_EQ(earlier->authParams(), (QStringList{"auth=old", "email=(null)"}));
+    EXPECT_EQ(foundation::UserDefaults(foundation::UserDefaults::defaultFilePath())
+                  .stringForKey("simplenote-authToken"),
+              "new");
+    EXPECT_TRUE(login->description().endsWith(" authToken:new>"))
+        << login->description().toStdString();
+    EXPECT_TRUE(login->description().startsWith("<<LWSimplenoteLogin: 0x"));
+}
+
+// A login aimed at a port where nobody listens.
+class RefusedLogin : public LWSimplenoteLogin {
+public:
+    static inline int port = 0;
+    QUrl URLForActionID(int) const override {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1/api/login").arg(port));
+    }
+};
+
+TEST_F(LoginTest, TransportFailurePassesTheErrorThrough) {
+    {
+        FixtureServer closed;
+        RefusedLogin::port = closed.port();
+    }
+    auto login = LWSNObject::create<RefusedLogin>();
+    login->setPassword("secret");
+    Heard heard;
+    observe(*login, "login", heard);
+    login->login();
+    ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+    EXPECT_EQ(heard.names, QStringList{"RefusedLoginLoginFailureNotification"});
+    const auto* error = heard.last.value<foundation::Error>("error");
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain, "QNetworkReplyErrorDomain");
+    EXPECT_EQ(error->code, QNetworkReply::ConnectionRefusedError);
+    EXPECT_NE(heard.last.value<std::shared_ptr<LWSNObject>>("RefusedLogin"), nullptr);
+    EXPECT_TRUE(LWSimplenoteCredentialStore::authToken().isNull());
+}
+
+TEST(CredentialStoreTest, KeysComeFromTheOperationNames) {
+    testsupport::TempHome home;
+    LWSimplenoteCredentialStore::setEmail("x@y.z");
+    LWSimplenoteCredentialStore::setAuthToken("t");
+    foundation::UserDefaults reread(foundation::UserDefaults::defaultFilePath());
+    EXPECT_EQ(reread.stringForKey("simplenote-email"), "x@y.z");
+    EXPECT_EQ(reread.stringForKey("simplenote-authToken"), "t");
+    EXPECT_EQ(LWSimplenoteCredentialStore::keyForSetter("setAuthToken:"), "authToken");
+    EXPECT_EQ(LWSimplenoteCredentialStore::keyForSetter("setEmail:"), "email");
+}
+
+}  // namespace
+}  // namespace clienttest
