@@ -14,6 +14,8 @@ FixtureServer::FixtureServer() : server_(std::make_unique<httplib::Server>()) {
                         &httplib::Server::Delete, &httplib::Server::Patch}) {
         (server_.get()->*method)(".*", handler);
     }
+    // One request per connection: a kept-alive connection would hold up stop() for seconds.
+    server_->set_keep_alive_max_count(1);
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
     // stop() only stops a server that is already running: wait for the accept loop.
