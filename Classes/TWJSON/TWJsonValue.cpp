@@ -1,0 +1,245 @@
+#include "Classes/TWJSON/TWJsonValue.h"
+
+#include <QHash>
+#include <QLocale>
+#include <stdexcept>
+
+namespace {
+
+// Small dictionaries are searched linearly; past this size a hash index takes over.
+constexpr std::size_t kIndexThreshold = 12;
+
+const std::vector<TWJsonValue> kNoElements;
+const std::vector<TWJsonMember> kNoMembers;
+const std::shared_ptr<const TWJsonCustom> kNoCustom;
+
+}  // namespace
+
+std::optional<TWJsonValue> TWJsonCustom::proxyForJson() const {
+    return std::nullopt;
+}
+
+struct TWJsonValue::Container {
+    std::vector<TWJsonValue> elements;
+    std::vector<TWJsonMember> members;
+    std::unique_ptr<QHash<QString, std::size_t>> index;
+    std::shared_ptr<const TWJsonCustom> custom;
+
+    Container() = default;
+    Container(const Container& other)
+        : elements(other.elements), members(other.members), custom(other.custom) {
+        if (other.index)
+            index = std::make_unique<QHash<QString, std::size_t>>(*other.index);
+    }
+
+    TWJsonMember* find(const QString& key) {
+        if (index) {
+            auto it = index->constFind(key);
+            return it == index->constEnd() ? nullptr : &members[*it];
+        }
+        for (auto& m : members) {
+            if (!m.nonStringKey && m.key == key)
+                return &m;
+        }
+        return nullptr;
+    }
+
+    void add(TWJsonMember&& member) {
+        members.push_back(std::move(member));
+        if (index) {
+            index->insert(members.back().key, members.size() - 1);
+        } else if (members.size() > kIndexThreshold) {
+            index = std::make_unique<QHash<QString, std::size_t>>();
+            index->reserve(static_cast<qsizetype>(members.size() * 2));
+            for (std::size_t i = 0; i < members.size(); ++i) {
+                if (!members[i].nonStringKey)
+                    index->insert(members[i].key, i);
+            }
+        }
+    }
+};
+
+TWJsonValue TWJsonValue::boolean(bool b) {
+    TWJsonValue v;
+    v.type_ = Type::Boolean;
+    v.bool_ = b;
+    return v;
+}
+
+TWJsonValue TWJsonValue::number(const QString& decimalText) {
+    TWJsonValue v;
+    v.type_ = Type::Number;
+    v.text_ = decimalText;
+    return v;
+}
+
+TWJsonValue TWJsonValue::number(qint64 n) {
+    return number(QString::number(n));
+}
+
+TWJsonValue TWJsonValue::number(double d) {
+    return number(QString::number(d, 'g', QLocale::FloatingPointShortest));
+}
+
+TWJsonValue TWJsonValue::string(const QString& s) {
+    TWJsonValue v;
+    v.type_ = Type::String;
+    v.text_ = s;
+    return v;
+}
+
+TWJsonValue TWJsonValue::array() {
+    TWJsonValue v;
+    v.type_ = Type::Array;
+    v.container_ = std::make_shared<Container>();
+    return v;
+}
+
+TWJsonValue TWJsonValue::array(std::vector<TWJsonValue>&& elements) {
+    TWJsonValue v = array();
+    v.container_->elements = std::move(elements);
+    return v;
+}
+
+TWJsonValue TWJsonValue::dictionary() {
+    TWJsonValue v;
+    v.type_ = Type::Dictionary;
+    v.container_ = std::make_shared<Container>();
+    return v;
+}
+
+TWJsonValue TWJsonValue::custom(std::shared_ptr<const TWJsonCustom> object) {
+    TWJsonValue v;
+    v.type_ = Type::Custom;
+    v.container_ = std::make_shared<Container>();
+    v.container_->custom = std::move(object);
+    return v;
+}
+
+TWJsonValue::Container& TWJsonValue::mutableContainer() {
+    if (!container_) {
+        container_ = std::make_shared<Container>();
+    } else if (container_.use_count() > 1) {
+        container_ = std::make_shared<Container>(*container_);
+    }
+    return *container_;
+}
+
+void TWJsonValue::append(const TWJsonValue& value) {
+    if (type_ == Type::Array)
+        mutableContainer().elements.push_back(value);
+}
+
+void TWJsonValue::append(TWJsonValue&& value) {
+    if (type_ == Type::Array)
+        mutableContainer().elements.push_back(std::move(value));
+}
+
+void TWJsonValue::insert(const QString& key, const TWJsonValue& value) {
+    insert(QString(key), TWJsonValue(value));
+}
+
+void TWJsonValue::insert(QString&& key, TWJsonValue&& value) {
+    if (type_ != Type::Dictionary)
+        return;
+    Container& c = mutableContainer();
+    if (TWJsonMember* existing = c.find(key)) {
+        existing->value = std::move(value);
+        return;
+    }
+    c.add(TWJsonMember{std::move(key), std::move(value), nullptr});
+}
+
+void TWJsonValue::insertWithNonStringKey(const TWJsonValue& key, const TWJsonValue& value) {
+    if (key.isString()) {
+        insert(key.stringValue(), value);
+        return;
+    }
+    if (type_ != Type::Dictionary)
+        return;
+    Container& c = mutableContainer();
+    const QString text = key.isNumber() ? key.numberText() : QString();
+    c.members.push_back(TWJsonMember{text, value, std::make_shared<const TWJsonValue>(key)});
+    if (c.index)
+        c.index.reset();  // rebuilt lazily by the next string insert past the threshold
+}
+
+void TWJsonValue::reserve(qsizetype n) {
+    if (type_ == Type::Array)
+        mutableContainer().elements.reserve(static_cast<std::size_t>(n));
+    if (type_ == Type::Dictionary)
+        mutableContainer().members.reserve(static_cast<std::size_t>(n));
+}
+
+const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {
+    return type_ == Type::Custom ? container_->custom : kNoCustom;
+}
+
+qsizetype TWJsonValue::count() const {
+    if (type_ == Type::Array)
+        return static_cast<qsizetype>(container_->elements.size());
+    if (type_ == Type::Dictionary)
+        return static_cast<qsizetype>(container_->members.size());
+    return 0;
+}
+
+const TWJsonValue& TWJsonValue::at(qsizetype index) const {
+    if (type_ != Type::Array || index < 0 ||
+        static_cast<std::size_t>(index) >= container_->elements.size()) {
+        throw std::out_of_range("TWJsonValue::at: index " + std::to_string(index) +
+                                " beyond bounds of " + std::to_string(count()) + " elements");
+    }
+    return container_->elements[static_cast<std::size_t>(index)];
+}
+
+const TWJsonValue* TWJsonValue::valueForKey(const QString& key) const {
+    if (type_ != Type::Dictionary)
+        return nullptr;
+    const TWJsonMember* m = container_->find(key);
+    return m ? &m->value : nullptr;
+}
+
+QStringList TWJsonValue::keys() const {
+    QStringList list;
+    for (const auto& m : members())
+        list << m.key;
+    return list;
+}
+
+const std::vector<TWJsonMember>& TWJsonValue::members() const {
+    return type_ == Type::Dictionary ? container_->members : kNoMembers;
+}
+
+const std::vector<TWJsonValue>& TWJsonValue::elements() const {
+    return type_ == Type::Array ? container_->elements : kNoElements;
+}
+
+bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
+    if (a.type_ != b.type_)
+        return false;
+    switch (a.type_) {
+        case TWJsonValue::Type::Null:
+            return true;
+        case TWJsonValue::Type::Boolean:
+            return a.bool_ == b.bool_;
+        case TWJsonValue::Type::Number:
+        case TWJsonValue::Type::String:
+            return a.text_ == b.text_;
+        case TWJsonValue::Type::Array:
+            return a.elements() == b.elements();
+        case TWJsonValue::Type::Dictionary: {
+            const auto& am = a.members();
+            const auto& bm = b.members();
+            if (am.size() != bm.size())
+                return false;
+            for (std::size_t i = 0; i < am.size(); ++i) {
+                if (am[i].key != bm[i].key || !(am[i].value == bm[i].value))
+                    return false;
+            }
+            return true;
+        }
+        case TWJsonValue::Type::Custom:
+            return a.container_->custom == b.container_->custom;
+    }
+    return false;
+}

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <memory>
+#include <optional>
+#include <vector>
+
+class TWJsonValue;
+struct TWJsonMember;
+
+// An object the writer cannot write directly. It may offer a writable substitute.
+class TWJsonCustom {
+public:
+    virtual ~TWJsonCustom() = default;
+    // The class name error messages show.
+    virtual QString className() const = 0;
+    // The substitute to write instead, or nothing when the object offers none.
+    virtual std::optional<TWJsonValue> proxyForJson() const;
+};
+
+// A decoded JSON value: null, boolean, number (kept as the exact decimal text it was made from),
+// string (UTF-16), array, or dictionary (members in insertion order, a repeated key replacing the
+// earlier value). Copies are cheap: containers are shared and copied on the first write.
+class TWJsonValue {
+public:
+    enum class Type { Null, Boolean, Number, String, Array, Dictionary, Custom };
+
+    TWJsonValue() = default;
+    static TWJsonValue null() { return TWJsonValue(); }
+    static TWJsonValue boolean(bool b);
+    static TWJsonValue number(const QString& decimalText);
+    static TWJsonValue number(qint64 n);
+    static TWJsonValue number(double d);
+    static TWJsonValue string(const QString& s);
+    static TWJsonValue array();
+    static TWJsonValue array(std::vector<TWJsonValue>&& elements);
+    static TWJsonValue dictionary();
+    static TWJsonValue custom(std::shared_ptr<const TWJsonCustom> object);
+
+    void append(const TWJsonValue& value);
+    void append(TWJsonValue&& value);
+    void insert(const QString& key, const TWJsonValue& value);
+    void insert(QString&& key, TWJsonValue&& value);
+    // A member whose key is not a string (only the writer's error path needs one).
+    void insertWithNonStringKey(const TWJsonValue& key, const TWJsonValue& value);
+    void reserve(qsizetype n);
+
+    Type type() const { return type_; }
+    bool isNull() const { return type_ == Type::Null; }
+    bool isBoolean() const { return type_ == Type::Boolean; }
+    bool isNumber() const { return type_ == Type::Number; }
+    bool isString() const { return type_ == Type::String; }
+    bool isArray() const { return type_ == Type::Array; }
+    bool isDictionary() const { return type_ == Type::Dictionary; }
+    bool isCustom() const { return type_ == Type::Custom; }
+
+    bool boolValue() const { return type_ == Type::Boolean && bool_; }
+    QString numberText() const { return type_ == Type::Number ? text_ : QString(); }
+    QString stringValue() const { return type_ == Type::String ? text_ : QString(); }
+    const std::shared_ptr<const TWJsonCustom>& customObject() const;
+
+    // Elements of an array, members of a dictionary, else 0.
+    qsizetype count() const;
+    // Throws std::out_of_range outside 0 .. count() - 1.
+    const TWJsonValue& at(qsizetype index) const;
+    const TWJsonValue* valueForKey(const QString& key) const;
+    QStringList keys() const;
+
+    // The members of a dictionary in insertion order; the elements of an array.
+    const std::vector<TWJsonMember>& members() const;
+    const std::vector<TWJsonValue>& elements() const;
+
+    // Deep equality (numbers by their text).
+    friend bool operator==(const TWJsonValue& a, const TWJsonValue& b);
+
+private:
+    struct Container;
+    Container& mutableContainer();
+
+    Type type_ = Type::Null;
+    bool bool_ = false;
+    QString text_;
+    std::shared_ptr<Container> container_;
+};
+
+struct TWJsonMember {
+    QString key;
+    TWJsonValue value;
+    std::shared_ptr<const TWJsonValue> nonStringKey;  // set only for a key that is not a string
+};
