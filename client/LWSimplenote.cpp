@@ -1,0 +1,162 @@
+#include "client/LWSimplenote.h"
+
+#include "client/Base64.h"
+#include "client/JsonBody.h"
+#include "client/NoteDate.h"
+
+namespace {
+
+const TWJsonValue* member(const TWJsonValue* value, const QString& key) {
+    return value && value->isDictionary() ? value->valueForKey(key) : nullptr;
+}
+
+QString stringMember(const TWJsonValue* value, const QString& key) {
+    const TWJsonValue* found = member(value, key);
+    return found && found->isString() ? found->stringValue() : QString();
+}
+
+}  // namespace
+
+void LWSimplenote::init() {
+    LWSNObject::init();
+    auto self = std::static_pointer_cast<LWSimplenote>(shared_from_this());
+    setCallback(LWCallback::make(self, &LWSimplenote::pullFromRemoteSuccessWithResponse,
+                                 &LWSimplenote::pullFromRemoteFailure),
+                kPullFromRemote);
+    setCallback(LWCallback::make(self, &LWSimplenote::pushToRemoteSuccessWithResponse,
+                                 &LWSimplenote::pushToRemoteFailure),
+                kPushToRemote);
+    setCallback(LWCallback::make(self, &LWSimplenote::deleteNoteSuccessWithResponse,
+                                 &LWSimplenote::deleteNoteFailure),
+                kDeleteNote);
+}
+
+std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue& dictionary) {
+    auto note = LWSNObject::create<LWSimplenote>();
+    const TWJsonValue* results =
+        member(member(&dictionary, QStringLiteral("Response")), QStringLiteral("Results"));
+    if (results && results->isArray()) {
+        const TWJsonValue& first = results->at(0);
+        note->key_ = stringMember(&first, QStringLiteral("key"));
+        note->text_ = stringMember(&first, QStringLiteral("content"));
+    }
+    const QString modify = stringMember(&dictionary, QStringLiteral("modify"));
+    if (!modify.isNull())
+        note->modifyDate_ = noteDateFromString(modify);
+    const QString create = stringMember(&dictionary, QStringLiteral("create"));
+    if (!create.isNull())
+        note->createDate_ = noteDateFromString(create);
+    if (const TWJsonValue* deleted = member(&dictionary, QStringLiteral("deleted"))) {
+        note->deleted_ = *deleted;
+    }
+    return note;
+}
+
+QUrl LWSimplenote::URLForActionID(int actionID) const {
+    QStringList params = authParams();
+    if (!key_.isNull())
+        params << QStringLiteral("key=") + key_;
+    return QUrl(QStringLiteral("%1/%2?%3")
+                    .arg(baseURLString(), orNullText(endpointForActionID(actionID)),
+                         params.join(QLatin1Char('&'))));
+}
+
+QString LWSimplenote::endpointForActionID(int actionID) const {
+    switch (actionID) {
+        case kPullFromRemote:
+        case kPushToRemote:
+            return QStringLiteral("note");
+        case kDeleteNote:
+            return QStringLiteral("delete");
+        default:
+            return LWSNObject::endpointForActionID(actionID);
+    }
+}
+
+QString LWSimplenote::HTTPMethodForActionID(int actionID) const {
+    switch (actionID) {
+        case kPullFromRemote:
+        case kDeleteNote:
+            return QStringLiteral("GET");
+        case kPushToRemote:
+            return QStringLiteral("POST");
+        default:
+            return LWSNObject::HTTPMethodForActionID(actionID);
+    }
+}
+
+std::optional<QByteArray> LWSimplenote::HTTPBodyForActionID(int actionID) const {
+    if (actionID == kPushToRemote)
+        return encodeData(text_.toUtf8());
+    if (actionID == kPullFromRemote || actionID == kDeleteNote)
+        return std::nullopt;
+    return LWSNObject::HTTPBodyForActionID(actionID);
+}
+
+void LWSimplenote::pullFromRemote() {
+    callMethodWithActionID(kPullFromRemote);
+}
+void LWSimplenote::pushToRemote() {
+    callMethodWithActionID(kPushToRemote);
+}
+void LWSimplenote::deleteNote() {
+    callMethodWithActionID(kDeleteNote);
+}
+
+void LWSimplenote::pullFromRemoteSuccessWithResponse(const foundation::HTTPURLResponse& response,
+                                                     const QByteArray& data) {
+    if (response.statusCode != 200) {
+        postFailureForSelector(QStringLiteral("pullFromRemote"), errorForResponse(response));
+        return;
+    }
+    // Key and deleted flag always follow the answer; a date only when the answer has one.
+    key_ = response.valueForHeader("Note-Key");
+    const QString modify = response.valueForHeader("Note-Modifydate");
+    if (!modify.isNull())
+        modifyDate_ = noteDateFromString(modify);
+    const QString create = response.valueForHeader("Note-Createdate");
+    if (!create.isNull())
+        createDate_ = noteDateFromString(create);
+    const QString deleted = response.valueForHeader("Note-Deleted");
+    deleted_ = deleted.isNull() ? std::nullopt : std::optional(TWJsonValue::string(deleted));
+    text_ = strictUtf8(data);
+    postSuccessForSelector(QStringLiteral("pullFromRemote"));
+}
+
+void LWSimplenote::postOutcome(const QString& selector,
+                               const foundation::HTTPURLResponse& response) {
+    if (response.statusCode == 200) {
+        postSuccessForSelector(selector);
+    } else {
+        postFailureForSelector(selector, errorForResponse(response));
+    }
+}
+
+void LWSimplenote::pushToRemoteSuccessWithResponse(const foundation::HTTPURLResponse& response,
+                                                   const QByteArray&) {
+    postOutcome(QStringLiteral("pushToRemote"), response);
+}
+
+void LWSimplenote::deleteNoteSuccessWithResponse(const foundation::HTTPURLResponse& response,
+                                                 const QByteArray&) {
+    postOutcome(QStringLiteral("deleteNote"), response);
+}
+
+void LWSimplenote::pullFromRemoteFailure(const foundation::Error& error) {
+    reportTransportFailure(QStringLiteral("pullFromRemoteFailure:"), error);
+}
+
+void LWSimplenote::pushToRemoteFailure(const foundation::Error& error) {
+    reportTransportFailure(QStringLiteral("pushToRemoteFailure:"), error);
+}
+
+void LWSimplenote::deleteNoteFailure(const foundation::Error& error) {
+    reportTransportFailure(QStringLiteral("deleteNoteFailure:"), error);
+}
+
+void LWSimplenote::reportTransportFailure(const QString& handlerName,
+                                          const foundation::Error& error) {
+    QString selector = handlerName;
+    selector.remove(QStringLiteral("Failure"));
+    postFailureForSelector(selector, error);
+}
