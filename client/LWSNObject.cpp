@@ -20,7 +20,9 @@ QString capitalisedFirst(const QString& text) {
 
 }  // namespace
 
-LWSNObject::~LWSNObject() = default;
+LWSNObject::~LWSNObject() {
+    foundation::NotificationCenter::defaultCenter().removeObserversForSender(this);
+}
 
 void LWSNObject::init() {
     const auto count = static_cast<std::size_t>(std::max<qint64>(actionCount(), 0));

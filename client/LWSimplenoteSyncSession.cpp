@@ -6,6 +6,10 @@ std::shared_ptr<LWSimplenoteSyncSession> LWSimplenoteSyncSession::create() {
     return std::shared_ptr<LWSimplenoteSyncSession>(new LWSimplenoteSyncSession());
 }
 
+LWSimplenoteSyncSession::~LWSimplenoteSyncSession() {
+    foundation::NotificationCenter::defaultCenter().removeObserversForSender(this);
+}
+
 void LWSimplenoteSyncSession::beginWithTotalItemCount(qint64 totalItems) {
     completedItems_ = 0;
     failedItems_ = 0;

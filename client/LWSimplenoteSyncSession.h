@@ -15,6 +15,7 @@
 class LWSimplenoteSyncSession : public std::enable_shared_from_this<LWSimplenoteSyncSession> {
 public:
     static std::shared_ptr<LWSimplenoteSyncSession> create();
+    ~LWSimplenoteSyncSession();
 
     void beginWithTotalItemCount(qint64 totalItems);
     void replaceCompleted(qint64 completed, qint64 failed);

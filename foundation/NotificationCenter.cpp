@@ -31,6 +31,12 @@ void NotificationCenter::removeObserver(const void* owner, const QString& name,
     });
 }
 
+void NotificationCenter::removeObserversForSender(const void* sender) {
+    if (sender == nullptr)
+        return;
+    std::erase_if(observers_, [sender](const Observer& o) { return o.sender == sender; });
+}
+
 void NotificationCenter::post(const Notification& notification) {
     // Observers may register or unregister while being called: walk a snapshot of the ids that
     // match now, and skip any that were removed in the meantime.

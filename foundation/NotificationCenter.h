@@ -42,6 +42,10 @@ public:
     // Removes owner's registrations for name (and, when given, for sender).
     void removeObserver(const void* owner, const QString& name, const void* sender = nullptr);
 
+    // Removes every registration restricted to sender: an object going away calls this, so
+    // that a later object at the same address is not taken for it.
+    void removeObserversForSender(const void* sender);
+
     void post(const Notification& notification);
     void post(const QString& name, const void* sender, UserInfo userInfo = {});
 

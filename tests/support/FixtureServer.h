@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/QtPrinters.h"
+
 #include <QString>
 #include <condition_variable>
 #include <functional>

@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "foundation/RunLoop.h"
+#include "tests/support/QtPrinters.h"
 
 namespace testsupport {
 

@@ -1,0 +1,122 @@
+// What search and index answers turn into, including answers a correct service would not give.
+#include "client/LWSimplenoteCredentialStore.h"
+#include "client/LWSimplenoteIndex.h"
+#include "client/LWSimplenoteSearch.h"
+#include "tests/client/ClientFixture.h"
+#include "tests/support/Wait.h"
+
+namespace clienttest {
+namespace {
+
+using testsupport::FixtureServer;
+using testsupport::waitUntil;
+
+class SearchIndexTest : public ClientTest {
+protected:
+    void SetUp() override {
+        ClientTest::SetUp();
+        LWSimplenoteCredentialStore::setAuthToken("TOK");
+        LWSimplenoteCredentialStore::setEmail("me@example.org");
+    }
+    template <class T>
+    Heard pull(T& object) {
+        Heard heard;
+        observe(object, "pullFromRemote", heard);
+        object.pullFromRemote();
+        EXPECT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+        return heard;
+    }
+};
+
+struct SearchCase {
+    const char* name;
+    int status;
+    std::string body;
+    int notes;  // -1: failure
+    QString key = QString();
+    QString text = QString();
+};
+
+class SearchAnswerTest : public SearchIndexTest,
+                         public ::testing::WithParamInterface<SearchCase> {};
+
+TEST_P(SearchAnswerTest, OnlyTheFirstResultCounts) {
+    const SearchCase& c = GetParam();
+    server().on("GET", "/api/search", FixtureServer::respond(c.status, c.body));
+    auto search = LWSimplenoteSearch::createWithQuery("Ferrybox_Downloads");
+    const Heard heard = pull(*search);
+    EXPECT_EQ(server().requests().at(0).query,
+              "query=Ferrybox_Downloads&auth=TOK&email=me@example.org");
+    if (c.notes < 0) {
+        EXPECT_EQ(heard.names, QStringList{"LWSimplenoteSearchPullFromRemoteFailureNotification"});
+        ASSERT_NE(heard.last.value<foundation::Error>("error"), nullptr);
+        EXPECT_EQ(heard.last.value<foundation::Error>("error")->code, c.status);
+        EXPECT_FALSE(search->contents().has_value());
+        return;
+    }
+    EXPECT_EQ(heard.names, QStringList{"LWSimplenoteSearchPullFromRemoteSuccessNotification"});
+    const auto* self = heard.last.value<std::shared_ptr<LWSNObject>>("LWSimplenoteSearch");
+    ASSERT_NE(self, nullptr);
+    EXPECT_EQ(self->get(), search.get());
+    ASSERT_TRUE(search->contents().has_value());
+    ASSERT_EQ(static_cast<int>(search->contents()->size()), c.notes);
+    if (c.notes == 1) {
+        EXPECT_EQ(search->contents()->at(0)->key(), c.key);
+        EXPECT_EQ(search->contents()->at(0)->text(), c.text);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Client, SearchAnswerTest,
+    ::testing::Values(
+        SearchCase{"ThreeResults", 200,
+                   R"({"Response": {"totalRecords": 3, "Results": [
+                       {"key": "a", "content": "Ferrybox_Downloads\nhttp://x/1"},
+                       {"key": "b", "content": "Ferrybox_Downloads too"},
+                       {"key": "c", "content": "and again"}]}})",
+                   1, "a", "Ferrybox_Downloads\nhttp://x/1"},
+        SearchCase{"NoResults", 200, R"({"Response": {"totalRecords": 0, "Results": []}})", 0},
+        SearchCase{"NotJson", 200, "<html>busy</html>", 1, QString(), QString()},
+        SearchCase{"NotUtf8", 200, "{\"Response\": \"\xff\"}", 1, QString(), QString()},
+        SearchCase{"Unauthorised", 401, "", -1}, SearchCase{"ServerError", 500, "{}", -1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(SearchIndexTest, BlankInTheQueryTravelsAsPercent20) {
+    server().on("GET", "/api/search", FixtureServer::respond(200, "[]"));
+    auto search = LWSimplenoteSearch::createWithQuery("two words");
+    pull(*search);
+    EXPECT_EQ(server().requests().at(0).query, "query=two%20words&auth=TOK&email=me@example.org");
+}
+
+TEST_F(SearchIndexTest, IndexNotesCarryDatesButNoKeys) {
+    server().on("GET", "/api/index", FixtureServer::respond(200, R"([
+                    {"key": "a", "modify": "2010-03-05 12:34:56.123456", "deleted": false},
+                    {"key": "b", "modify": "2011-01-01 00:00:00.000000", "create": "x"}])"));
+    auto index = LWSNObject::create<LWSimplenoteIndex>();
+    const Heard heard = pull(*index);
+    EXPECT_EQ(heard.names, QStringList{"LWSimplenoteIndexPullFromRemoteSuccessNotification"});
+    EXPECT_EQ(server().requests().at(0).query, "auth=TOK&email=me@example.org");
+    ASSERT_EQ(index->contents().size(), 2u);
+    for (const auto& note : index->contents()) {
+        EXPECT_TRUE(note->key().isNull());
+        EXPECT_TRUE(note->text().isNull());
+        EXPECT_TRUE(note->modifyDate().has_value());
+        EXPECT_FALSE(note->createDate().has_value());
+    }
+    EXPECT_EQ(index->contents()[0]->modifyDate()->date(), QDate(2010, 3, 5));
+    ASSERT_TRUE(index->contents()[0]->deleted().has_value());
+    EXPECT_FALSE(index->fullContents().has_value());
+}
+
+TEST_F(SearchIndexTest, IndexThatIsEmptyOrUnreadableHasNoNotes) {
+    for (const std::string& body : {std::string("[]"), std::string("not json")}) {
+        server().on("GET", "/api/index", FixtureServer::respond(200, body));
+        auto index = LWSNObject::create<LWSimplenoteIndex>();
+        const Heard heard = pull(*index);
+        EXPECT_EQ(heard.names, QStringList{"LWSimplenoteIndexPullFromRemoteSuccessNotification"});
+        EXPECT_TRUE(index->contents().empty()) << body;
+    }
+}
+
+}  // namespace
+}  // namespace clienttest
