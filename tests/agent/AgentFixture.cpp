@@ -5,12 +5,7 @@
 namespace agenttest {
 
 testsupport::FixtureServer& server() {
-    static auto* fixture = [] {
-        auto* s = new testsupport::FixtureServer();
-        qputenv("FERRYBOX_API_URL", (s->baseUrl() + QStringLiteral("/api")).toUtf8());
-        return s;
-    }();
-    return *fixture;
+    return testsupport::FixtureServer::sharedService();
 }
 
 void AgentTest::SetUp() {

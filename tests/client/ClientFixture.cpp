@@ -3,12 +3,7 @@
 namespace clienttest {
 
 testsupport::FixtureServer& server() {
-    static auto* fixture = [] {
-        auto* s = new testsupport::FixtureServer();
-        qputenv("FERRYBOX_API_URL", (s->baseUrl() + QStringLiteral("/api")).toUtf8());
-        return s;
-    }();
-    return *fixture;
+    return testsupport::FixtureServer::sharedService();
 }
 
 void ClientTest::SetUp() {

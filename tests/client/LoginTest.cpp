@@ -125,10 +125,7 @@ public:
 };
 
 TEST_F(LoginTest, TransportFailurePassesTheErrorThrough) {
-    {
-        FixtureServer closed;
-        RefusedLogin::port = closed.port();
-    }
+    RefusedLogin::port = FixtureServer::closedPort();
     auto login = LWSNObject::create<RefusedLogin>();
     login->setPassword("secret");
     Heard heard;

@@ -129,10 +129,7 @@ public:
 };
 
 TEST_F(NoteTest, TransportFailurePostsUnderTheColonNameOnly) {
-    {
-        FixtureServer closed;
-        UnreachableNote::port = closed.port();
-    }
+    UnreachableNote::port = FixtureServer::closedPort();
     const std::pair<const char*, void (LWSimplenote::*)()> actions[] = {
         {"pullFromRemote", &LWSimplenote::pullFromRemote},
         {"pushToRemote", &LWSimplenote::pushToRemote},

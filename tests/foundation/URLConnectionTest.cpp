@@ -88,11 +88,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(URLConnectionTest, RefusedConnectionFailsWithTheTransportError) {
-    int closedPort = 0;
-    {
-        FixtureServer gone;
-        closedPort = gone.port();
-    }
+    const int closedPort = FixtureServer::closedPort();
     auto delegate = std::make_shared<RecordingDelegate>();
     URLRequest request;
     request.url = QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(closedPort));

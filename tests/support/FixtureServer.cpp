@@ -30,6 +30,20 @@ FixtureServer::~FixtureServer() {
         thread_.join();
 }
 
+int FixtureServer::closedPort() {
+    FixtureServer gone;
+    return gone.port();
+}
+
+FixtureServer& FixtureServer::sharedService() {
+    static auto* shared = [] {
+        auto* server = new FixtureServer();
+        qputenv("FERRYBOX_API_URL", (server->baseUrl() + QStringLiteral("/api")).toUtf8());
+        return server;
+    }();
+    return *shared;
+}
+
 QString FixtureServer::baseUrl() const {
     return QStringLiteral("http://127.0.0.1:%1").arg(port_);
 }

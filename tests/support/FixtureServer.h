@@ -41,6 +41,11 @@ public:
     FixtureServer& operator=(const FixtureServer&) = delete;
 
     QString baseUrl() const;  // "http://127.0.0.1:PORT"
+    // A loopback port where nothing listens (a fixture's, just closed).
+    static int closedPort();
+    // One server for a whole test binary whose code reads the service address once per
+    // process: FERRYBOX_API_URL points at its "/api" from the first call on.
+    static FixtureServer& sharedService();
     int port() const { return port_; }
 
     void on(const std::string& method, const std::string& path, Handler handler);
