@@ -1,0 +1,141 @@
+// ferrybox-json: reads JSON, writes it back through Ferrybox's writer, or lists why it failed.
+#include <QCoreApplication>
+#include <QFile>
+#include <QStringDecoder>
+#include <QTextStream>
+#include <cstdio>
+#include <limits>
+
+#include "Classes/TWJSON/TWJSON.h"
+
+namespace {
+
+const char kHelp[] = R"(NAME
+    ferrybox-json - check and rewrite JSON with Ferrybox's JSON codec
+
+SYNOPSIS
+    ferrybox-json [--fragment] [--pretty] [--sort-keys] [--max-depth N] [FILE|-]
+
+DESCRIPTION
+    Parses the JSON text of FILE (standard input when FILE is "-" or absent) and writes the
+    value back to standard output, compact unless --pretty is given, followed by a line feed.
+
+    The codec is strict in places (no leading "+" or "0" in numbers, no trailing commas) and
+    lenient in others (commas between elements may be left out; vertical tab and form feed
+    count as whitespace). Numbers are written back exactly as they were read.
+
+OPTIONS
+    --fragment      accept any JSON value at the top level, not only an object or an array
+    --pretty        indent the output, two spaces a level, with " : " after each key
+    --sort-keys     write object members in ascending key order (by UTF-16 code units);
+                    otherwise they keep the order of the input
+    --max-depth N   refuse input nested deeper than N arrays and objects (default 512;
+                    0 means no limit)
+    --help          show this text
+
+EXIT STATUS
+    0   the input was valid; its rewritten form is on standard output
+    1   the input was not acceptable; standard error lists the error trace, oldest error
+        first, one "CODE MESSAGE" line each, for example "3 Unrecognised leading character"
+    2   bad usage, or the input could not be read or is not UTF-8
+)";
+
+struct Options {
+    bool fragment = false;
+    bool pretty = false;
+    bool sortKeys = false;
+    quint64 maxDepth = TWJsonBase::kDefaultMaxDepth;
+    QString file = QStringLiteral("-");
+};
+
+int usageError(const QString& message) {
+    QTextStream(stderr) << "ferrybox-json: " << message << "\n"
+                        << "usage: ferrybox-json [--fragment] [--pretty] [--sort-keys] "
+                           "[--max-depth N] [FILE|-]\n";
+    return 2;
+}
+
+// Returns an exit status when the command line ends the run, else -1.
+int parseArguments(const QStringList& arguments, Options& options) {
+    bool haveFile = false;
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        const QString& a = arguments[i];
+        if (a == QLatin1String("--help")) {
+            std::fputs(kHelp, stdout);
+            return 0;
+        } else if (a == QLatin1String("--fragment")) {
+            options.fragment = true;
+        } else if (a == QLatin1String("--pretty")) {
+            options.pretty = true;
+        } else if (a == QLatin1String("--sort-keys")) {
+            options.sortKeys = true;
+        } else if (a == QLatin1String("--max-depth")) {
+            bool ok = false;
+            options.maxDepth = i + 1 < arguments.size() ? arguments[++i].toULongLong(&ok) : 0;
+            if (!ok)
+                return usageError(QStringLiteral("--max-depth needs a whole number"));
+        } else if (a.startsWith(QLatin1String("--"))) {
+            return usageError(QStringLiteral("unknown option %1").arg(a));
+        } else if (haveFile) {
+            return usageError(QStringLiteral("only one input file"));
+        } else {
+            options.file = a;
+            haveFile = true;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    Options options;
+    if (const int status = parseArguments(app.arguments(), options); status >= 0)
+        return status;
+
+    QFile input;
+    const bool opened = options.file == QLatin1String("-")
+                            ? input.open(stdin, QIODevice::ReadOnly)
+                            : (input.setFileName(options.file), input.open(QIODevice::ReadOnly));
+    const QString name =
+        options.file == QLatin1String("-") ? QStringLiteral("standard input") : options.file;
+    if (!opened) {
+        QTextStream(stderr) << "ferrybox-json: cannot read " << name << ": " << input.errorString()
+                            << "\n";
+        return 2;
+    }
+    const QByteArray bytes = input.readAll();
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::Stateless);
+    QString text = decoder(bytes);
+    if (decoder.hasError()) {
+        QTextStream(stderr) << "ferrybox-json: " << name << " is not UTF-8 text\n";
+        return 2;
+    }
+    if (text.isNull())
+        text = QStringLiteral("");
+
+    TWJSON json;
+    json.setMaxDepth(options.maxDepth);
+    // Indentation needs a depth limit to count against; "no limit" becomes the largest one.
+    if (options.maxDepth == 0)
+        json.jsonWriter().setMaxDepth(std::numeric_limits<quint64>::max());
+    json.setHumanReadable(options.pretty);
+    json.setSortKeys(options.sortKeys);
+
+    std::optional<TWJsonValue> value = json.objectWithString(text, options.fragment, nullptr);
+    QString output = value ? json.stringWithObject(*value, options.fragment, nullptr) : QString();
+    if (output.isNull()) {
+        QTextStream err(stderr);
+        if (const auto trace = json.errorTrace()) {
+            for (const auto& error : *trace) {
+                err << error.code << ' ' << error.localizedDescription << '\n';
+            }
+        }
+        return 1;
+    }
+    QTextStream out(stdout);
+    out.setEncoding(QStringConverter::Utf8);
+    out << output << '\n';
+    return 0;
+}
