@@ -91,8 +91,7 @@ std::optional<TWJsonValue> TWJsonParser::fragmentWithString(const QString& strin
         addErrorWithCode(TWJsonErrorNilInput, QStringLiteral("Input was 'nil'"));
         return std::nullopt;
     }
-    const QByteArray utf8 = string.toUtf8();
-    return parse(utf8.constData());
+    return parse(std::make_shared<const QByteArray>(string.toUtf8()));
 }
 
 std::optional<TWJsonValue> TWJsonParser::objectWithString(const QString& string) {
@@ -105,7 +104,7 @@ std::optional<TWJsonValue> TWJsonParser::fragmentWithUTF8(const QByteArray& utf8
         addErrorWithCode(TWJsonErrorNilInput, QStringLiteral("Input was 'nil'"));
         return std::nullopt;
     }
-    return parse(utf8.constData());
+    return parse(std::make_shared<const QByteArray>(utf8));
 }
 
 std::optional<TWJsonValue> TWJsonParser::objectWithUTF8(const QByteArray& utf8) {
@@ -122,14 +121,20 @@ std::optional<TWJsonValue> TWJsonParser::onlyContainers(std::optional<TWJsonValu
     return value;
 }
 
-std::optional<TWJsonValue> TWJsonParser::parse(const char* bytes) {
+std::optional<TWJsonValue> TWJsonParser::parse(std::shared_ptr<const QByteArray> source) {
     depth_ = 0;
-    c_ = bytes;
+    source_ = std::move(source);
+    c_ = source_->constData();
+    end_ = c_ + source_->size();
+    for (KeySlot& slot : keyCache_) slot = KeySlot();
     TWJsonValue value;
-    if (!scanValue(value))
-        return std::nullopt;
-    if (!scanIsAtEnd()) {
-        addErrorWithCode(TWJsonErrorTrailingGarbage, QStringLiteral("Garbage after JSON"));
+    const bool complete = scanValue(value) && scanIsAtEnd();
+    // Numbers of the result keep the input alive; the parser lets go of it.
+    source_.reset();
+    if (!complete) {
+        if (!errorTrace()) {
+            addErrorWithCode(TWJsonErrorTrailingGarbage, QStringLiteral("Garbage after JSON"));
+        }
         return std::nullopt;
     }
     return value;
@@ -279,7 +284,12 @@ bool TWJsonParser::scanRestOfDictionary(TWJsonValue& out) {
             return true;
         }
         QString key;
-        if (*c_ != '"' || (++c_, !scanRestOfString(key))) {
+        const char* keyStart = c_ + 1;
+        const char* keyEnd = *c_ == '"' ? endOfRun(keyStart) : nullptr;
+        if (keyEnd && *keyEnd == '"') {
+            key = keyFromRun(keyStart, keyEnd - keyStart);
+            c_ = keyEnd + 1;
+        } else if (*c_ != '"' || (++c_, !scanRestOfString(key))) {
             addErrorWithCode(TWJsonErrorParse, QStringLiteral("Object key string expected"));
             return false;
         }
@@ -310,6 +320,45 @@ bool TWJsonParser::scanRestOfDictionary(TWJsonValue& out) {
     }
     addErrorWithCode(TWJsonErrorEndOfInput, QStringLiteral("End of input while parsing object"));
     return false;
+}
+
+// The first byte at or after p that ends a run of ordinary string bytes. Eight bytes are tested
+// at once while they lie before the end of the input.
+const char* TWJsonParser::endOfRun(const char* p) const {
+    constexpr quint64 ones = 0x0101010101010101ULL;
+    constexpr quint64 highs = 0x8080808080808080ULL;
+    while (end_ - p >= 8) {
+        quint64 v;
+        std::memcpy(&v, p, 8);
+        const quint64 quote = v ^ (ones * '"');
+        const quint64 backslash = v ^ (ones * '\\');
+        const quint64 control = (v - ones * 0x20) & ~v;
+        const quint64 stops =
+            (((quote - ones) & ~quote) | ((backslash - ones) & ~backslash) | control) & highs;
+        if (stops)
+            break;
+        p += 8;
+    }
+    while (!kTables.stop[static_cast<unsigned char>(*p)])
+        ++p;
+    return p;
+}
+
+QString TWJsonParser::keyFromRun(const char* start, qsizetype length) {
+    if (length > 48)
+        return QString::fromUtf8(start, length);
+    std::size_t hash = 14695981039346656037ULL;
+    for (qsizetype i = 0; i < length; ++i) {
+        hash = (hash ^ static_cast<unsigned char>(start[i])) * 1099511628211ULL;
+    }
+    KeySlot& slot = keyCache_[hash % kKeySlots];
+    if (slot.bytes && slot.length == length && std::memcmp(slot.bytes, start, length) == 0) {
+        return slot.key;
+    }
+    slot.bytes = start;
+    slot.length = length;
+    slot.key = QString::fromUtf8(start, length);
+    return slot.key;
 }
 
 bool TWJsonParser::scanRestOfString(QString& out) {
@@ -488,6 +537,7 @@ bool TWJsonParser::scanNumber(TWJsonValue& out) {
             ++c_;
     }
     // The decimal keeps the literal's exact text, so it never fails to be made.
-    out = TWJsonValue::number(QString::fromLatin1(start, c_ - start));
+    out = TWJsonValue::number(source_, static_cast<quint32>(start - source_->constData()),
+                              static_cast<quint32>(c_ - start));
     return true;
 }

@@ -2,7 +2,9 @@
 
 #include <QByteArray>
 #include <QString>
+#include <memory>
 #include <optional>
+#include <vector>
 
 #include "Classes/TWJSON/TWJsonBase.h"
 #include "Classes/TWJSON/TWJsonValue.h"
@@ -25,7 +27,9 @@ public:
     std::optional<TWJsonValue> objectWithUTF8(const QByteArray& utf8);
 
 private:
-    std::optional<TWJsonValue> parse(const char* bytes);
+    std::optional<TWJsonValue> parse(std::shared_ptr<const QByteArray> source);
+    QString keyFromRun(const char* start, qsizetype length);
+    const char* endOfRun(const char* p) const;
     std::optional<TWJsonValue> onlyContainers(std::optional<TWJsonValue> value);
 
     bool scanValue(TWJsonValue& out);
@@ -43,6 +47,19 @@ private:
     void skipWhitespace();
 
     const char* c_ = nullptr;
+    const char* end_ = nullptr;  // the terminating NUL
+    // The input, shared by every number of the result (numbers wrap its bytes).
+    std::shared_ptr<const QByteArray> source_;
+
+    // Recently seen object keys: documents repeat their keys, and a key met again is shared
+    // instead of decoded and allocated anew. Emptied for every input.
+    struct KeySlot {
+        const char* bytes = nullptr;
+        qsizetype length = 0;
+        QString key;
+    };
+    static constexpr std::size_t kKeySlots = 256;
+    std::vector<KeySlot> keyCache_ = std::vector<KeySlot>(kKeySlots);
 };
 
 // Whether bytes are well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).

@@ -8,6 +8,8 @@ namespace {
 
 // Small dictionaries are searched linearly; past this size a hash index takes over.
 constexpr std::size_t kIndexThreshold = 12;
+// Fresh containers start small: most objects and arrays of real documents are.
+constexpr std::size_t kDictionaryCapacity = 7;
 
 const std::vector<TWJsonValue> kNoElements;
 const std::vector<TWJsonMember> kNoMembers;
@@ -32,16 +34,17 @@ struct TWJsonValue::Container {
             index = std::make_unique<QHash<QString, std::size_t>>(*other.index);
     }
 
-    TWJsonMember* find(const QString& key) {
+    std::ptrdiff_t find(const QString& key) const {
         if (index) {
             auto it = index->constFind(key);
-            return it == index->constEnd() ? nullptr : &members[*it];
+            return it == index->constEnd() ? -1 : static_cast<std::ptrdiff_t>(*it);
         }
-        for (auto& m : members) {
-            if (!m.nonStringKey && m.key == key)
-                return &m;
+        for (std::size_t i = 0; i < members.size(); ++i) {
+            if (!members[i].nonStringKey && members[i].key == key) {
+                return static_cast<std::ptrdiff_t>(i);
+            }
         }
-        return nullptr;
+        return -1;
     }
 
     void add(TWJsonMember&& member) {
@@ -69,7 +72,17 @@ TWJsonValue TWJsonValue::boolean(bool b) {
 TWJsonValue TWJsonValue::number(const QString& decimalText) {
     TWJsonValue v;
     v.type_ = Type::Number;
-    v.text_ = decimalText;
+    v.text_ = decimalText.isNull() ? QStringLiteral("") : decimalText;
+    return v;
+}
+
+TWJsonValue TWJsonValue::number(std::shared_ptr<const QByteArray> source, quint32 offset,
+                                quint32 length) {
+    TWJsonValue v;
+    v.type_ = Type::Number;
+    v.sliceOffset_ = offset;
+    v.sliceLength_ = length;
+    v.shared_ = std::move(source);
     return v;
 }
 
@@ -91,38 +104,70 @@ TWJsonValue TWJsonValue::string(const QString& s) {
 TWJsonValue TWJsonValue::array() {
     TWJsonValue v;
     v.type_ = Type::Array;
-    v.container_ = std::make_shared<Container>();
+    v.shared_ = std::make_shared<Container>();
     return v;
 }
 
 TWJsonValue TWJsonValue::array(std::vector<TWJsonValue>&& elements) {
-    TWJsonValue v = array();
-    v.container_->elements = std::move(elements);
+    TWJsonValue v;
+    v.type_ = Type::Array;
+    auto c = std::make_shared<Container>();
+    c->elements = std::move(elements);
+    v.shared_ = std::move(c);
     return v;
 }
 
 TWJsonValue TWJsonValue::dictionary() {
     TWJsonValue v;
     v.type_ = Type::Dictionary;
-    v.container_ = std::make_shared<Container>();
+    auto c = std::make_shared<Container>();
+    c->members.reserve(kDictionaryCapacity);
+    v.shared_ = std::move(c);
     return v;
 }
 
 TWJsonValue TWJsonValue::custom(std::shared_ptr<const TWJsonCustom> object) {
     TWJsonValue v;
     v.type_ = Type::Custom;
-    v.container_ = std::make_shared<Container>();
-    v.container_->custom = std::move(object);
+    auto c = std::make_shared<Container>();
+    c->custom = std::move(object);
+    v.shared_ = std::move(c);
     return v;
 }
 
-TWJsonValue::Container& TWJsonValue::mutableContainer() {
-    if (!container_) {
-        container_ = std::make_shared<Container>();
-    } else if (container_.use_count() > 1) {
-        container_ = std::make_shared<Container>(*container_);
+namespace {
+
+QLatin1String slice(const std::shared_ptr<const void>& shared, quint32 offset, quint32 length) {
+    const auto* source = static_cast<const QByteArray*>(shared.get());
+    return QLatin1String(source->constData() + offset, length);
+}
+
+}  // namespace
+
+QString TWJsonValue::numberText() const {
+    if (type_ != Type::Number)
+        return QString();
+    return shared_ ? QString(slice(shared_, sliceOffset_, sliceLength_)) : text_;
+}
+
+void TWJsonValue::appendNumberText(QString& out) const {
+    if (type_ != Type::Number)
+        return;
+    if (shared_) {
+        out.append(slice(shared_, sliceOffset_, sliceLength_));
+    } else {
+        out.append(text_);
     }
-    return *container_;
+}
+
+// Containers are shared between copies; the first write to a shared one copies it.
+TWJsonValue::Container& TWJsonValue::mutableContainer() {
+    if (!shared_) {
+        shared_ = std::make_shared<Container>();
+    } else if (shared_.use_count() > 1) {
+        shared_ = std::make_shared<Container>(*container());
+    }
+    return *const_cast<Container*>(container());
 }
 
 void TWJsonValue::append(const TWJsonValue& value) {
@@ -143,8 +188,8 @@ void TWJsonValue::insert(QString&& key, TWJsonValue&& value) {
     if (type_ != Type::Dictionary)
         return;
     Container& c = mutableContainer();
-    if (TWJsonMember* existing = c.find(key)) {
-        existing->value = std::move(value);
+    if (const std::ptrdiff_t at = c.find(key); at >= 0) {
+        c.members[static_cast<std::size_t>(at)].value = std::move(value);
         return;
     }
     c.add(TWJsonMember{std::move(key), std::move(value), nullptr});
@@ -158,10 +203,9 @@ void TWJsonValue::insertWithNonStringKey(const TWJsonValue& key, const TWJsonVal
     if (type_ != Type::Dictionary)
         return;
     Container& c = mutableContainer();
-    const QString text = key.isNumber() ? key.numberText() : QString();
-    c.members.push_back(TWJsonMember{text, value, std::make_shared<const TWJsonValue>(key)});
-    if (c.index)
-        c.index.reset();  // rebuilt lazily by the next string insert past the threshold
+    c.members.push_back(
+        TWJsonMember{key.numberText(), value, std::make_shared<const TWJsonValue>(key)});
+    c.index.reset();  // positions changed meaning; linear search serves until the next rebuild
 }
 
 void TWJsonValue::reserve(qsizetype n) {
@@ -172,31 +216,31 @@ void TWJsonValue::reserve(qsizetype n) {
 }
 
 const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {
-    return type_ == Type::Custom ? container_->custom : kNoCustom;
+    return type_ == Type::Custom ? container()->custom : kNoCustom;
 }
 
 qsizetype TWJsonValue::count() const {
     if (type_ == Type::Array)
-        return static_cast<qsizetype>(container_->elements.size());
+        return static_cast<qsizetype>(container()->elements.size());
     if (type_ == Type::Dictionary)
-        return static_cast<qsizetype>(container_->members.size());
+        return static_cast<qsizetype>(container()->members.size());
     return 0;
 }
 
 const TWJsonValue& TWJsonValue::at(qsizetype index) const {
     if (type_ != Type::Array || index < 0 ||
-        static_cast<std::size_t>(index) >= container_->elements.size()) {
+        static_cast<std::size_t>(index) >= container()->elements.size()) {
         throw std::out_of_range("TWJsonValue::at: index " + std::to_string(index) +
                                 " beyond bounds of " + std::to_string(count()) + " elements");
     }
-    return container_->elements[static_cast<std::size_t>(index)];
+    return container()->elements[static_cast<std::size_t>(index)];
 }
 
 const TWJsonValue* TWJsonValue::valueForKey(const QString& key) const {
     if (type_ != Type::Dictionary)
         return nullptr;
-    const TWJsonMember* m = container_->find(key);
-    return m ? &m->value : nullptr;
+    const std::ptrdiff_t at = container()->find(key);
+    return at < 0 ? nullptr : &container()->members[static_cast<std::size_t>(at)].value;
 }
 
 QStringList TWJsonValue::keys() const {
@@ -207,11 +251,11 @@ QStringList TWJsonValue::keys() const {
 }
 
 const std::vector<TWJsonMember>& TWJsonValue::members() const {
-    return type_ == Type::Dictionary ? container_->members : kNoMembers;
+    return type_ == Type::Dictionary ? container()->members : kNoMembers;
 }
 
 const std::vector<TWJsonValue>& TWJsonValue::elements() const {
-    return type_ == Type::Array ? container_->elements : kNoElements;
+    return type_ == Type::Array ? container()->elements : kNoElements;
 }
 
 bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
@@ -223,6 +267,7 @@ bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
         case TWJsonValue::Type::Boolean:
             return a.bool_ == b.bool_;
         case TWJsonValue::Type::Number:
+            return a.numberText() == b.numberText();
         case TWJsonValue::Type::String:
             return a.text_ == b.text_;
         case TWJsonValue::Type::Array:
@@ -239,7 +284,7 @@ bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
             return true;
         }
         case TWJsonValue::Type::Custom:
-            return a.container_->custom == b.container_->custom;
+            return a.customObject() == b.customObject();
     }
     return false;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <memory>
@@ -32,6 +33,10 @@ public:
     static TWJsonValue number(const QString& decimalText);
     static TWJsonValue number(qint64 n);
     static TWJsonValue number(double d);
+    // A number whose text is bytes [offset, offset + length) of source, which is shared, not
+    // copied: the parser wraps every number of a document this way.
+    static TWJsonValue number(std::shared_ptr<const QByteArray> source, quint32 offset,
+                              quint32 length);
     static TWJsonValue string(const QString& s);
     static TWJsonValue array();
     static TWJsonValue array(std::vector<TWJsonValue>&& elements);
@@ -56,7 +61,9 @@ public:
     bool isCustom() const { return type_ == Type::Custom; }
 
     bool boolValue() const { return type_ == Type::Boolean && bool_; }
-    QString numberText() const { return type_ == Type::Number ? text_ : QString(); }
+    QString numberText() const;
+    // Appends the number's text, without a temporary string for a wrapped one.
+    void appendNumberText(QString& out) const;
     QString stringValue() const { return type_ == Type::String ? text_ : QString(); }
     const std::shared_ptr<const TWJsonCustom>& customObject() const;
 
@@ -78,10 +85,15 @@ private:
     struct Container;
     Container& mutableContainer();
 
+    const Container* container() const { return static_cast<const Container*>(shared_.get()); }
+
     Type type_ = Type::Null;
     bool bool_ = false;
+    quint32 sliceOffset_ = 0;
+    quint32 sliceLength_ = 0;
     QString text_;
-    std::shared_ptr<Container> container_;
+    // The container of an array, dictionary or custom value; the source of a wrapped number.
+    std::shared_ptr<const void> shared_;
 };
 
 struct TWJsonMember {

@@ -123,19 +123,19 @@ bool TWJsonWriter::appendDictionary(const TWJsonValue& dictionary, QString& out)
     out.append(QLatin1Char('{'));
     const QLatin1String separator = humanReadable_ ? QLatin1String(" : ") : QLatin1String(":");
     const auto& members = dictionary.members();
-    std::vector<std::size_t> order(members.size());
-    std::iota(order.begin(), order.end(), 0);
+    // Members in insertion order need no index list; sorted ones are walked through one.
+    std::vector<std::size_t> order;
     if (sortKeys_) {
+        order.resize(members.size());
+        std::iota(order.begin(), order.end(), 0);
         std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
             return members[a].key < members[b].key;
         });
     }
-    bool first = true;
-    for (std::size_t i : order) {
-        const TWJsonMember& member = members[i];
-        if (!first)
+    for (std::size_t n = 0; n < members.size(); ++n) {
+        const TWJsonMember& member = members[sortKeys_ ? order[n] : n];
+        if (n > 0)
             out.append(QLatin1Char(','));
-        first = false;
         if (humanReadable_)
             appendIndent(out);
         if (member.nonStringKey) {
