@@ -1,0 +1,289 @@
+#include "service/NotesStore.h"
+
+#include <openssl/rand.h>
+#include <sqlite3.h>
+
+#include <QDateTime>
+#include <chrono>
+
+namespace notes {
+
+namespace {
+
+// A prepared statement that finalises itself.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) : db_(db) {
+        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+            throw StoreError(std::string("cannot prepare statement: ") + sqlite3_errmsg(db));
+        }
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int i, const QString& text) {
+        const QByteArray utf8 = text.toUtf8();
+        sqlite3_bind_text(stmt_, i, utf8.constData(), static_cast<int>(utf8.size()),
+                          SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int i, const QByteArray& blob) {
+        sqlite3_bind_blob(stmt_, i, blob.constData(), static_cast<int>(blob.size()),
+                          SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int i, qint64 n) {
+        sqlite3_bind_int64(stmt_, i, n);
+        return *this;
+    }
+    // true while a row is there.
+    bool step() {
+        const int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_ROW)
+            return true;
+        if (rc == SQLITE_DONE)
+            return false;
+        if (rc == SQLITE_CONSTRAINT)
+            throw std::invalid_argument("constraint");
+        throw StoreError(std::string("database error: ") + sqlite3_errmsg(db_));
+    }
+    QString text(int column) const {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+        return QString::fromUtf8(bytes, sqlite3_column_bytes(stmt_, column));
+    }
+    qint64 integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+private:
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+Note readNote(const Statement& s) {
+    return Note{s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4) != 0};
+}
+
+// Keys are 128 random bits in hex: opaque, URL-safe, unguessable.
+QString randomKey() {
+    unsigned char bytes[16];
+    if (RAND_bytes(bytes, sizeof bytes) != 1)
+        throw StoreError("no random bytes");
+    return QString::fromLatin1(
+        QByteArray(reinterpret_cast<const char*>(bytes), sizeof bytes).toHex());
+}
+
+const char* const kMigrations[] = {
+    // 0 -> 1
+    "CREATE TABLE users (id INTEGER PRIMARY KEY, email TEXT NOT NULL UNIQUE,"
+    "  password_hash TEXT NOT NULL);"
+    "CREATE TABLE tokens (token_hash BLOB PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, expires INTEGER NOT NULL);"
+    "CREATE TABLE notes (key TEXT PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, text TEXT NOT NULL, created INTEGER NOT NULL,"
+    "  modified INTEGER NOT NULL, deleted INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX notes_by_user ON notes(user_id, modified DESC);",
+};
+
+}  // namespace
+
+qint64 nowMicros() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+QString formatMicros(qint64 micros) {
+    const QDateTime t = QDateTime::fromMSecsSinceEpoch(micros / 1000, Qt::UTC);
+    return t.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.")) +
+           QStringLiteral("%1").arg(micros % 1000000, 6, 10, QLatin1Char('0'));
+}
+
+NotesStore::NotesStore(const QString& path) : path_(path) {
+    const QByteArray file = path.toUtf8();
+    if (sqlite3_open_v2(file.constData(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                        nullptr) != SQLITE_OK) {
+        const std::string why = db_ ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("cannot open database " + file.toStdString() + ": " + why);
+    }
+    sqlite3_busy_timeout(db_, 5000);
+    try {
+        // Reading the schema is the first thing that notices a file that is not a database.
+        Statement(db_, "SELECT count(*) FROM sqlite_master").step();
+        execute("PRAGMA journal_mode=WAL");
+        execute("PRAGMA synchronous=FULL");
+        execute("PRAGMA foreign_keys=ON");
+        migrate();
+    } catch (const StoreError& e) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("database " + file.toStdString() + " is unusable (" + e.what() +
+                         "); it was left as it is");
+    }
+}
+
+NotesStore::~NotesStore() {
+    sqlite3_close(db_);
+}
+
+void NotesStore::execute(const char* sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string why = message ? message : "unknown error";
+        sqlite3_free(message);
+        throw StoreError(why);
+    }
+}
+
+void NotesStore::migrate() {
+    Statement versionQuery(db_, "PRAGMA user_version");
+    versionQuery.step();
+    const int version = static_cast<int>(versionQuery.integer(0));
+    if (version > kSchemaVersion) {
+        throw StoreError("schema version " + std::to_string(version) +
+                         " is newer than this program knows");
+    }
+    for (int v = version; v < kSchemaVersion; ++v) {
+        execute("BEGIN IMMEDIATE");
+        try {
+            execute(kMigrations[v]);
+            execute(("PRAGMA user_version=" + std::to_string(v + 1)).c_str());
+            execute("COMMIT");
+        } catch (...) {
+            execute("ROLLBACK");
+            throw;
+        }
+    }
+}
+
+bool NotesStore::addUser(const QString& email, const QString& passwordHash) {
+    std::lock_guard lock(mutex_);
+    try {
+        Statement(db_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
+            .bind(1, email)
+            .bind(2, passwordHash)
+            .step();
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+    return true;
+}
+
+bool NotesStore::removeUser(const QString& email) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM users WHERE email = ?").bind(1, email).step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::optional<User> NotesStore::userByEmail(const QString& email) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_, "SELECT id, email, password_hash FROM users WHERE email = ?");
+    s.bind(1, email);
+    if (!s.step())
+        return std::nullopt;
+    return User{s.integer(0), s.text(1), s.text(2)};
+}
+
+void NotesStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM tokens WHERE expires < ?").bind(1, nowMicros()).step();
+    Statement(db_, "INSERT INTO tokens (token_hash, user_id, expires) VALUES (?, ?, ?)")
+        .bind(1, tokenHash)
+        .bind(2, userId)
+        .bind(3, expiresMicros)
+        .step();
+}
+
+std::optional<qint64> NotesStore::userForToken(const QByteArray& tokenHash, const QString& email,
+                                               qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
+                "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
+    s.bind(1, tokenHash).bind(2, email).bind(3, now);
+    if (!s.step())
+        return std::nullopt;
+    return s.integer(0);
+}
+
+QString NotesStore::createNote(qint64 userId, const QString& text, qint64 now) {
+    std::lock_guard lock(mutex_);
+    const QString key = randomKey();
+    Statement(db_,
+              "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, ?)")
+        .bind(1, key)
+        .bind(2, userId)
+        .bind(3, text)
+        .bind(4, now)
+        .bind(5, now)
+        .step();
+    return key;
+}
+
+bool NotesStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ? AND user_id = ?")
+        .bind(1, text)
+        .bind(2, now)
+        .bind(3, key)
+        .bind(4, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::optional<Note> NotesStore::note(qint64 userId, const QString& key) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT key, text, created, modified, deleted FROM notes "
+                "WHERE key = ? AND user_id = ?");
+    s.bind(1, key).bind(2, userId);
+    if (!s.step())
+        return std::nullopt;
+    return readNote(s);
+}
+
+bool NotesStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "UPDATE notes SET deleted = 1, modified = ? WHERE key = ? AND user_id = ?")
+        .bind(1, now)
+        .bind(2, key)
+        .bind(3, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+bool NotesStore::purge(qint64 userId, const QString& key) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM notes WHERE key = ? AND user_id = ?")
+        .bind(1, key)
+        .bind(2, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::vector<Note> NotesStore::index(qint64 userId) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT key, '', created, modified, deleted FROM notes WHERE user_id = ? "
+                "ORDER BY modified DESC, rowid DESC");
+    s.bind(1, userId);
+    std::vector<Note> list;
+    while (s.step())
+        list.push_back(readNote(s));
+    return list;
+}
+
+std::vector<Note> NotesStore::liveNotes(qint64 userId) {
+    std::lock_guard lock(mutex_);
+    Statement s(db_,
+                "SELECT key, text, created, modified, deleted FROM notes "
+                "WHERE user_id = ? AND deleted = 0 ORDER BY modified DESC, rowid DESC");
+    s.bind(1, userId);
+    std::vector<Note> list;
+    while (s.step())
+        list.push_back(readNote(s));
+    return list;
+}
+
+}  // namespace notes

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+struct sqlite3;
+
+namespace notes {
+
+// A failure to open, read or write the database; what() says what and where.
+class StoreError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Note {
+    QString key;
+    QString text;
+    qint64 createMicros = 0;  // microseconds since the epoch, UTC
+    qint64 modifyMicros = 0;
+    bool deleted = false;
+};
+
+struct User {
+    qint64 id = 0;
+    QString email;
+    QString passwordHash;
+};
+
+// The service's SQLite database (WAL, every commit synced): users, hashed session tokens and
+// notes. One connection, used by one request at a time. The schema carries its version
+// (PRAGMA user_version) and is migrated forward on open; a database from a newer version, or a
+// file that is not a database, is refused and left untouched.
+class NotesStore {
+public:
+    static constexpr int kSchemaVersion = 1;
+
+    explicit NotesStore(const QString& path);
+    ~NotesStore();
+    NotesStore(const NotesStore&) = delete;
+    NotesStore& operator=(const NotesStore&) = delete;
+
+    // false when the address is taken.
+    bool addUser(const QString& email, const QString& passwordHash);
+    bool removeUser(const QString& email);
+    std::optional<User> userByEmail(const QString& email);
+
+    void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros);
+    // The user whose live token hashes to tokenHash, if that user has this address.
+    std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
+                                       qint64 nowMicros);
+
+    QString createNote(qint64 userId, const QString& text, qint64 nowMicros);
+    bool updateNote(qint64 userId, const QString& key, const QString& text, qint64 nowMicros);
+    std::optional<Note> note(qint64 userId, const QString& key);
+    bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros);
+    bool purge(qint64 userId, const QString& key);
+    // Newest change first; deleted notes included.
+    std::vector<Note> index(qint64 userId);
+    // Notes not deleted, newest change first.
+    std::vector<Note> liveNotes(qint64 userId);
+
+private:
+    void execute(const char* sql);
+    void migrate();
+
+    sqlite3* db_ = nullptr;
+    std::mutex mutex_;
+    QString path_;
+};
+
+// "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
+QString formatMicros(qint64 micros);
+qint64 nowMicros();
+
+}  // namespace notes
