@@ -1,0 +1,38 @@
+// Any bytes: parsed as a string (bytes that are not UTF-8 are no input) and as UTF-8 bytes;
+// whatever parses is written back, compact and indented, and must parse again to the same value.
+#include <QByteArray>
+#include <QStringDecoder>
+#include <cstdint>
+#include <cstdlib>
+
+#include "Classes/TWJSON/TWJSON.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const QByteArray bytes(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::Stateless);
+    QString text = decoder(bytes);
+    if (decoder.hasError())
+        text = QString();
+    if (!text.isNull() && text.isEmpty())
+        text = QStringLiteral("");
+
+    TWJsonParser parser;
+    const auto fromText = parser.fragmentWithString(text);
+    const auto fromBytes = parser.fragmentWithUTF8(bytes);
+    if (fromText.has_value() != fromBytes.has_value() && !bytes.contains('\0'))
+        std::abort();
+    if (!fromText)
+        return 0;
+
+    for (bool readable : {false, true}) {
+        TWJsonWriter writer;
+        writer.setHumanReadable(readable);
+        const QString written = writer.stringWithFragment(*fromText);
+        if (written.isNull())
+            std::abort();
+        const auto again = parser.fragmentWithString(written);
+        if (!again || !(*again == *fromText))
+            std::abort();
+    }
+    return 0;
+}
