@@ -1,5 +1,6 @@
 // ferrybox-notes: a small notes service speaking the notes web API (v1), with SQLite storage.
 #include <httplib.h>
+#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -176,9 +177,19 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     notes::installApi(*server, store, throttle, settings);
     server->set_payload_max_length(static_cast<std::size_t>(settings.maxBodyBytes) * 2);
 
+    // The HTTP library listens with a backlog of 5, which turns a burst of clients away; the
+    // listening socket gets the system's full backlog once it is bound.
+    int listening = -1;
+    server->set_socket_options([&listening](int socket) {
+        listening = socket;
+        int yes = 1;
+        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     if (!server->bind_to_port(host.toUtf8().constData(), port)) {
         return fail(QStringLiteral("cannot listen on %1").arg(a.listen));
     }
+    if (listening >= 0)
+        ::listen(listening, SOMAXCONN);
     gServer = server.get();
     std::signal(SIGINT, stopServer);
     std::signal(SIGTERM, stopServer);

@@ -1,0 +1,160 @@
+// Every endpoint of the API, driven over loopback HTTP against the real binary.
+#include <QRegularExpression>
+
+#include "Classes/TWJSON/TWJSON.h"
+#include "tests/service/ServiceFixture.h"
+
+namespace servicetest {
+namespace {
+
+const QRegularExpression kDate(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6}$)");
+
+TWJsonValue json(const httplib::Result& res) {
+    EXPECT_TRUE(res && res->status == 200);
+    TWJSON parser;
+    auto value = parser.fragmentWithString(res ? QString::fromStdString(res->body) : QString());
+    EXPECT_TRUE(value.has_value());
+    return value.value_or(TWJsonValue());
+}
+
+std::string post(httplib::Client& c, const std::string& path, const std::string& body) {
+    auto res = c.Post(path.c_str(), body, "application/x-www-form-urlencoded");
+    return res ? std::to_string(res->status) + " " + res->body : "no answer";
+}
+
+std::string get(httplib::Client& c, const std::string& path) {
+    auto res = c.Get(path.c_str());
+    return res ? std::to_string(res->status) + " " + res->body : "no answer";
+}
+
+class ApiTest : public ServiceTest {};
+
+TEST_F(ApiTest, LoginAnswersATokenOrAnEmptyRefusal) {
+    auto ok = login(kEmail, kPassword);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(ok->status, 200);
+    EXPECT_TRUE(
+        QRegularExpression("^[0-9a-f]{32}$").match(QString::fromStdString(ok->body)).hasMatch())
+        << ok->body;
+    EXPECT_EQ(
+        post(*client_, "/api/login", base64(std::string("email=") + kEmail + "&password=wrong")),
+        "401 ");
+    EXPECT_EQ(post(*client_, "/api/login", base64("email=nobody@example.org&password=x")), "401 ");
+    EXPECT_EQ(post(*client_, "/api/login", "***not base64***"), "400 ");
+    EXPECT_EQ(post(*client_, "/api/login", base64("user=me&pass=x")), "400 ");
+}
+
+TEST_F(ApiTest, EveryOtherCallNeedsALiveTokenOfThatAccount) {
+    ASSERT_TRUE(server_->addUser("other@example.org", "secret"));
+    const std::string key = createNote("mine");
+    const std::string otherToken = login("other@example.org", "secret")->body;
+    const std::string queries[] = {"?", "?auth=" + token(), "?email=" + std::string(kEmail),
+                                   "?auth=" + otherToken + "&email=" + kEmail,
+                                   "?auth=00&email=" + std::string(kEmail)};
+    for (const std::string& q : queries) {
+        EXPECT_EQ(get(*client_, "/api/index" + q), "401 ") << q;
+        EXPECT_EQ(get(*client_, "/api/note" + q + "&key=" + key), "401 ") << q;
+        EXPECT_EQ(post(*client_, "/api/note" + q, base64("x")), "401 ") << q;
+        EXPECT_EQ(get(*client_, "/api/delete" + q + "&key=" + key), "401 ") << q;
+        EXPECT_EQ(get(*client_, "/api/search" + q + "&query=x"), "401 ") << q;
+    }
+    // The other account does not see this one's note.
+    EXPECT_EQ(get(*client_, "/api/note?auth=" + otherToken + "&email=other@example.org&key=" + key),
+              "404 ");
+}
+
+TEST_F(ApiTest, NoteLifecycleWithHeadersAndDates) {
+    const std::string text = "Ferrybox_Downloads\n# keep\nhttps://example.org/ü";
+    const std::string key = createNote(text);
+    EXPECT_TRUE(
+        QRegularExpression("^[A-Za-z0-9_-]+$").match(QString::fromStdString(key)).hasMatch());
+
+    auto res = client_->Get(("/api/note" + auth("&key=" + key)).c_str());
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 200);
+    EXPECT_EQ(res->body, text);
+    EXPECT_EQ(res->get_header_value("Note-Key"), key);
+    EXPECT_EQ(res->get_header_value("Note-Deleted"), "false");
+    const std::string created = res->get_header_value("Note-Createdate");
+    EXPECT_TRUE(kDate.match(QString::fromStdString(created)).hasMatch()) << created;
+
+    EXPECT_EQ(post(*client_, "/api/note" + auth("&key=" + key), base64("changed")), "200 " + key);
+    res = client_->Get(("/api/note" + auth("&key=" + key)).c_str());
+    EXPECT_EQ(res->body, "changed");
+    EXPECT_EQ(res->get_header_value("Note-Createdate"), created);
+    EXPECT_GT(res->get_header_value("Note-Modifydate"), created);
+
+    EXPECT_EQ(post(*client_, "/api/note" + auth("&key=nosuchkey"), base64("x")), "404 ");
+    EXPECT_EQ(get(*client_, "/api/note" + auth("&key=nosuchkey")), "404 ");
+    EXPECT_EQ(get(*client_, "/api/note" + auth()), "404 ");
+    EXPECT_EQ(post(*client_, "/api/note" + auth(), "%%%"), "400 ");
+    EXPECT_EQ(post(*client_, "/api/note" + auth(), std::string(1024 * 1024 + 4, 'A')), "413 ");
+}
+
+TEST_F(ApiTest, TheAgentsCappedPushArrivesWhole) {
+    // The agent's push body is capped at 512 base64 characters: 384 bytes of text.
+    const std::string text(384, 'x');
+    const std::string body = base64(text);
+    ASSERT_EQ(body.size(), 512u);
+    auto res =
+        client_->Post(("/api/note" + auth()).c_str(), body, "application/x-www-form-urlencoded");
+    ASSERT_TRUE(res && res->status == 200);
+    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + res->body)).c_str())->body, text);
+}
+
+TEST_F(ApiTest, SoftDeleteKeepsTheNoteInTheIndexPermanentDeleteDoesNot) {
+    const std::string soft = createNote("first findme");
+    const std::string dead = createNote("second findme");
+    EXPECT_EQ(get(*client_, "/api/delete" + auth("&key=" + soft)), "200 " + soft);
+    EXPECT_EQ(get(*client_, "/api/delete" + auth("&key=" + dead + "&dead=1")), "200 " + dead);
+    EXPECT_EQ(get(*client_, "/api/delete" + auth("&key=" + dead)), "404 ");
+
+    const TWJsonValue index = json(client_->Get(("/api/index" + auth()).c_str()));
+    ASSERT_EQ(index.count(), 1);
+    EXPECT_EQ(index.at(0).valueForKey("key")->stringValue(), QString::fromStdString(soft));
+    EXPECT_TRUE(index.at(0).valueForKey("deleted")->boolValue());
+    EXPECT_TRUE(kDate.match(index.at(0).valueForKey("modify")->stringValue()).hasMatch());
+
+    // An update leaves the deleted flag alone; search never shows a deleted note.
+    EXPECT_EQ(post(*client_, "/api/note" + auth("&key=" + soft), base64("still findme")),
+              "200 " + soft);
+    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + soft)).c_str())
+                  ->get_header_value("Note-Deleted"),
+              "true");
+    const TWJsonValue found = json(client_->Get(("/api/search" + auth("&query=findme")).c_str()));
+    EXPECT_EQ(found.valueForKey("Response")->valueForKey("totalRecords")->numberText(), "0");
+}
+
+TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
+    for (int i = 0; i < 25; ++i)
+        createNote((i % 2 ? "ALPHA note " : "alpha note ") + std::to_string(i));
+    createNote("beta only");
+    struct Page {
+        std::string query;
+        int results;
+        QString firstContent;
+    };
+    const Page pages[] = {
+        {"&query=Alpha", 10, "alpha note 24"},
+        {"&query=alpha&offset=20", 5, "alpha note 4"},
+        {"&query=alpha&results=200", 25, "alpha note 24"},
+        {"&query=alpha&results=3&offset=1", 3, "ALPHA note 23"},
+        {"&query=gamma", 0, QString()},
+    };
+    for (const Page& p : pages) {
+        const TWJsonValue v = json(client_->Get(("/api/search" + auth(p.query)).c_str()));
+        const TWJsonValue* response = v.valueForKey("Response");
+        ASSERT_NE(response, nullptr) << p.query;
+        EXPECT_EQ(response->valueForKey("totalRecords")->numberText(),
+                  p.query.find("gamma") == std::string::npos ? "25" : "0");
+        const TWJsonValue* results = response->valueForKey("Results");
+        ASSERT_EQ(results->count(), p.results) << p.query;
+        if (p.results > 0) {
+            EXPECT_EQ(results->at(0).valueForKey("content")->stringValue(), p.firstContent)
+                << p.query;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace servicetest

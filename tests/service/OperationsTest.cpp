@@ -1,0 +1,148 @@
+// Running the service: sessions that expire, guessing slowed down, TLS, refusals, durability
+// across kill -9, a damaged database, many clients at once, account commands, a quiet log.
+#include <QFile>
+#include <QProcess>
+#include <thread>
+
+#include "tests/service/ServiceFixture.h"
+#include "tests/support/Wait.h"
+
+namespace servicetest {
+namespace {
+
+class OperationsTest : public ServiceTest {};
+
+TEST_F(OperationsTest, TokensExpire) {
+    QProcessEnvironment env;
+    env.insert("FERRYBOX_NOTES_TOKEN_SECONDS", "1");
+    startServer({}, env);
+    EXPECT_EQ(client_->Get(("/api/index" + auth()).c_str())->status, 200);
+    EXPECT_TRUE(testsupport::waitUntil(
+        [&] { return client_->Get(("/api/index" + auth()).c_str())->status == 401; }, 5000));
+}
+
+TEST_F(OperationsTest, RepeatedFailuresAreSlowedDown) {
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(login(kEmail, "wrong")->status, 401) << i;
+    auto refused = login(kEmail, kPassword);
+    EXPECT_EQ(refused->status, 429);
+    EXPECT_EQ(refused->body, "");
+    // Other accounts are not held up.
+    ASSERT_TRUE(server_->addUser("other@example.org", "secret"));
+    EXPECT_EQ(login("other@example.org", "secret")->status, 200);
+}
+
+TEST_F(OperationsTest, ServesTlsWithItsOwnCertificate) {
+    const QString dir = server_->folder();
+    QProcess openssl;
+    openssl.start("openssl",
+                  {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                   "/CN=127.0.0.1", "-keyout", dir + "/key.pem", "-out", dir + "/cert.pem"});
+    ASSERT_TRUE(openssl.waitForFinished(60000) && openssl.exitCode() == 0);
+    startServer({"--tls-cert", dir + "/cert.pem", "--tls-key", dir + "/key.pem"});
+
+    httplib::SSLClient secure("127.0.0.1", server_->port());
+    secure.enable_server_certificate_verification(false);
+    auto res =
+        secure.Post("/api/login", base64(std::string("email=") + kEmail + "&password=" + kPassword),
+                    "application/x-www-form-urlencoded");
+    ASSERT_TRUE(res) << httplib::to_string(res.error());
+    EXPECT_EQ(res->status, 200);
+    EXPECT_EQ(res->body.size(), 32u);
+    EXPECT_FALSE(login(kEmail, kPassword)) << "plain HTTP must not be answered";
+}
+
+TEST_F(OperationsTest, PlainHttpOnlyOnLoopback) {
+    QString output;
+    const int port = testsupport::NotesServerProcess::freePort();
+    EXPECT_EQ(
+        server_->runCommand({"serve", "--listen", QString("0.0.0.0:%1").arg(port)}, {}, &output),
+        2);
+    EXPECT_TRUE(output.contains("refusing plain HTTP on 0.0.0.0")) << output.toStdString();
+}
+
+TEST_F(OperationsTest, AnAnsweredWriteSurvivesKill9) {
+    const std::string key = createNote("durable");
+    ASSERT_EQ(client_
+                  ->Post(("/api/note" + auth("&key=" + key)).c_str(), base64("durable 2"),
+                         "application/x-www-form-urlencoded")
+                  ->status,
+              200);
+    server_->killHard();
+    ASSERT_TRUE(server_->restart()) << server_->log().toStdString();
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
+    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + key)).c_str())->body, "durable 2");
+}
+
+TEST_F(OperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
+    const QString path = server_->folder() + "/damaged.db";
+    const QByteArray garbage = QByteArray("not a database at all, ").repeated(200);
+    {
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(garbage);
+    }
+    QProcess serve;
+    serve.start(
+        testsupport::NotesServerProcess::binaryPath(),
+        {"serve", "--listen",
+         QString("127.0.0.1:%1").arg(testsupport::NotesServerProcess::freePort()), "--db", path});
+    ASSERT_TRUE(serve.waitForFinished(10000));
+    EXPECT_EQ(serve.exitCode(), 1);
+    EXPECT_TRUE(serve.readAllStandardError().contains("is unusable"));
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), garbage);
+}
+
+TEST_F(OperationsTest, FiftyClientsAtOnce) {
+    const std::string query = auth();
+    std::atomic<int> failures{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 50; ++i) {
+        clients.emplace_back([&, i] {
+            httplib::Client c("127.0.0.1", server_->port());
+            auto created =
+                c.Post(("/api/note" + query).c_str(), base64("client " + std::to_string(i)),
+                       "application/x-www-form-urlencoded");
+            if (!created || created->status != 200) {
+                ++failures;
+                return;
+            }
+            auto read = c.Get(("/api/note" + query + "&key=" + created->body).c_str());
+            if (!read || read->status != 200 || read->body != "client " + std::to_string(i))
+                ++failures;
+        });
+    }
+    for (auto& t : clients)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+TEST_F(OperationsTest, AccountCommands) {
+    QString output;
+    EXPECT_EQ(server_->runCommand({"add-user", kEmail}, "again\n", &output), 1);
+    EXPECT_TRUE(output.contains("exists already"));
+    EXPECT_EQ(server_->runCommand({"remove-user", "nobody@example.org"}), 1);
+    const std::string query = auth();
+    EXPECT_EQ(server_->runCommand({"remove-user", kEmail}), 0);
+    EXPECT_EQ(client_->Get(("/api/index" + query).c_str())->status, 401);
+    EXPECT_EQ(login(kEmail, kPassword)->status, 401);
+    EXPECT_EQ(server_->runCommand({"--help"}, {}, &output), 0);
+    EXPECT_TRUE(output.contains("SYNOPSIS"));
+}
+
+TEST_F(OperationsTest, LogShowsRequestsButNoSecrets) {
+    const std::string key = createNote("secret note text");
+    client_->Get(("/api/note" + auth("&key=" + key)).c_str());
+    const QString log = server_->log();
+    EXPECT_TRUE(log.contains("POST /api/login 200")) << log.toStdString();
+    EXPECT_TRUE(log.contains("GET /api/note 200"));
+    for (const std::string& secret : {token(), std::string(kPassword), std::string(kEmail),
+                                      std::string("secret note text"), key}) {
+        EXPECT_FALSE(log.contains(QString::fromStdString(secret))) << secret;
+    }
+}
+
+}  // namespace
+}  // namespace servicetest

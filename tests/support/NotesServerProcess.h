@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QTemporaryDir>
+
+#include "tests/support/QtPrinters.h"
+
+namespace testsupport {
+
+// The real ferrybox-notes on a free loopback port with a database of its own in a temporary
+// folder. Password hashing is made cheap for tests through FERRYBOX_NOTES_HASH_ITERATIONS.
+class NotesServerProcess {
+public:
+    explicit NotesServerProcess(const QStringList& extraServeArguments = {},
+                                const QProcessEnvironment& extraEnvironment = {});
+    ~NotesServerProcess();
+    NotesServerProcess(const NotesServerProcess&) = delete;
+    NotesServerProcess& operator=(const NotesServerProcess&) = delete;
+
+    bool isRunning() const { return running_; }
+    QString baseUrl() const;  // "http://127.0.0.1:PORT"
+    QString apiUrl() const { return baseUrl() + QStringLiteral("/api"); }
+    QString dbPath() const { return dir_.path() + QStringLiteral("/notes.db"); }
+    QString folder() const { return dir_.path(); }
+    int port() const { return port_; }
+    // What the server wrote to standard error so far.
+    QString log();
+
+    bool addUser(const QString& email, const QString& password);
+    // Runs the binary with these arguments against this database; its exit code and output.
+    int runCommand(const QStringList& arguments, const QByteArray& input = {},
+                   QString* output = nullptr);
+    void killHard();
+    bool restart();
+
+    static QString binaryPath();
+    static int freePort();
+
+private:
+    bool start();
+    QProcessEnvironment environment() const;
+
+    QTemporaryDir dir_;
+    QStringList extraArguments_;
+    QProcessEnvironment extraEnvironment_;
+    QProcess process_;
+    QByteArray log_;
+    int port_ = 0;
+    bool running_ = false;
+};
+
+}  // namespace testsupport
