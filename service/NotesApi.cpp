@@ -185,17 +185,28 @@ public:
             offset = 0;
 
         TWJsonValue found = TWJsonValue::array();
+        auto add = [&found](const Note& note) {
+            TWJsonValue entry = TWJsonValue::dictionary();
+            entry.insert(QStringLiteral("key"), TWJsonValue::string(note.key));
+            entry.insert(QStringLiteral("content"), TWJsonValue::string(note.text));
+            found.append(std::move(entry));
+        };
         qint64 total = 0;
-        for (const Note& note : store_.liveNotes(*user)) {
-            if (!note.text.contains(text, Qt::CaseInsensitive))
-                continue;
-            if (total >= offset && total < qint64(offset) + results) {
-                TWJsonValue entry = TWJsonValue::dictionary();
-                entry.insert(QStringLiteral("key"), TWJsonValue::string(note.key));
-                entry.insert(QStringLiteral("content"), TWJsonValue::string(note.text));
-                found.append(std::move(entry));
+        const bool ascii =
+            std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x80; });
+        if (ascii) {
+            // The database compares ASCII without case itself and pages the result.
+            for (const Note& note : store_.searchAscii(*user, text, results, offset, &total)) {
+                add(note);
             }
-            ++total;
+        } else {
+            for (const Note& note : store_.liveNotes(*user)) {
+                if (!note.text.contains(text, Qt::CaseInsensitive))
+                    continue;
+                if (total >= offset && total < qint64(offset) + results)
+                    add(note);
+                ++total;
+            }
         }
         TWJsonValue response = TWJsonValue::dictionary();
         response.insert(QStringLiteral("totalRecords"), TWJsonValue::number(total));

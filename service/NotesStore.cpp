@@ -286,4 +286,23 @@ std::vector<Note> NotesStore::liveNotes(qint64 userId) {
     return list;
 }
 
+std::vector<Note> NotesStore::searchAscii(qint64 userId, const QString& asciiNeedle, int limit,
+                                          int offset, qint64* total) {
+    std::lock_guard lock(mutex_);
+    const char* match = "user_id = ?1 AND deleted = 0 AND instr(lower(text), lower(?2)) > 0";
+    Statement count(db_, (std::string("SELECT count(*) FROM notes WHERE ") + match).c_str());
+    count.bind(1, userId).bind(2, asciiNeedle);
+    count.step();
+    *total = count.integer(0);
+    Statement page(db_, (std::string("SELECT key, text, created, modified, deleted FROM notes "
+                                     "WHERE ") +
+                         match + " ORDER BY modified DESC, rowid DESC LIMIT ?3 OFFSET ?4")
+                            .c_str());
+    page.bind(1, userId).bind(2, asciiNeedle).bind(3, qint64(limit)).bind(4, qint64(offset));
+    std::vector<Note> list;
+    while (page.step())
+        list.push_back(readNote(page));
+    return list;
+}
+
 }  // namespace notes

@@ -63,6 +63,10 @@ public:
     std::vector<Note> index(qint64 userId);
     // Notes not deleted, newest change first.
     std::vector<Note> liveNotes(qint64 userId);
+    // Notes not deleted whose text contains asciiNeedle, ASCII letters compared without case,
+    // newest change first: the page [offset, offset + limit) and the count of every match.
+    std::vector<Note> searchAscii(qint64 userId, const QString& asciiNeedle, int limit, int offset,
+                                  qint64* total);
 
 private:
     void execute(const char* sql);

@@ -179,6 +179,9 @@ int serve(const Arguments& a, notes::NotesStore& store) {
 
     // The HTTP library listens with a backlog of 5, which turns a burst of clients away; the
     // listening socket gets the system's full backlog once it is bound.
+    // Headers and body leave in separate writes; without this each answer waits for the
+    // client's delayed acknowledgement.
+    server->set_tcp_nodelay(true);
     int listening = -1;
     server->set_socket_options([&listening](int socket) {
         listening = socket;

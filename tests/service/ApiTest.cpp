@@ -129,24 +129,26 @@ TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
     for (int i = 0; i < 25; ++i)
         createNote((i % 2 ? "ALPHA note " : "alpha note ") + std::to_string(i));
     createNote("beta only");
+    createNote("Schöne Grüße");
     struct Page {
         std::string query;
         int results;
+        const char* total;
         QString firstContent;
     };
     const Page pages[] = {
-        {"&query=Alpha", 10, "alpha note 24"},
-        {"&query=alpha&offset=20", 5, "alpha note 4"},
-        {"&query=alpha&results=200", 25, "alpha note 24"},
-        {"&query=alpha&results=3&offset=1", 3, "ALPHA note 23"},
-        {"&query=gamma", 0, QString()},
+        {"&query=Alpha", 10, "25", "alpha note 24"},
+        {"&query=alpha&offset=20", 5, "25", "alpha note 4"},
+        {"&query=alpha&results=200", 25, "25", "alpha note 24"},
+        {"&query=alpha&results=3&offset=1", 3, "25", "ALPHA note 23"},
+        {"&query=gamma", 0, "0", QString()},
+        {"&query=%C3%9C", 1, "1", QString::fromUtf8("Schöne Grüße")},
     };
     for (const Page& p : pages) {
         const TWJsonValue v = json(client_->Get(("/api/search" + auth(p.query)).c_str()));
         const TWJsonValue* response = v.valueForKey("Response");
         ASSERT_NE(response, nullptr) << p.query;
-        EXPECT_EQ(response->valueForKey("totalRecords")->numberText(),
-                  p.query.find("gamma") == std::string::npos ? "25" : "0");
+        EXPECT_EQ(response->valueForKey("totalRecords")->numberText(), p.total) << p.query;
         const TWJsonValue* results = response->valueForKey("Results");
         ASSERT_EQ(results->count(), p.results) << p.query;
         if (p.results > 0) {
