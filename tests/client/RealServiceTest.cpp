@@ -16,15 +16,27 @@ using testsupport::waitUntil;
 const QString kEmail = QStringLiteral("me+tag@example.org");
 const QString kPassword = QStringLiteral("pa ss&word");
 
-// One service for the binary: the client reads its address once per process.
+// One service for the binary: the client reads its address once per process. It is stopped
+// when the tests are over.
+testsupport::NotesServerProcess* gService = nullptr;
+
+class ServiceEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override {
+        gService = new testsupport::NotesServerProcess();
+        qputenv("FERRYBOX_API_URL", gService->apiUrl().toUtf8());
+        gService->addUser(kEmail, kPassword);
+    }
+    void TearDown() override {
+        delete gService;
+        gService = nullptr;
+    }
+};
+
+const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ServiceEnvironment);
+
 testsupport::NotesServerProcess& service() {
-    static auto* server = [] {
-        auto* s = new testsupport::NotesServerProcess();
-        qputenv("FERRYBOX_API_URL", s->apiUrl().toUtf8());
-        s->addUser(kEmail, kPassword);
-        return s;
-    }();
-    return *server;
+    return *gService;
 }
 
 class RealServiceTest : public ::testing::Test {
