@@ -4,7 +4,7 @@ DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format 
 	libsecret-1-dev gnome-keyring dbus dbus-x11 \
 	libcpp-httplib-dev libssl-dev libsqlite3-dev openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
-	wrk nginx-light
+	wrk nginx-light curl python3
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
@@ -33,7 +33,7 @@ test: build build-asan
 	ctest --preset asan
 
 run: build
-	./build/app/ferrybox $(ARGS)
+	scripts/run $(ARGS)
 
 bench: deps
 	cmake --preset bench >/dev/null
