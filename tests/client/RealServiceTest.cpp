@@ -128,11 +128,16 @@ TEST_F(RealServiceTest, LongPushArrivesAsItsFirst384Bytes) {
 }
 
 TEST_F(RealServiceTest, IndexAndSyncOfTheAccount) {
+    for (const char* text : {"one", "two", "three"}) {
+        auto note = LWSNObject::create<LWSimplenote>();
+        note->setText(text);
+        run(*note, "pushToRemote", [&] { note->pushToRemote(); });
+    }
     auto index = LWSNObject::create<LWSimplenoteIndex>();
     EXPECT_EQ(run(*index, "pullFromRemote", [&] { index->pullFromRemote(); }),
               "LWSimplenoteIndexPullFromRemoteSuccessNotification");
     const std::size_t listed = index->contents().size();
-    ASSERT_GE(listed, 1u);
+    ASSERT_GE(listed, 3u);
     for (const auto& note : index->contents()) {
         EXPECT_TRUE(note->key().isNull());
         EXPECT_TRUE(note->modifyDate().has_value());
