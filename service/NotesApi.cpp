@@ -192,22 +192,8 @@ public:
             found.append(std::move(entry));
         };
         qint64 total = 0;
-        const bool ascii =
-            std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x80; });
-        if (ascii) {
-            // The database compares ASCII without case itself and pages the result.
-            for (const Note& note : store_.searchAscii(*user, text, results, offset, &total)) {
-                add(note);
-            }
-        } else {
-            for (const Note& note : store_.liveNotes(*user)) {
-                if (!note.text.contains(text, Qt::CaseInsensitive))
-                    continue;
-                if (total >= offset && total < qint64(offset) + results)
-                    add(note);
-                ++total;
-            }
-        }
+        for (const Note& note : store_.search(*user, text, results, offset, &total))
+            add(note);
         TWJsonValue response = TWJsonValue::dictionary();
         response.insert(QStringLiteral("totalRecords"), TWJsonValue::number(total));
         response.insert(QStringLiteral("Results"), found);

@@ -37,7 +37,7 @@ struct User {
 // file that is not a database, is refused and left untouched.
 class NotesStore {
 public:
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
 
     explicit NotesStore(const QString& path);
     ~NotesStore();
@@ -61,12 +61,10 @@ public:
     bool purge(qint64 userId, const QString& key);
     // Newest change first; deleted notes included.
     std::vector<Note> index(qint64 userId);
-    // Notes not deleted, newest change first.
-    std::vector<Note> liveNotes(qint64 userId);
-    // Notes not deleted whose text contains asciiNeedle, ASCII letters compared without case,
-    // newest change first: the page [offset, offset + limit) and the count of every match.
-    std::vector<Note> searchAscii(qint64 userId, const QString& asciiNeedle, int limit, int offset,
-                                  qint64* total);
+    // Notes not deleted whose text contains needle, without regard to case, newest change
+    // first: the page [offset, offset + limit) and the count of every match.
+    std::vector<Note> search(qint64 userId, const QString& needle, int limit, int offset,
+                             qint64* total);
 
 private:
     void execute(const char* sql);

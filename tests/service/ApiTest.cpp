@@ -129,7 +129,9 @@ TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
     for (int i = 0; i < 25; ++i)
         createNote((i % 2 ? "ALPHA note " : "alpha note ") + std::to_string(i));
     createNote("beta only");
+    createNote("caaaB");
     createNote("Schöne Grüße");
+    createNote("cooled to 4 \u212A");  // KELVIN SIGN, which folds to an ASCII "k"
     struct Page {
         std::string query;
         int results;
@@ -142,7 +144,10 @@ TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
         {"&query=alpha&results=200", 25, "25", "alpha note 24"},
         {"&query=alpha&results=3&offset=1", 3, "25", "ALPHA note 23"},
         {"&query=gamma", 0, "0", QString()},
+        {"&query=AAB", 1, "1", "caaaB"},
         {"&query=%C3%9C", 1, "1", QString::fromUtf8("Schöne Grüße")},
+        {"&query=SCH", 1, "1", QString::fromUtf8("Schöne Grüße")},
+        {"&query=4%20k", 1, "1", QString::fromUtf8("cooled to 4 \u212A")},
     };
     for (const Page& p : pages) {
         const TWJsonValue v = json(client_->Get(("/api/search" + auth(p.query)).c_str()));

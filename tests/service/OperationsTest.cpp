@@ -1,5 +1,7 @@
 // Running the service: sessions that expire, guessing slowed down, TLS, refusals, durability
 // across kill -9, a damaged database, many clients at once, account commands, a quiet log.
+#include <sqlite3.h>
+
 #include <QFile>
 #include <QProcess>
 #include <thread>
@@ -72,6 +74,41 @@ TEST_F(OperationsTest, AnAnsweredWriteSurvivesKill9) {
     ASSERT_TRUE(server_->restart()) << server_->log().toStdString();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
     EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + key)).c_str())->body, "durable 2");
+}
+
+// Runs SQL on the stopped server's database; the value of the first column of the last row.
+std::string sql(const QString& path, const char* statements) {
+    sqlite3* db = nullptr;
+    std::string last;
+    if (sqlite3_open(path.toUtf8().constData(), &db) == SQLITE_OK) {
+        sqlite3_exec(
+            db, statements,
+            [](void* out, int, char** values, char**) {
+                *static_cast<std::string*>(out) = values[0] ? values[0] : "";
+                return 0;
+            },
+            &last, nullptr);
+    }
+    sqlite3_close(db);
+    return last;
+}
+
+TEST_F(OperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
+    const std::string older = createNote("older");
+    const std::string newer = createNote("newer");
+    server_->killHard();
+    // Back to the first schema: its index and version number.
+    sql(server_->dbPath(),
+        "DROP INDEX notes_by_change;"
+        "CREATE INDEX notes_by_user ON notes(user_id, modified DESC);"
+        "PRAGMA user_version=1;");
+    ASSERT_TRUE(server_->restart()) << server_->log().toStdString();
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
+    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + older)).c_str())->body, "older");
+    const std::string index = client_->Get(("/api/index" + auth()).c_str())->body;
+    EXPECT_LT(index.find(newer), index.find(older)) << index;
+    server_->killHard();
+    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "2");
 }
 
 TEST_F(OperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <array>
+#include <string_view>
+
+namespace notes {
+
+// Case-insensitive "contains" over UTF-8 note text, as QString::contains(Qt::CaseInsensitive)
+// decides it, without turning every note into UTF-16 first: an ASCII needle is looked for in
+// the bytes directly, and only text with non-ASCII bytes that did not match that way (where a
+// character like the Kelvin sign may fold to an ASCII letter) takes the exact, slower path.
+class TextMatch {
+public:
+    explicit TextMatch(const QString& needle);
+    bool matches(std::string_view utf8) const;
+
+private:
+    bool containsAscii(std::string_view text) const;
+
+    QString needle_;
+    QByteArray lowerAscii_;  // empty unless the needle is ASCII
+    bool ascii_ = false;
+    std::array<std::size_t, 256> shift_{};
+};
+
+}  // namespace notes
