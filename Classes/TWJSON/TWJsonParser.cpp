@@ -126,9 +126,11 @@ std::optional<TWJsonValue> TWJsonParser::parse(std::shared_ptr<const QByteArray>
     source_ = std::move(source);
     c_ = source_->constData();
     end_ = c_ + source_->size();
-    for (KeySlot& slot : keyCache_) slot = KeySlot();
+    for (KeySlot& slot : keyCache_)
+        slot = KeySlot();
     TWJsonValue value;
     const bool complete = scanValue(value) && scanIsAtEnd();
+    pending_.clear();  // what a failed parse left there
     // Numbers of the result keep the input alive; the parser lets go of it.
     source_.reset();
     if (!complete) {
@@ -162,7 +164,7 @@ bool TWJsonParser::scanValue(TWJsonValue& out) {
             QString text;
             if (!scanRestOfString(text))
                 return false;
-            out = TWJsonValue::string(text);
+            out = TWJsonValue::string(std::move(text));
             return true;
         }
         case 't':
@@ -238,14 +240,18 @@ bool TWJsonParser::enterContainer() {
 bool TWJsonParser::scanRestOfArray(TWJsonValue& out) {
     if (!enterContainer())
         return false;
-    std::vector<TWJsonValue> elements;
-    elements.reserve(8);
+    // Elements wait on the parser's shared stack, so the array is allocated once, at its final
+    // size, instead of growing element by element.
+    const std::size_t base = pending_.size();
     while (*c_ != '\0') {
         skipWhitespace();
         if (*c_ == ']') {
             ++c_;
             --depth_;
-            out = TWJsonValue::array(std::move(elements));
+            const auto first = pending_.begin() + static_cast<std::ptrdiff_t>(base);
+            out = TWJsonValue::array(std::vector<TWJsonValue>(
+                std::make_move_iterator(first), std::make_move_iterator(pending_.end())));
+            pending_.erase(first, pending_.end());
             return true;
         }
         TWJsonValue element;
@@ -254,7 +260,7 @@ bool TWJsonParser::scanRestOfArray(TWJsonValue& out) {
                              QStringLiteral("Expected value while parsing array"));
             return false;
         }
-        elements.push_back(std::move(element));
+        pending_.push_back(std::move(element));
         skipWhitespace();
         // A missing comma is not an error: "[1 2]" has two elements.
         if (*c_ == ',') {

@@ -50,6 +50,8 @@ private:
     const char* end_ = nullptr;  // the terminating NUL
     // The input, shared by every number of the result (numbers wrap its bytes).
     std::shared_ptr<const QByteArray> source_;
+    // Elements of the arrays still open, innermost last.
+    std::vector<TWJsonValue> pending_;
 
     // Recently seen object keys: documents repeat their keys, and a key met again is shared
     // instead of decoded and allocated anew. Emptied for every input.

@@ -14,6 +14,7 @@ constexpr std::size_t kDictionaryCapacity = 7;
 const std::vector<TWJsonValue> kNoElements;
 const std::vector<TWJsonMember> kNoMembers;
 const std::shared_ptr<const TWJsonCustom> kNoCustom;
+const QString kNoText;
 
 }  // namespace
 
@@ -98,6 +99,13 @@ TWJsonValue TWJsonValue::string(const QString& s) {
     TWJsonValue v;
     v.type_ = Type::String;
     v.text_ = s;
+    return v;
+}
+
+TWJsonValue TWJsonValue::string(QString&& s) {
+    TWJsonValue v;
+    v.type_ = Type::String;
+    v.text_ = std::move(s);
     return v;
 }
 
@@ -213,6 +221,10 @@ void TWJsonValue::reserve(qsizetype n) {
         mutableContainer().elements.reserve(static_cast<std::size_t>(n));
     if (type_ == Type::Dictionary)
         mutableContainer().members.reserve(static_cast<std::size_t>(n));
+}
+
+const QString& TWJsonValue::stringValue() const {
+    return type_ == Type::String ? text_ : kNoText;
 }
 
 const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {

@@ -38,6 +38,7 @@ public:
     static TWJsonValue number(std::shared_ptr<const QByteArray> source, quint32 offset,
                               quint32 length);
     static TWJsonValue string(const QString& s);
+    static TWJsonValue string(QString&& s);
     static TWJsonValue array();
     static TWJsonValue array(std::vector<TWJsonValue>&& elements);
     static TWJsonValue dictionary();
@@ -64,7 +65,8 @@ public:
     QString numberText() const;
     // Appends the number's text, without a temporary string for a wrapped one.
     void appendNumberText(QString& out) const;
-    QString stringValue() const { return type_ == Type::String ? text_ : QString(); }
+    // The text of a string; a null string for any other value.
+    const QString& stringValue() const;
     const std::shared_ptr<const TWJsonCustom>& customObject() const;
 
     // Elements of an array, members of a dictionary, else 0.

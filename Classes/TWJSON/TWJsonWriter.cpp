@@ -55,7 +55,7 @@ bool TWJsonWriter::appendValue(const TWJsonValue& value, QString& out) {
             out.append(value.boolValue() ? QLatin1String("true") : QLatin1String("false"));
             return true;
         case TWJsonValue::Type::Number:
-            out.append(value.numberText());
+            value.appendNumberText(out);
             return true;
         case TWJsonValue::Type::Null:
             out.append(QLatin1String("null"));
