@@ -52,8 +52,12 @@ void answerJson(httplib::Response& res, const TWJsonValue& json) {
 }
 
 std::optional<QByteArray> decodeBase64(const std::string& body) {
-    const auto result = QByteArray::fromBase64Encoding(QByteArray::fromStdString(body),
-                                                       QByteArray::AbortOnBase64DecodingErrors);
+    // Line breaks and blanks are allowed between the characters: many encoders wrap their
+    // output at 76 columns.
+    QByteArray text = QByteArray::fromStdString(body);
+    text.removeIf([](char c) { return c == '\r' || c == '\n' || c == ' ' || c == '\t'; });
+    const auto result =
+        QByteArray::fromBase64Encoding(text, QByteArray::AbortOnBase64DecodingErrors);
     if (!result)
         return std::nullopt;
     return result.decoded;
@@ -140,9 +144,6 @@ public:
         const auto user = authorise(query, res);
         if (!user)
             return;
-        if (static_cast<qsizetype>(req.body.size()) > settings_.maxBodyBytes) {
-            return answer(res, 413);
-        }
         const auto decoded = decodeBase64(req.body);
         if (!decoded)
             return answer(res, 400);
@@ -210,6 +211,23 @@ private:
 
 using Handler = void (Api::*)(const httplib::Request&, httplib::Response&);
 
+// Runs work for one request and logs it: method, path without query, status, time taken.
+template <typename Work>
+void logged(const httplib::Request& req, httplib::Response& res, Work&& work) {
+    QElapsedTimer clock;
+    clock.start();
+    try {
+        work();
+    } catch (const std::exception& e) {
+        foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
+        answer(res, 500);
+    }
+    foundation::log(QStringLiteral("%1 %2 %3 %4 ms")
+                        .arg(QString::fromStdString(req.method), QString::fromStdString(req.path))
+                        .arg(res.status)
+                        .arg(clock.nsecsElapsed() / 1e6, 0, 'f', 2));
+}
+
 }  // namespace
 
 void installApi(httplib::Server& server, NotesStore& store, LoginThrottle& throttle,
@@ -217,26 +235,40 @@ void installApi(httplib::Server& server, NotesStore& store, LoginThrottle& throt
     auto api = std::make_shared<Api>(store, throttle, settings);
     auto route = [api](Handler handler) {
         return [api, handler](const httplib::Request& req, httplib::Response& res) {
-            QElapsedTimer clock;
-            clock.start();
-            try {
-                ((*api).*handler)(req, res);
-            } catch (const std::exception& e) {
-                foundation::log(
-                    QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
-                answer(res, 500);
-            }
-            foundation::log(
-                QStringLiteral("%1 %2 %3 %4 ms")
-                    .arg(QString::fromStdString(req.method), QString::fromStdString(req.path))
-                    .arg(res.status)
-                    .arg(clock.nsecsElapsed() / 1e6, 0, 'f', 2));
+            logged(req, res, [&] { ((*api).*handler)(req, res); });
         };
     };
-    server.Post("/api/login", route(&Api::login));
+    // Bodies are read here rather than by the HTTP library, which refuses every form-encoded
+    // body over 8 KiB, and clients of this API send their base64 under that content type.
+    const std::size_t limit = static_cast<std::size_t>(settings.maxBodyBytes);
+    auto routeWithBody = [api, limit](Handler handler) {
+        return [api, handler, limit](const httplib::Request& req, httplib::Response& res,
+                                     const httplib::ContentReader& content) {
+            logged(req, res, [&] {
+                if (req.is_multipart_form_data())
+                    return answer(res, 400);
+                httplib::Request whole = req;
+                const bool read = content([&whole, limit](const char* data, std::size_t size) {
+                    // Past the limit the rest is read and dropped, so the connection stays
+                    // usable for the refusal and the requests after it.
+                    if (whole.body.size() <= limit)
+                        whole.body.append(data, std::min(size, limit + 1 - whole.body.size()));
+                    return true;
+                });
+                if (!read) {
+                    res.set_header("Connection", "close");
+                    return answer(res, res.status == 413 ? 413 : 400);
+                }
+                if (whole.body.size() > limit)
+                    return answer(res, 413);
+                ((*api).*handler)(whole, res);
+            });
+        };
+    };
+    server.Post("/api/login", routeWithBody(&Api::login));
     server.Get("/api/index", route(&Api::index));
     server.Get("/api/note", route(&Api::getNote));
-    server.Post("/api/note", route(&Api::postNote));
+    server.Post("/api/note", routeWithBody(&Api::postNote));
     server.Get("/api/delete", route(&Api::deleteNote));
     server.Get("/api/search", route(&Api::search));
 }

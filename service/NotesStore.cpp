@@ -112,7 +112,7 @@ QString formatMicros(qint64 micros) {
            QStringLiteral("%1").arg(micros % 1000000, 6, 10, QLatin1Char('0'));
 }
 
-NotesStore::NotesStore(const QString& path) : path_(path) {
+NotesStore::NotesStore(const QString& path) : path_(path), reads_(path.toUtf8()) {
     const QByteArray file = path.toUtf8();
     if (sqlite3_open_v2(file.constData(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
@@ -131,10 +131,6 @@ NotesStore::NotesStore(const QString& path) : path_(path) {
         execute("PRAGMA journal_mode=WAL");
         execute("PRAGMA synchronous=FULL");
         execute("PRAGMA foreign_keys=ON");
-        // Searching reads every note of an account: keep them in memory rather than re-reading
-        // them through the default 2 MB page cache.
-        execute("PRAGMA cache_size=-65536");
-        execute("PRAGMA mmap_size=268435456");
         migrate();
     } catch (const StoreError& e) {
         sqlite3_close(db_);
@@ -201,8 +197,9 @@ bool NotesStore::removeUser(const QString& email) {
 }
 
 std::optional<User> NotesStore::userByEmail(const QString& email) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "SELECT id, email, password_hash FROM users WHERE email = ?");
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db, "SELECT id, email, password_hash FROM users WHERE email = ?");
     s.bind(1, email);
     if (!s.step())
         return std::nullopt;
@@ -221,8 +218,9 @@ void NotesStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 exp
 
 std::optional<qint64> NotesStore::userForToken(const QByteArray& tokenHash, const QString& email,
                                                qint64 now) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_,
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
                 "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
                 "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
     s.bind(1, tokenHash).bind(2, email).bind(3, now);
@@ -257,8 +255,9 @@ bool NotesStore::updateNote(qint64 userId, const QString& key, const QString& te
 }
 
 std::optional<Note> NotesStore::note(qint64 userId, const QString& key) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_,
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
                 "SELECT key, text, created, modified, deleted FROM notes "
                 "WHERE key = ? AND user_id = ?");
     s.bind(1, key).bind(2, userId);
@@ -287,8 +286,9 @@ bool NotesStore::purge(qint64 userId, const QString& key) {
 }
 
 std::vector<Note> NotesStore::index(qint64 userId) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_,
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
                 "SELECT key, '', created, modified, deleted FROM notes WHERE user_id = ? "
                 "ORDER BY modified DESC, rowid DESC");
     s.bind(1, userId);
@@ -301,7 +301,8 @@ std::vector<Note> NotesStore::index(qint64 userId) {
 std::vector<Note> NotesStore::search(qint64 userId, const QString& needle, int limit, int offset,
                                      qint64* total) {
     const TextMatch match(needle);
-    std::lock_guard lock(mutex_);
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
     // Every live note's text is looked at in place, in the table's own order (a straight read,
     // where walking an index would fetch each row by itself); only the matches are sorted and
     // only the page is copied out.
@@ -313,7 +314,13 @@ std::vector<Note> NotesStore::search(qint64 userId, const QString& needle, int l
         }
     };
     std::vector<Hit> hits;
-    Statement scan(db_,
+    // One snapshot for the scan and the page, whatever is written meanwhile.
+    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    struct EndRead {
+        sqlite3* db;
+        ~EndRead() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
+    } endRead{db};
+    Statement scan(db,
                    "SELECT rowid, modified, text FROM notes NOT INDEXED "
                    "WHERE user_id = ? AND deleted = 0");
     scan.bind(1, userId);
@@ -327,7 +334,7 @@ std::vector<Note> NotesStore::search(qint64 userId, const QString& needle, int l
     std::vector<Note> page;
     const auto end = std::min<std::size_t>(hits.size(), std::size_t(offset) + std::size_t(limit));
     for (std::size_t i = std::size_t(offset); i < end; ++i) {
-        Statement row(db_,
+        Statement row(db,
                       "SELECT key, text, created, modified, deleted FROM notes "
                       "WHERE rowid = ?");
         if (row.bind(1, hits[i].rowid).step())

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "service/ReadConnections.h"
+
 struct sqlite3;
 
 namespace notes {
@@ -32,9 +34,10 @@ struct User {
 };
 
 // The service's SQLite database (WAL, every commit synced): users, hashed session tokens and
-// notes. One connection, used by one request at a time. The schema carries its version
-// (PRAGMA user_version) and is migrated forward on open; a database from a newer version, or a
-// file that is not a database, is refused and left untouched.
+// notes. Writes go one at a time through one connection; reads run side by side on connections
+// of their own. The schema carries its version (PRAGMA user_version) and is migrated forward on
+// open; a database from a newer version, or a file that is not a database, is refused and left
+// untouched.
 class NotesStore {
 public:
     static constexpr int kSchemaVersion = 2;
@@ -70,9 +73,10 @@ private:
     void execute(const char* sql);
     void migrate();
 
-    sqlite3* db_ = nullptr;
-    std::mutex mutex_;
+    sqlite3* db_ = nullptr;  // for writes
+    std::mutex mutex_;       // one write at a time on db_
     QString path_;
+    ReadConnections reads_;
 };
 
 // "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
