@@ -68,8 +68,8 @@ public:
     Api(NotesStore& store, LoginThrottle& throttle, const ApiSettings& settings)
         : store_(store), throttle_(throttle), settings_(settings) {}
 
-    void login(const httplib::Request& req, httplib::Response& res) {
-        const auto decoded = decodeBase64(req.body);
+    void login(const httplib::Request&, const std::string& body, httplib::Response& res) {
+        const auto decoded = decodeBase64(body);
         const QString form = decoded ? QString::fromUtf8(*decoded) : QString();
         const qsizetype split = form.indexOf(QLatin1String("&password="));
         if (!form.startsWith(QLatin1String("email=")) || split < 0)
@@ -139,12 +139,12 @@ public:
         answer(res, 200, note->text);
     }
 
-    void postNote(const httplib::Request& req, httplib::Response& res) {
+    void postNote(const httplib::Request& req, const std::string& body, httplib::Response& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
             return;
-        const auto decoded = decodeBase64(req.body);
+        const auto decoded = decodeBase64(body);
         if (!decoded)
             return answer(res, 400);
         const QString text = QString::fromUtf8(*decoded);
@@ -186,15 +186,13 @@ public:
             offset = 0;
 
         TWJsonValue found = TWJsonValue::array();
-        auto add = [&found](const Note& note) {
+        qint64 total = 0;
+        for (const Note& note : store_.search(*user, text, results, offset, &total)) {
             TWJsonValue entry = TWJsonValue::dictionary();
             entry.insert(QStringLiteral("key"), TWJsonValue::string(note.key));
             entry.insert(QStringLiteral("content"), TWJsonValue::string(note.text));
             found.append(std::move(entry));
-        };
-        qint64 total = 0;
-        for (const Note& note : store_.search(*user, text, results, offset, &total))
-            add(note);
+        }
         TWJsonValue response = TWJsonValue::dictionary();
         response.insert(QStringLiteral("totalRecords"), TWJsonValue::number(total));
         response.insert(QStringLiteral("Results"), found);
@@ -210,6 +208,7 @@ private:
 };
 
 using Handler = void (Api::*)(const httplib::Request&, httplib::Response&);
+using BodyHandler = void (Api::*)(const httplib::Request&, const std::string&, httplib::Response&);
 
 // Runs work for one request and logs it: method, path without query, status, time taken.
 template <typename Work>
@@ -241,27 +240,27 @@ void installApi(httplib::Server& server, NotesStore& store, LoginThrottle& throt
     // Bodies are read here rather than by the HTTP library, which refuses every form-encoded
     // body over 8 KiB, and clients of this API send their base64 under that content type.
     const std::size_t limit = static_cast<std::size_t>(settings.maxBodyBytes);
-    auto routeWithBody = [api, limit](Handler handler) {
+    auto routeWithBody = [api, limit](BodyHandler handler) {
         return [api, handler, limit](const httplib::Request& req, httplib::Response& res,
                                      const httplib::ContentReader& content) {
             logged(req, res, [&] {
                 if (req.is_multipart_form_data())
                     return answer(res, 400);
-                httplib::Request whole = req;
-                const bool read = content([&whole, limit](const char* data, std::size_t size) {
+                std::string body;
+                const bool read = content([&body, limit](const char* data, std::size_t size) {
                     // Past the limit the rest is read and dropped, so the connection stays
                     // usable for the refusal and the requests after it.
-                    if (whole.body.size() <= limit)
-                        whole.body.append(data, std::min(size, limit + 1 - whole.body.size()));
+                    if (body.size() <= limit)
+                        body.append(data, std::min(size, limit + 1 - body.size()));
                     return true;
                 });
                 if (!read) {
                     res.set_header("Connection", "close");
                     return answer(res, res.status == 413 ? 413 : 400);
                 }
-                if (whole.body.size() > limit)
+                if (body.size() > limit)
                     return answer(res, 413);
-                ((*api).*handler)(whole, res);
+                ((*api).*handler)(req, body, res);
             });
         };
     };
