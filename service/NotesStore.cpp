@@ -112,7 +112,7 @@ QString formatMicros(qint64 micros) {
            QStringLiteral("%1").arg(micros % 1000000, 6, 10, QLatin1Char('0'));
 }
 
-NotesStore::NotesStore(const QString& path) : path_(path), reads_(path.toUtf8()) {
+NotesStore::NotesStore(const QString& path) : reads_(path.toUtf8()) {
     const QByteArray file = path.toUtf8();
     if (sqlite3_open_v2(file.constData(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,

@@ -75,7 +75,6 @@ private:
 
     sqlite3* db_ = nullptr;  // for writes
     std::mutex mutex_;       // one write at a time on db_
-    QString path_;
     ReadConnections reads_;
 };
 
