@@ -1,13 +1,13 @@
 #include "app/Application.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
 #include <QApplication>
 #include <QLineEdit>
 #include <QSocketNotifier>
 #include <QTextStream>
 #include <QTimer>
 #include <csignal>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "app/PasswordFile.h"
 #include "foundation/Log.h"
@@ -26,7 +26,9 @@ void onSignal(int) {
     [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
 }
 
-void printError(const QString& text) { QTextStream(stderr) << text << Qt::endl; }
+void printError(const QString& text) {
+    QTextStream(stderr) << text << Qt::endl;
+}
 
 const QString kLoginSucceeded = QStringLiteral("LWSimplenoteLoginLoginSuccessNotification");
 const QString kLoginFailed = QStringLiteral("LWSimplenoteLoginLoginFailureNotification");
@@ -41,7 +43,9 @@ Application::Application(const Options& options) : options_(options) {
     interface_ = std::make_unique<MainInterface>();
 }
 
-Application::~Application() { foundation::NotificationCenter::defaultCenter().removeObserver(this); }
+Application::~Application() {
+    foundation::NotificationCenter::defaultCenter().removeObserver(this);
+}
 
 bool Application::start() {
     QString password;
@@ -57,15 +61,17 @@ bool Application::start() {
     AppController& controller = interface_->controller();
     controller.setAccountOverride(options_.email, password);
     installSignalHandlers();
-    if (options_.headless) watchLogin();
+    if (options_.headless)
+        watchLogin();
 
     controller.awakeFromNib();
     controller.applicationDidFinishLaunching();
 
     // Start-up disables the account fields exactly when it begins a login.
     if (options_.headless && controller.emailField()->isEnabled()) {
-        printError(QStringLiteral("ferrybox: no account to log in with: give --email and "
-                                  "--password-file, or store the password in the keyring"));
+        printError(
+            QStringLiteral("ferrybox: no account to log in with: give --email and "
+                           "--password-file, or store the password in the keyring"));
         exitStatus_ = 1;
         return false;
     }
@@ -82,11 +88,13 @@ void Application::watchLogin() {
             reason = error->localizedDescription;
         }
         printError(QStringLiteral("Error logging in to Simplenote."));
-        if (!reason.isEmpty()) printError(reason);
+        if (!reason.isEmpty())
+            printError(reason);
         exitStatus_ = 1;
         QCoreApplication::exit(1);
     });
-    if (!options_.once) return;
+    if (!options_.once)
+        return;
     center.addObserver(this, kLoginSucceeded, nullptr,
                        [this](const foundation::Notification&) { finishWhenIdle(); });
 }

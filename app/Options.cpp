@@ -3,12 +3,15 @@
 std::optional<Options> parseOptions(const QStringList& arguments, const QString& passwordFileEnv,
                                     QString* error) {
     Options options;
-    if (!passwordFileEnv.isEmpty()) options.passwordFile = passwordFileEnv;
+    if (!passwordFileEnv.isEmpty())
+        options.passwordFile = passwordFileEnv;
     for (int i = 0; i < arguments.size(); ++i) {
         const QString& arg = arguments[i];
         auto valueOf = [&](const QString& name) -> std::optional<QString> {
-            if (arg.startsWith(name + QLatin1Char('='))) return arg.mid(name.size() + 1);
-            if (arg != name) return std::nullopt;
+            if (arg.startsWith(name + QLatin1Char('=')))
+                return arg.mid(name.size() + 1);
+            if (arg != name)
+                return std::nullopt;
             if (i + 1 >= arguments.size()) {
                 *error = QStringLiteral("%1 needs a value").arg(name);
                 return QString();
@@ -31,7 +34,8 @@ std::optional<Options> parseOptions(const QStringList& arguments, const QString&
             *error = QStringLiteral("unknown argument: %1").arg(arg);
             return std::nullopt;
         }
-        if (!error->isEmpty()) return std::nullopt;
+        if (!error->isEmpty())
+            return std::nullopt;
     }
     if (options.once && !options.headless) {
         *error = QStringLiteral("--once needs --headless");

@@ -1,7 +1,7 @@
 #include "app/PasswordFile.h"
 
-#include <QFile>
 #include <sys/stat.h>
+#include <QFile>
 
 PasswordFileResult readPasswordFile(const QString& path) {
     struct stat info {};
@@ -19,9 +19,12 @@ PasswordFileResult readPasswordFile(const QString& path) {
         return {QString(), QStringLiteral("cannot read password file %1").arg(path)};
     }
     QByteArray line = file.readLine();
-    if (line.endsWith('\n')) line.chop(1);
-    if (line.endsWith('\r')) line.chop(1);
+    if (line.endsWith('\n'))
+        line.chop(1);
+    if (line.endsWith('\r'))
+        line.chop(1);
     QString password = QString::fromUtf8(line);
-    if (password.isNull()) password = QLatin1String("");  // an empty file gives an empty password
+    if (password.isNull())
+        password = QLatin1String("");  // an empty file gives an empty password
     return {password, QString()};
 }

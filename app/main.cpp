@@ -17,7 +17,8 @@ bool haveDisplay() {
 
 int main(int argc, char** argv) {
     QStringList arguments;
-    for (int i = 1; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
     QString error;
     const auto options =
         parseOptions(arguments, qEnvironmentVariable("FERRYBOX_PASSWORD_FILE"), &error);
@@ -49,7 +50,8 @@ int main(int argc, char** argv) {
     QApplication::setQuitOnLastWindowClosed(false);
 
     Application agent(*options);
-    if (!agent.start()) return agent.exitStatus();
+    if (!agent.start())
+        return agent.exitStatus();
     const int status = QApplication::exec();
     return status != 0 ? status : agent.exitStatus();
 }

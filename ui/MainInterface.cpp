@@ -5,7 +5,9 @@
 #include "ui_PreferencesWindow.h"
 
 // Resources of a static library must be registered by hand, and outside any namespace.
-static void registerUiResources() { Q_INIT_RESOURCE(ui); }
+static void registerUiResources() {
+    Q_INIT_RESOURCE(ui);
+}
 
 MainInterface::MainInterface() : form_(std::make_unique<Ui::PreferencesWindow>()) {
     registerUiResources();

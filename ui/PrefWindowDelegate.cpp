@@ -3,7 +3,9 @@
 #include <QCloseEvent>
 #include <QWidget>
 
-void PrefWindowDelegate::attachTo(QWidget* window) { window->installEventFilter(this); }
+void PrefWindowDelegate::attachTo(QWidget* window) {
+    window->installEventFilter(this);
+}
 
 bool PrefWindowDelegate::windowShouldClose(QWidget* window) {
     window->hide();

@@ -28,7 +28,8 @@ public:
         if (item.menu() != menu_) {
             menu_ = item.menu();
             tray_->setContextMenu(menu_);
-            if (menu_) watchMenu(menu_);
+            if (menu_)
+                watchMenu(menu_);
         }
     }
 
