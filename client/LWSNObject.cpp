@@ -1,11 +1,7 @@
 #include "client/LWSNObject.h"
 
-#include <cxxabi.h>
-
-#include <cstdlib>
-#include <typeinfo>
-
 #include "client/LWSimplenoteCredentialStore.h"
+#include "foundation/TypeName.h"
 #include "foundation/UserDefaults.h"
 
 namespace {
@@ -76,11 +72,11 @@ QStringList LWSNObject::authParams() const {
 }
 
 QString LWSNObject::className() const {
-    const char* mangled = typeid(*this).name();
-    int status = 0;
-    char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
-    QString name = QString::fromLatin1(status == 0 && demangled ? demangled : mangled);
-    std::free(demangled);
+    return classNameOfType(typeid(*this));
+}
+
+QString LWSNObject::classNameOfType(const std::type_info& type) {
+    const QString name = foundation::demangledTypeName(type);
     const qsizetype scope = name.lastIndexOf(QStringLiteral("::"));
     return scope < 0 ? name : name.mid(scope + 2);
 }

@@ -6,6 +6,7 @@
 #include <QUrl>
 #include <memory>
 #include <optional>
+#include <typeinfo>
 #include <vector>
 
 #include "client/LWCallback.h"
@@ -48,6 +49,21 @@ public:
     QStringList authParams() const;
     // The run-time class name, without namespace.
     QString className() const;
+    static QString classNameOfType(const std::type_info& type);
+
+    // The action object that an outcome notification carries under key (the poster's run-time
+    // class name), as a T; null when there is none or it is no T. Without a key, T's own name
+    // is the key: fromNotification<LWSimplenoteSearch>(n) finds a search's object.
+    template <class T>
+    static std::shared_ptr<T> fromNotification(const foundation::Notification& notification,
+                                               const QString& key) {
+        const auto* object = notification.value<std::shared_ptr<LWSNObject>>(key);
+        return object ? std::dynamic_pointer_cast<T>(*object) : nullptr;
+    }
+    template <class T>
+    static std::shared_ptr<T> fromNotification(const foundation::Notification& notification) {
+        return fromNotification<T>(notification, classNameOfType(typeid(T)));
+    }
 
     QString successNotificationNameForSelector(const QString& selector) const;
     QString failureNotificationNameForSelector(const QString& selector) const;

@@ -9,6 +9,15 @@ Error::Error(QString domain, qint64 code, QString description,
       localizedDescription(std::move(description)),
       underlyingError(std::move(underlying)) {}
 
+Error::~Error() {
+    std::shared_ptr<const Error> next = std::move(underlyingError);
+    while (next && next.use_count() == 1) {
+        // Nobody else holds the next link: detach what follows it before it goes.
+        std::shared_ptr<const Error> after = std::move(const_cast<Error&>(*next).underlyingError);
+        next = std::move(after);
+    }
+}
+
 QString Error::description() const {
     return QStringLiteral("Error Domain=%1 Code=%2 \"%3\"")
         .arg(domain)
@@ -17,14 +26,21 @@ QString Error::description() const {
 }
 
 bool operator==(const Error& a, const Error& b) {
-    if (a.domain != b.domain || a.code != b.code ||
-        a.localizedDescription != b.localizedDescription) {
-        return false;
+    // Walked as a loop, not by recursion: chains can be long.
+    const Error* x = &a;
+    const Error* y = &b;
+    for (;;) {
+        if (x->domain != y->domain || x->code != y->code ||
+            x->localizedDescription != y->localizedDescription) {
+            return false;
+        }
+        if (!x->underlyingError || !y->underlyingError)
+            return !x->underlyingError && !y->underlyingError;
+        if (x->underlyingError == y->underlyingError)
+            return true;
+        x = x->underlyingError.get();
+        y = y->underlyingError.get();
     }
-    if (!a.underlyingError || !b.underlyingError) {
-        return !a.underlyingError && !b.underlyingError;
-    }
-    return *a.underlyingError == *b.underlyingError;
 }
 
 }  // namespace foundation

@@ -16,6 +16,13 @@ struct Error {
     Error() = default;
     Error(QString domain, qint64 code, QString description,
           std::shared_ptr<const Error> underlying = nullptr);
+    Error(const Error&) = default;
+    Error(Error&&) = default;
+    Error& operator=(const Error&) = default;
+    Error& operator=(Error&&) = default;
+    // Lets go of a long chain of underlying errors (a parser's trace can hold thousands) one
+    // link at a time instead of one stack frame per link.
+    ~Error();
 
     // "Error Domain=D Code=N "description"", the form log lines print.
     QString description() const;

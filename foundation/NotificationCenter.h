@@ -8,7 +8,8 @@
 
 namespace foundation {
 
-// Values travel as std::any: an action object as std::shared_ptr<ItsClass>, an error as
+// Values travel as std::any: an action object as std::shared_ptr<LWSNObject> whatever its class
+// (LWSNObject::fromNotification<T> reads it back as its own class), an error as
 // foundation::Error.
 using UserInfo = std::map<QString, std::any>;
 

@@ -3,8 +3,29 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTimer>
+#include <exception>
+
+#include "foundation/Log.h"
+#include "foundation/TypeName.h"
 
 namespace foundation {
+
+namespace {
+
+// An exception that escapes an event ends that event's work, not the program: the event loop
+// logs it and goes on with the next event, as the platform's own does.
+void runCatchingExceptions(const std::function<void()>& fn) {
+    try {
+        fn();
+    } catch (const std::exception& e) {
+        log(QStringLiteral("An uncaught exception was raised: %1: %2")
+                .arg(demangledTypeName(typeid(e)), QString::fromLocal8Bit(e.what())));
+    } catch (...) {
+        log(QStringLiteral("An uncaught exception was raised: %1").arg(currentExceptionTypeName()));
+    }
+}
+
+}  // namespace
 
 RunLoop& RunLoop::main() {
     static RunLoop loop;
@@ -33,7 +54,7 @@ void RunLoop::flush() {
         pending_.pop_front();
         if (task.hasContext && task.context.isNull())
             continue;
-        task.fn();
+        runCatchingExceptions(task.fn);
     }
 }
 

@@ -10,7 +10,8 @@ namespace foundation {
 // The main thread's run loop seen as the agent sees it: work scheduled in the default mode runs
 // from the Qt event loop, except while the default mode is held (a modal alert is open, the
 // status menu is being tracked). Held work waits and runs, in the order it was scheduled, once
-// the last hold is released.
+// the last hold is released. An exception that escapes a piece of work is logged with its kind
+// and text, and the next piece runs as usual.
 class RunLoop {
 public:
     static RunLoop& main();

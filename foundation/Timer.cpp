@@ -1,7 +1,10 @@
 #include "foundation/Timer.h"
 
+#include <QDeadlineTimer>
 #include <QTimer>
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <set>
 
 #include "foundation/RunLoop.h"
@@ -16,6 +19,22 @@ std::set<std::shared_ptr<Timer>>& scheduledTimers() {
     return timers;
 }
 
+// QTimer counts milliseconds in an int: a longer period is waited for in steps of this size.
+constexpr qint64 kLongestQtWait = std::numeric_limits<int>::max();
+
+qint64 periodInMilliseconds(double seconds) {
+    const double ms = seconds * 1000.0;
+    if (std::isnan(ms) || ms < 1.0)
+        return 1;
+    // Far beyond any run of the program, and still well inside qint64.
+    constexpr double kCenturies = 1e16;
+    return static_cast<qint64>(std::min(ms, kCenturies));
+}
+
+qint64 monotonicNowMs() {
+    return QDeadlineTimer::current().deadline();
+}
+
 }  // namespace
 
 std::shared_ptr<Timer> Timer::create(double intervalSeconds, bool repeats,
@@ -24,7 +43,7 @@ std::shared_ptr<Timer> Timer::create(double intervalSeconds, bool repeats,
 }
 
 Timer::Timer(double intervalSeconds, bool repeats, std::function<void()> action)
-    : interval_(std::max(intervalSeconds, 0.0001)),
+    : interval_(std::isnan(intervalSeconds) ? 0.0001 : std::max(intervalSeconds, 0.0001)),
       repeats_(repeats),
       action_(std::move(action)),
       context_(std::make_unique<QObject>()) {}
@@ -39,12 +58,38 @@ void Timer::scheduleInDefaultMode() {
         return;
     qtimer_ = new QTimer(context_.get());
     qtimer_->setTimerType(Qt::PreciseTimer);
-    qtimer_->setSingleShot(!repeats_);
-    qtimer_->setInterval(
-        std::chrono::milliseconds(static_cast<qint64>(std::max(interval_ * 1000.0, 1.0))));
-    QObject::connect(qtimer_, &QTimer::timeout, context_.get(), [this] { tick(); });
-    qtimer_->start();
+    periodMs_ = periodInMilliseconds(interval_);
+    if (periodMs_ <= kLongestQtWait) {
+        qtimer_->setSingleShot(!repeats_);
+        qtimer_->setInterval(static_cast<int>(periodMs_));
+        QObject::connect(qtimer_, &QTimer::timeout, context_.get(), [this] { tick(); });
+        qtimer_->start();
+    } else {
+        qtimer_->setSingleShot(true);
+        QObject::connect(qtimer_, &QTimer::timeout, context_.get(), [this] { onQtTimeout(); });
+        dueMs_ = monotonicNowMs() + periodMs_;
+        armForRemainingTime();
+    }
     scheduledTimers().insert(shared_from_this());
+}
+
+void Timer::armForRemainingTime() {
+    const qint64 remaining = std::max<qint64>(dueMs_ - monotonicNowMs(), 0);
+    qtimer_->start(static_cast<int>(std::min(remaining, kLongestQtWait)));
+}
+
+void Timer::onQtTimeout() {
+    if (!valid_)
+        return;
+    if (monotonicNowMs() < dueMs_) {
+        armForRemainingTime();
+        return;
+    }
+    if (repeats_) {
+        dueMs_ += periodMs_;
+        armForRemainingTime();
+    }
+    tick();
 }
 
 void Timer::tick() {

@@ -9,7 +9,8 @@ class QTimer;
 namespace foundation {
 
 // A timer of the default run-loop mode: a tick that falls while the default mode is held waits
-// until the hold ends, and ticks missed meanwhile collapse into one.
+// until the hold ends, and ticks missed meanwhile collapse into one. Any period works, from a
+// millisecond to centuries; a shorter one or NaN counts as one millisecond.
 class Timer : public std::enable_shared_from_this<Timer> {
 public:
     // A timer that is not yet scheduled.
@@ -29,6 +30,8 @@ public:
 private:
     Timer(double intervalSeconds, bool repeats, std::function<void()> action);
     void tick();
+    void onQtTimeout();
+    void armForRemainingTime();
 
     double interval_;
     bool repeats_;
@@ -37,6 +40,8 @@ private:
     std::function<void()> action_;
     std::unique_ptr<QObject> context_;
     QTimer* qtimer_ = nullptr;
+    qint64 periodMs_ = 1;
+    qint64 dueMs_ = 0;  // on the monotonic clock, for periods longer than one QTimer can wait
 };
 
 }  // namespace foundation

@@ -50,9 +50,7 @@ QVariant UserDefaults::objectForKey(const QString& key) const {
 
 QString UserDefaults::stringForKey(const QString& key) const {
     const QVariant value = settings_->value(key);
-    if (value.typeId() != QMetaType::QString)
-        return QString();
-    return value.toString();
+    return value.isValid() ? value.toString() : QString();
 }
 
 void UserDefaults::setObject(const QVariant& value, const QString& key) {

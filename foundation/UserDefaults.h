@@ -25,7 +25,8 @@ public:
 
     // Invalid QVariant when absent.
     QVariant objectForKey(const QString& key) const;
-    // Null QString when absent or when the stored value is not a string.
+    // Null QString when absent. A number or a boolean reads as its text ("1", "true"), so that a
+    // value edited by hand without quotes still means what it says.
     QString stringForKey(const QString& key) const;
     // An invalid value removes the key.
     void setObject(const QVariant& value, const QString& key);

@@ -2,6 +2,9 @@
 // transport events and queued callbacks arrive afterwards, in the order they were due.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <stdexcept>
+
 #include "foundation/AlertPanel.h"
 #include "foundation/Log.h"
 #include "foundation/RunLoop.h"
@@ -96,6 +99,34 @@ TEST_F(ModeHoldTest, ScheduledTimerKeepsRunningWithoutOwner) {
     ASSERT_FALSE(weak.expired());
     weak.lock()->invalidate();
     EXPECT_TRUE(weak.expired());
+}
+
+// Longer than a QTimer can count in its int of milliseconds: 2^32 + 50 ms must wait its 50 days,
+// not wrap around to 50 ms.
+TEST_F(ModeHoldTest, TimerPeriodsBeyondAnIntOfMillisecondsWaitTheirTime) {
+    int fired = 0;
+    auto longWait = foundation::Timer::create(4294967.346, true, [&] { ++fired; });
+    auto notANumber = foundation::Timer::create(std::nan(""), false, [&] { ++fired; });
+    longWait->scheduleInDefaultMode();
+    notANumber->scheduleInDefaultMode();
+    ASSERT_TRUE(waitUntil([&] { return fired == 1; }));
+    settle(100);
+    EXPECT_EQ(fired, 1);
+    EXPECT_TRUE(longWait->isValid());
+    longWait->invalidate();
+}
+
+TEST_F(ModeHoldTest, ExceptionEndsOnlyTheEventThatRaisedIt) {
+    foundation::LogCapture capture;
+    QStringList ran;
+    RunLoop::main().performInDefaultMode([] { throw std::out_of_range("index 0 beyond bounds"); });
+    RunLoop::main().performInDefaultMode([] { throw 42; });
+    RunLoop::main().performInDefaultMode([&] { ran << "next"; });
+    ASSERT_TRUE(waitUntil([&] { return !ran.isEmpty(); }));
+    EXPECT_EQ(capture.lines(),
+              (QStringList{"An uncaught exception was raised: std::out_of_range: index 0 beyond "
+                           "bounds",
+                           "An uncaught exception was raised: int"}));
 }
 
 TEST_F(ModeHoldTest, HeadlessAlertIsLoggedAndAnsweredWithItsDefault) {

@@ -1,7 +1,9 @@
 // Settings come back with the type they were stored with, across a restart of the store.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include "foundation/UserDefaults.h"
 #include "tests/support/TempHome.h"
@@ -42,10 +44,27 @@ TEST(UserDefaultsTest, ValuesKeepTheirTypeAcrossARestart) {
         EXPECT_EQ(value.toString(), c.stored.toString()) << c.key;
         const bool storedString = c.stored.typeId() == QMetaType::QString;
         EXPECT_EQ(value.typeId() == QMetaType::QString, storedString) << c.key;
-        EXPECT_EQ(reread.stringForKey(c.key).isNull(), !storedString) << c.key;
+        // A number or a boolean reads as its text, as a value edited by hand means it.
+        EXPECT_EQ(reread.stringForKey(c.key), c.stored.toString()) << c.key;
     }
     EXPECT_FALSE(reread.objectForKey("absent").isValid());
     EXPECT_TRUE(reread.stringForKey("absent").isNull());
+}
+
+TEST(UserDefaultsTest, HandEditedValuesReadAsTheyAreWritten) {
+    testsupport::TempHome home;
+    QFile file(UserDefaults::defaultFilePath());
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("keepLog=true\nuseGrowl=1\nsearchTerm=My_Queue\ninterval=2.5\n");
+    file.close();
+    UserDefaults::resetStandardUserDefaults();
+    const UserDefaults& defaults = UserDefaults::standardUserDefaults();
+    EXPECT_EQ(defaults.stringForKey("keepLog"), "true");
+    EXPECT_EQ(defaults.stringForKey("useGrowl"), "1");
+    EXPECT_EQ(defaults.stringForKey("searchTerm"), "My_Queue");
+    EXPECT_EQ(defaults.stringForKey("interval"), "2.5");
+    EXPECT_EQ(defaults.objectForKey("interval").toDouble(), 2.5);
 }
 
 TEST(UserDefaultsTest, FileLivesInTheConfigFolderAndReadsPlainly) {

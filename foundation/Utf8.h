@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace foundation {
+
+// Bytes as text, every byte kept: a leading byte-order mark stays in the text as U+FEFF. Null
+// when the bytes are not valid UTF-8; empty, not null, when there are none.
+QString strictUtf8(const QByteArray& bytes);
+
+}  // namespace foundation
