@@ -1,20 +1,15 @@
 // Any bytes: parsed as a string (bytes that are not UTF-8 are no input) and as UTF-8 bytes;
 // whatever parses is written back, compact and indented, and must parse again to the same value.
 #include <QByteArray>
-#include <QStringDecoder>
 #include <cstdint>
 #include <cstdlib>
 
 #include "Classes/TWJSON/TWJSON.h"
+#include "foundation/Utf8.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const QByteArray bytes(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::Stateless);
-    QString text = decoder(bytes);
-    if (decoder.hasError())
-        text = QString();
-    if (!text.isNull() && text.isEmpty())
-        text = QStringLiteral("");
+    const QString text = foundation::strictUtf8(bytes);
 
     TWJsonParser parser;
     const auto fromText = parser.fragmentWithString(text);

@@ -1,14 +1,20 @@
 // ferrybox-json: reads JSON, writes it back through Ferrybox's writer, or lists why it failed.
 #include <QCoreApplication>
 #include <QFile>
-#include <QStringDecoder>
 #include <QTextStream>
+#include <QThread>
+#include <algorithm>
 #include <cstdio>
-#include <limits>
 
 #include "Classes/TWJSON/TWJSON.h"
+#include "foundation/Utf8.h"
 
 namespace {
+
+// The deepest nesting the tool ever accepts, whatever --max-depth says, and a stack that holds
+// it with room to spare in every build, sanitizers included.
+constexpr quint64 kDepthCeiling = 10000;
+constexpr uint kWorkerStackBytes = 256u * 1024u * 1024u;
 
 const char kHelp[] = R"(NAME
     ferrybox-json - check and rewrite JSON with Ferrybox's JSON codec
@@ -29,8 +35,9 @@ OPTIONS
     --pretty        indent the output, two spaces a level, with " : " after each key
     --sort-keys     write object members in ascending key order (by UTF-16 code units);
                     otherwise they keep the order of the input
-    --max-depth N   refuse input nested deeper than N arrays and objects (default 512;
-                    0 means no limit)
+    --max-depth N   refuse input nested deeper than N arrays and objects (default 512).
+                    The tool never accepts more than 10000 levels: 0 ("no limit") and any
+                    larger N mean 10000
     --help          show this text
 
 EXIT STATUS
@@ -86,6 +93,35 @@ int parseArguments(const QStringList& arguments, Options& options) {
     return -1;
 }
 
+// Parses text and writes the value to standard output, or the error trace to standard error;
+// returns the exit status.
+int convert(const Options& options, const QString& text) {
+    TWJSON json;
+    // No limit of the user's own still leaves the ceiling, and the writer's indentation needs a
+    // limit to count against.
+    const quint64 depth =
+        options.maxDepth == 0 ? kDepthCeiling : std::min(options.maxDepth, kDepthCeiling);
+    json.setMaxDepth(depth);
+    json.setHumanReadable(options.pretty);
+    json.setSortKeys(options.sortKeys);
+
+    std::optional<TWJsonValue> value = json.objectWithString(text, options.fragment, nullptr);
+    QString output = value ? json.stringWithObject(*value, options.fragment, nullptr) : QString();
+    if (output.isNull()) {
+        QTextStream err(stderr);
+        if (const auto trace = json.errorTrace()) {
+            for (const auto& error : *trace) {
+                err << error.code << ' ' << error.localizedDescription << '\n';
+            }
+        }
+        return 1;
+    }
+    QTextStream out(stdout);
+    out.setEncoding(QStringConverter::Utf8);
+    out << output << '\n';
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,36 +142,19 @@ int main(int argc, char** argv) {
         return 2;
     }
     const QByteArray bytes = input.readAll();
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::Stateless);
-    QString text = decoder(bytes);
-    if (decoder.hasError()) {
+    const QString text = foundation::strictUtf8(bytes);
+    if (text.isNull()) {
         QTextStream(stderr) << "ferrybox-json: " << name << " is not UTF-8 text\n";
         return 2;
     }
-    if (text.isNull())
-        text = QStringLiteral("");
 
-    TWJSON json;
-    json.setMaxDepth(options.maxDepth);
-    // Indentation needs a depth limit to count against; "no limit" becomes the largest one.
-    if (options.maxDepth == 0)
-        json.jsonWriter().setMaxDepth(std::numeric_limits<quint64>::max());
-    json.setHumanReadable(options.pretty);
-    json.setSortKeys(options.sortKeys);
-
-    std::optional<TWJsonValue> value = json.objectWithString(text, options.fragment, nullptr);
-    QString output = value ? json.stringWithObject(*value, options.fragment, nullptr) : QString();
-    if (output.isNull()) {
-        QTextStream err(stderr);
-        if (const auto trace = json.errorTrace()) {
-            for (const auto& error : *trace) {
-                err << error.code << ' ' << error.localizedDescription << '\n';
-            }
-        }
-        return 1;
-    }
-    QTextStream out(stdout);
-    out.setEncoding(QStringConverter::Utf8);
-    out << output << '\n';
-    return 0;
+    int status = 2;
+    // Parsing, writing and letting go of a value each take stack in proportion to its nesting;
+    // the work gets a stack that the deepest nesting the tool accepts cannot exhaust.
+    QThread* worker = QThread::create([&] { status = convert(options, text); });
+    worker->setStackSize(kWorkerStackBytes);
+    worker->start();
+    worker->wait();
+    delete worker;
+    return status;
 }

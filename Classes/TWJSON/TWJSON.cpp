@@ -46,7 +46,7 @@ void TWJSON::setMaxDepth(quint64 maxDepth) {
 
 void TWJSON::takeTrace(const TWJsonBase& from, foundation::Error* error) {
     auto trace = from.errorTrace();
-    setErrorTrace(trace ? std::make_shared<const TWJsonErrorTrace>(*trace) : nullptr);
+    setErrorTrace(trace ? std::make_shared<TWJsonErrorTrace>(*trace) : nullptr);
     if (error && trace && !trace->empty())
         *error = trace->back();
 }

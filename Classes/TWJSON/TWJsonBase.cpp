@@ -14,19 +14,26 @@ QString describeErrorTrace(const TWJsonErrorTrace* trace) {
 }
 
 void TWJsonBase::addErrorWithCode(qint64 code, const QString& description) {
-    auto next = errorTrace_ ? std::make_shared<TWJsonErrorTrace>(*errorTrace_)
-                            : std::make_shared<TWJsonErrorTrace>();
+    if (traceObserver_)
+        traceObserver_(true);
+    if (!errorTrace_) {
+        errorTrace_ = std::make_shared<TWJsonErrorTrace>();
+    } else if (errorTrace_.use_count() > 1) {
+        errorTrace_ = std::make_shared<TWJsonErrorTrace>(*errorTrace_);
+    }
     std::shared_ptr<const foundation::Error> previous =
-        next->empty() ? nullptr : std::make_shared<const foundation::Error>(next->back());
-    next->emplace_back(TWJSONErrorDomain, code, description, std::move(previous));
-    setErrorTrace(std::move(next));
+        errorTrace_->empty() ? nullptr
+                             : std::make_shared<const foundation::Error>(errorTrace_->back());
+    errorTrace_->emplace_back(TWJSONErrorDomain, code, description, std::move(previous));
+    if (traceObserver_)
+        traceObserver_(false);
 }
 
 void TWJsonBase::clearErrorTrace() {
     setErrorTrace(nullptr);
 }
 
-void TWJsonBase::setErrorTrace(std::shared_ptr<const TWJsonErrorTrace> trace) {
+void TWJsonBase::setErrorTrace(std::shared_ptr<TWJsonErrorTrace> trace) {
     if (traceObserver_)
         traceObserver_(true);
     errorTrace_ = std::move(trace);

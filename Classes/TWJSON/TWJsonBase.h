@@ -41,6 +41,7 @@ public:
     // Null while no error was recorded since the last clear. The trace handed out stays as it
     // is whatever this object does next.
     std::shared_ptr<const TWJsonErrorTrace> errorTrace() const { return errorTrace_; }
+    // Constant time: the trace is copied only when someone still holds the one handed out.
     void addErrorWithCode(qint64 code, const QString& description);
     void clearErrorTrace();
 
@@ -55,12 +56,12 @@ public:
     }
 
 protected:
-    void setErrorTrace(std::shared_ptr<const TWJsonErrorTrace> trace);
+    void setErrorTrace(std::shared_ptr<TWJsonErrorTrace> trace);
 
     quint64 depth_ = 0;
 
 private:
-    std::shared_ptr<const TWJsonErrorTrace> errorTrace_;
+    std::shared_ptr<TWJsonErrorTrace> errorTrace_;
     quint64 maxDepth_ = kDefaultMaxDepth;
     std::function<void(bool)> traceObserver_;
 };

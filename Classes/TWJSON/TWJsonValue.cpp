@@ -11,6 +11,26 @@ constexpr std::size_t kIndexThreshold = 12;
 // Fresh containers start small: most objects and arrays of real documents are.
 constexpr std::size_t kDictionaryCapacity = 7;
 
+std::string kindName(TWJsonValue::Type type) {
+    switch (type) {
+        case TWJsonValue::Type::Null:
+            return "a null";
+        case TWJsonValue::Type::Boolean:
+            return "a boolean";
+        case TWJsonValue::Type::Number:
+            return "a number";
+        case TWJsonValue::Type::String:
+            return "a string";
+        case TWJsonValue::Type::Array:
+            return "an array";
+        case TWJsonValue::Type::Dictionary:
+            return "a dictionary";
+        case TWJsonValue::Type::Custom:
+            return "a custom object";
+    }
+    return "a value";
+}
+
 const std::vector<TWJsonValue> kNoElements;
 const std::vector<TWJsonMember> kNoMembers;
 const std::shared_ptr<const TWJsonCustom> kNoCustom;
@@ -240,8 +260,9 @@ qsizetype TWJsonValue::count() const {
 }
 
 const TWJsonValue& TWJsonValue::at(qsizetype index) const {
-    if (type_ != Type::Array || index < 0 ||
-        static_cast<std::size_t>(index) >= container()->elements.size()) {
+    if (type_ != Type::Array)
+        throw std::invalid_argument("TWJsonValue::at: " + kindName(type_) + " has no elements");
+    if (index < 0 || static_cast<std::size_t>(index) >= container()->elements.size()) {
         throw std::out_of_range("TWJsonValue::at: index " + std::to_string(index) +
                                 " beyond bounds of " + std::to_string(count()) + " elements");
     }
@@ -249,8 +270,10 @@ const TWJsonValue& TWJsonValue::at(qsizetype index) const {
 }
 
 const TWJsonValue* TWJsonValue::valueForKey(const QString& key) const {
-    if (type_ != Type::Dictionary)
-        return nullptr;
+    if (type_ != Type::Dictionary) {
+        throw std::invalid_argument("TWJsonValue::valueForKey: " + kindName(type_) +
+                                    " has no members");
+    }
     const std::ptrdiff_t at = container()->find(key);
     return at < 0 ? nullptr : &container()->members[static_cast<std::size_t>(at)].value;
 }

@@ -71,7 +71,10 @@ public:
 
     // Elements of an array, members of a dictionary, else 0.
     qsizetype count() const;
-    // Throws std::out_of_range outside 0 .. count() - 1.
+    // Asking a value of the wrong kind raises, as the platform's collections do: an element of
+    // anything but an array, or a member of anything but a dictionary, throws
+    // std::invalid_argument. An index outside 0 .. count() - 1 throws std::out_of_range; a key
+    // that is not there gives nullptr.
     const TWJsonValue& at(qsizetype index) const;
     const TWJsonValue* valueForKey(const QString& key) const;
     QStringList keys() const;

@@ -11,7 +11,7 @@ namespace {
 using jsontest::traceLines;
 
 struct ParseCase {
-    const char* name;
+    std::string name;
     QString input;
     QString value;      // written compactly; null when parsing fails
     QStringList trace;  // when it fails
@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FAILS("Unrecognised", "@", "3 Unrecognised leading character"),
                       FAILS("NulEndsTheInput", QString("[1,") + QChar(0) + "2]",
                             "11 End of input while parsing array")),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return info.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     Numbers, FragmentTest,
@@ -87,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FAILS("MinusLetter", "-a", "2 No digits after initial minus"),
                       FAILS("NumberInArrayFails", "[01]", "2 Leading 0 disallowed in number",
                             "3 Expected value while parsing array")),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return info.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     StringsAndEscapes, FragmentTest,
@@ -110,7 +110,7 @@ INSTANTIATE_TEST_SUITE_P(
         FAILS("EndsAfterEscape", "\"abc\\n", "11 Unexpected EOF while parsing string"),
         FAILS("IllegalEscape", R"("\x")", "8 Illegal escape sequence '0x78'"),
         FAILS("BackslashAtEnd", "\"\\", "8 Illegal escape sequence '0x0'")),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return info.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     ArraysObjectsAndCommas, FragmentTest,
@@ -138,7 +138,45 @@ INSTANTIATE_TEST_SUITE_P(
         FAILS("NestedFailureUnwinds", R"({"a":[1,{"b":tru}]})", "3 Expected 'true'",
               "3 Object value expected for key: b", "3 Expected value while parsing array",
               "3 Object value expected for key: a")),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& info) { return info.param.name; });
+
+// Object keys take fast paths of their own: a run scanned eight bytes at a time, a cache of
+// recent keys (short keys only, 256 slots), an index once an object outgrows a linear search.
+// Each case must come out as the slow path would have it.
+std::vector<ParseCase> keyFastPathCases() {
+    std::vector<ParseCase> cases;
+    const auto name = [](const char* what, int n) { return what + std::to_string(n); };
+    for (int at = 0; at < 17; ++at) {
+        const QString head(at, 'k');
+        cases.push_back(OK(name("QuoteAt", at), "{\"" + head + "\":1}", "{\"" + head + "\":1}"));
+        cases.push_back(
+            OK(name("EscapeAt", at), "{\"" + head + "\\n\":1}", "{\"" + head + "\\n\":1}"));
+        cases.push_back(FAILS(name("ControlByteAt", at), "{\"" + head + "\x01\":1}",
+                              "5 Unescaped control character '0x1'",
+                              "3 Object key string expected"));
+    }
+    for (int length : {48, 49, 300}) {
+        const QString key(length, 'L');
+        const QString pair = "{\"" + key + "\":1}";
+        cases.push_back(OK(name("RepeatedKeyOfLength", length), "[" + pair + "," + pair + "]",
+                           "[" + pair + "," + pair + "]"));
+    }
+    QStringList members;
+    QStringList expected;
+    for (int i = 0; i < 300; ++i) {
+        members << QString("\"key%1\":%1").arg(i);
+        expected << QString("\"key%1\":%2").arg(i).arg(i == 0 || i == 13 ? -i - 1 : i);
+    }
+    const QString many = members.join(',');
+    cases.push_back(OK("DuplicatesPastTheIndexThreshold",
+                       "{" + many + ",\"key0\":-1,\"key13\":-14}", "{" + expected.join(',') + "}"));
+    cases.push_back(OK("ManyKeysSeenTwice", "[{" + many + "},{" + many + "}]",
+                       "[{" + many + "},{" + many + "}]"));
+    return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(KeyFastPaths, FragmentTest, ::testing::ValuesIn(keyFastPathCases()),
+                         [](const auto& info) { return info.param.name; });
 
 QString nested(int depth) {
     return QString(depth, '[') + QString(depth, ']');

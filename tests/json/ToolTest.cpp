@@ -30,6 +30,10 @@ void expectText(const QString& actual, const QString& expected) {
     }
 }
 
+QByteArray nested(int depth) {
+    return QByteArray(depth, '[') + QByteArray(depth, ']');
+}
+
 class ToolTest : public ::testing::TestWithParam<ToolCase> {};
 
 TEST_P(ToolTest, PrintsAndExits) {
@@ -77,6 +81,30 @@ INSTANTIATE_TEST_SUITE_P(
                  0,
                  "[\n  [\n    1\n  ]\n]\n",
                  ""},
+        ToolCase{"ByteOrderMarkIsNoWhitespace",
+                 {},
+                 "\xef\xbb\xbf[1]",
+                 1,
+                 "",
+                 "3 Unrecognised leading character\n"},
+        ToolCase{"DeepestNestingTheToolTakes",
+                 {"--max-depth", "0"},
+                 nested(10000),
+                 0,
+                 QString::fromLatin1(nested(10000) + "\n"),
+                 ""},
+        ToolCase{"NoLimitStillStopsAtTheCeiling",
+                 {"--max-depth", "0"},
+                 nested(40000),
+                 1,
+                 "",
+                 "7 Nested too deep\n3 Expected value while parsing array\n..."},
+        ToolCase{"LargerLimitIsLoweredToTheCeiling",
+                 {"--max-depth", "99999"},
+                 QByteArray(20000, '['),
+                 1,
+                 "",
+                 "7 Nested too deep\n..."},
         ToolCase{"NotUtf8",
                  {},
                  "[\"\xff\"]",
