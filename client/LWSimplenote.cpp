@@ -3,11 +3,18 @@
 #include "client/Base64.h"
 #include "client/JsonBody.h"
 #include "client/NoteDate.h"
+#include "foundation/Utf8.h"
 
 namespace {
 
+// A lookup in nothing gives nothing; asking a value of the wrong kind for a member or an element
+// raises (see TWJsonValue).
 const TWJsonValue* member(const TWJsonValue* value, const QString& key) {
-    return value && value->isDictionary() ? value->valueForKey(key) : nullptr;
+    return value ? value->valueForKey(key) : nullptr;
+}
+
+const TWJsonValue* element(const TWJsonValue* value, qsizetype index) {
+    return value ? &value->at(index) : nullptr;
 }
 
 QString stringMember(const TWJsonValue* value, const QString& key) {
@@ -31,24 +38,20 @@ void LWSimplenote::init() {
                 kDeleteNote);
 }
 
-std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue& dictionary) {
+std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue* dictionary) {
     auto note = LWSNObject::create<LWSimplenote>();
-    const TWJsonValue* results =
-        member(member(&dictionary, QStringLiteral("Response")), QStringLiteral("Results"));
-    if (results && results->isArray()) {
-        const TWJsonValue& first = results->at(0);
-        note->key_ = stringMember(&first, QStringLiteral("key"));
-        note->text_ = stringMember(&first, QStringLiteral("content"));
-    }
-    const QString modify = stringMember(&dictionary, QStringLiteral("modify"));
+    const TWJsonValue* first = element(
+        member(member(dictionary, QStringLiteral("Response")), QStringLiteral("Results")), 0);
+    note->key_ = stringMember(first, QStringLiteral("key"));
+    note->text_ = stringMember(first, QStringLiteral("content"));
+    const QString modify = stringMember(dictionary, QStringLiteral("modify"));
     if (!modify.isNull())
         note->modifyDate_ = noteDateFromString(modify);
-    const QString create = stringMember(&dictionary, QStringLiteral("create"));
+    const QString create = stringMember(dictionary, QStringLiteral("create"));
     if (!create.isNull())
         note->createDate_ = noteDateFromString(create);
-    if (const TWJsonValue* deleted = member(&dictionary, QStringLiteral("deleted"))) {
+    if (const TWJsonValue* deleted = member(dictionary, QStringLiteral("deleted")))
         note->deleted_ = *deleted;
-    }
     return note;
 }
 
@@ -119,7 +122,7 @@ void LWSimplenote::pullFromRemoteSuccessWithResponse(const foundation::HTTPURLRe
         createDate_ = noteDateFromString(create);
     const QString deleted = response.valueForHeader("Note-Deleted");
     deleted_ = deleted.isNull() ? std::nullopt : std::optional(TWJsonValue::string(deleted));
-    text_ = strictUtf8(data);
+    text_ = foundation::strictUtf8(data);
     postSuccessForSelector(QStringLiteral("pullFromRemote"));
 }
 

@@ -17,8 +17,11 @@ public:
     enum ActionID { kPullFromRemote = 0, kPushToRemote = 1, kDeleteNote = 2 };
 
     // Key and text from the first search result under "Response"/"Results", the dates and the
-    // deleted flag from the top level. Throws std::out_of_range for an empty "Results".
-    static std::shared_ptr<LWSimplenote> noteWithDictionary(const TWJsonValue& dictionary);
+    // deleted flag from the top level. Nothing (nullptr) gives a note with every field absent,
+    // as does a dictionary without "Response". Throws std::out_of_range for an empty "Results"
+    // and std::invalid_argument where a member or an element is asked of a value of the wrong
+    // kind (an array for the dictionary, a string for "Response", and so on).
+    static std::shared_ptr<LWSimplenote> noteWithDictionary(const TWJsonValue* dictionary);
 
     qint64 actionCount() const override { return 3; }
     QUrl URLForActionID(int actionID) const override;

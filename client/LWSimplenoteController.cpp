@@ -103,10 +103,8 @@ void LWSimplenoteController::indexPullFailed(const foundation::Notification&) {
 }
 
 void LWSimplenoteController::notePullSucceeded(const foundation::Notification& notification) {
-    if (const auto* pulled =
-            notification.value<std::shared_ptr<LWSNObject>>(QStringLiteral("LWSimplenote"))) {
-        notes_.push_back(std::static_pointer_cast<LWSimplenote>(*pulled));
-    }
+    if (auto pulled = LWSNObject::fromNotification<LWSimplenote>(notification))
+        notes_.push_back(std::move(pulled));
     const auto listed = static_cast<qint64>(index()->contents().size());
     if (listed == static_cast<qint64>(notes_.size()) + notePullErrorCount_)
         performSync();

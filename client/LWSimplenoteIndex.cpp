@@ -36,15 +36,18 @@ void LWSimplenoteIndex::pullFromRemoteSuccessWithResponse(
         pullFromRemoteFailure(errorForResponse(response));
         return;
     }
-    const TWJsonValue answer = jsonFromBody(data).value_or(TWJsonValue());
+    const std::optional<TWJsonValue> answer = jsonFromBody(data);
     std::vector<std::shared_ptr<LWSimplenote>> notes;
-    notes.reserve(static_cast<std::size_t>(answer.count()));
-    for (const TWJsonValue& element : answer.elements()) {
-        notes.push_back(LWSimplenote::noteWithDictionary(element));
-    }
-    // Walking a dictionary walks its keys, which make notes of nothing.
-    for (const TWJsonMember& member : answer.members()) {
-        notes.push_back(LWSimplenote::noteWithDictionary(TWJsonValue::string(member.key)));
+    if (answer) {
+        notes.reserve(static_cast<std::size_t>(answer->count()));
+        for (const TWJsonValue& element : answer->elements())
+            notes.push_back(LWSimplenote::noteWithDictionary(&element));
+        // Walking a dictionary walks its keys. A key is a string, which has no members, so the
+        // first one raises: nothing guards this, and the answer ends unannounced.
+        for (const TWJsonMember& member : answer->members()) {
+            const TWJsonValue key = TWJsonValue::string(member.key);
+            notes.push_back(LWSimplenote::noteWithDictionary(&key));
+        }
     }
     contents_ = std::move(notes);
     postSuccessForSelector(QStringLiteral("pullFromRemote"));

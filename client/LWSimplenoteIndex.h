@@ -6,7 +6,9 @@
 
 // The account's note index. Each element becomes a note through
 // LWSimplenote::noteWithDictionary, which looks for key and text where index elements have
-// none: index notes carry only their dates and deleted flag.
+// none: index notes carry only their dates and deleted flag. An answer of another shape is not
+// guarded against: an element that is no dictionary, or an answer that is an object (whose keys
+// are walked), raises out of the answer's handler, nothing is posted, and the run loop logs it.
 class LWSimplenoteIndex : public LWSNObject {
 public:
     enum ActionID { kPullFromRemote = 0 };

@@ -42,13 +42,14 @@ void LWSimplenoteSearch::pullFromRemoteSuccessWithResponse(
         pullFromRemoteFailure(errorForResponse(response));
         return;
     }
-    const TWJsonValue answer = jsonFromBody(data).value_or(TWJsonValue());
+    const std::optional<TWJsonValue> answer = jsonFromBody(data);
     std::vector<std::shared_ptr<LWSimplenote>> found;
     found.reserve(1);
     try {
-        found.push_back(LWSimplenote::noteWithDictionary(answer));
+        found.push_back(LWSimplenote::noteWithDictionary(answer ? &*answer : nullptr));
     } catch (const std::exception&) {
-        // No first result: the search found nothing, which is not a failure.
+        // No first result, or an answer of another shape: the search found nothing, which is
+        // not a failure.
     }
     contents_ = std::move(found);
     postSuccessForSelector(QStringLiteral("pullFromRemote"));

@@ -8,8 +8,11 @@
 // dates and deleted flag from the answer's top level); an answer that is not JSON gives one
 // note with nothing set, and an empty result list gives no note. Both still count as success.
 //
-// The query goes into the URL as it stands. A blank is carried as %20; any other character is
-// not escaped, so a query holding "&", "#" or "+" changes what the service is asked. The agent's
+// The query goes into the URL text as it stands, and the URL parser escapes only what a URL
+// cannot carry at all: blanks and other control characters, non-ASCII text (as its UTF-8
+// bytes), a "%" that is not followed by two hex digits, and the characters "{}|^`\"<>". A "%"
+// with two hex digits is taken as an escape already made. "&", "=", "+" and "#" pass unescaped
+// and change what the service is asked ("#" even cuts the auth parameters off). The agent's
 // search terms are letters and "_" only.
 class LWSimplenoteSearch : public LWSNObject {
 public:

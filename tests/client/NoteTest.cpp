@@ -1,4 +1,6 @@
 // A note's pull, push and delete against the scripted service, and reading notes from JSON.
+#include <ctime>
+
 #include "Classes/TWJSON/TWJSON.h"
 #include "client/LWSimplenote.h"
 #include "client/LWSimplenoteCredentialStore.h"
@@ -12,6 +14,13 @@ namespace {
 using testsupport::FixtureServer;
 using testsupport::waitUntil;
 
+// Dates are read in local time. Under UTC a reader that ignored the time zone would pass, so
+// this binary runs 13 hours 45 minutes ahead of it (set before any date below is made).
+const bool kFarFromUtc = [] {
+    qputenv("TZ", "FBX-13:45");
+    tzset();
+    return true;
+}();
 const QDateTime kMarch5(QDate(2010, 3, 5), QTime(12, 34, 56, 123), Qt::LocalTime);
 
 class NoteTest : public ClientTest {
@@ -76,18 +85,21 @@ TEST_F(NoteTest, HttpErrorsReachTheObserverOfEachAction) {
         void (LWSimplenote::*action)();
         std::string method;
         std::string path;
+        QString name;
     } cases[] = {
-        {"pullFromRemote", &LWSimplenote::pullFromRemote, "GET", "/api/note"},
-        {"pushToRemote", &LWSimplenote::pushToRemote, "POST", "/api/note"},
-        {"deleteNote", &LWSimplenote::deleteNote, "GET", "/api/delete"},
+        {"pullFromRemote", &LWSimplenote::pullFromRemote, "GET", "/api/note",
+         "LWSimplenotePullFromRemoteFailureNotification"},
+        {"pushToRemote", &LWSimplenote::pushToRemote, "POST", "/api/note",
+         "LWSimplenotePushToRemoteFailureNotification"},
+        {"deleteNote", &LWSimplenote::deleteNote, "GET", "/api/delete",
+         "LWSimplenoteDeleteNoteFailureNotification"},
     };
     for (const auto& c : cases) {
         server().on(c.method, c.path, FixtureServer::respond(404, "no such note"));
         auto n = note("gone");
         n->setText("kept");
         const Heard heard = run(*n, c.selector, c.action);
-        const QString name = n->failureNotificationNameForSelector(c.selector);
-        EXPECT_EQ(heard.names, QStringList{name});
+        EXPECT_EQ(heard.names, QStringList{c.name});
         const auto* error = heard.last.value<foundation::Error>("error");
         ASSERT_NE(error, nullptr) << c.selector;
         EXPECT_EQ(*error, foundation::Error("LWSimplenoteErrorDomain", 404, "not found"));
@@ -130,28 +142,31 @@ public:
 
 TEST_F(NoteTest, TransportFailurePostsUnderTheColonNameOnly) {
     UnreachableNote::port = FixtureServer::closedPort();
-    const std::pair<const char*, void (LWSimplenote::*)()> actions[] = {
-        {"pullFromRemote", &LWSimplenote::pullFromRemote},
-        {"pushToRemote", &LWSimplenote::pushToRemote},
-        {"deleteNote", &LWSimplenote::deleteNote},
+    const struct {
+        const char* selector;
+        void (LWSimplenote::*action)();
+        QString colonName;
+    } cases[] = {
+        {"pullFromRemote", &LWSimplenote::pullFromRemote,
+         "UnreachableNotePullFromRemote:FailureNotification"},
+        {"pushToRemote", &LWSimplenote::pushToRemote,
+         "UnreachableNotePushToRemote:FailureNotification"},
+        {"deleteNote", &LWSimplenote::deleteNote, "UnreachableNoteDeleteNote:FailureNotification"},
     };
-    for (const auto& [selector, action] : actions) {
+    for (const auto& c : cases) {
         auto n = LWSNObject::create<UnreachableNote>();
         Heard observer;
-        observe(*n, selector, observer);
+        observe(*n, c.selector, observer);
         Heard colon;
-        const QString colonName =
-            QStringLiteral("UnreachableNote%1%2:FailureNotification")
-                .arg(QString(selector).left(1).toUpper(), QString(selector).mid(1));
         foundation::NotificationCenter::defaultCenter().addObserver(
-            this, colonName, n.get(), [&](const foundation::Notification& note) {
+            this, c.colonName, n.get(), [&](const foundation::Notification& note) {
                 colon.names << note.name;
                 colon.last = note;
             });
-        ((*n).*action)();
-        ASSERT_TRUE(waitUntil([&] { return !colon.names.isEmpty(); })) << selector;
+        ((*n).*c.action)();
+        ASSERT_TRUE(waitUntil([&] { return !colon.names.isEmpty(); })) << c.selector;
         testsupport::settle(20);
-        EXPECT_TRUE(observer.names.isEmpty()) << selector;
+        EXPECT_TRUE(observer.names.isEmpty()) << c.selector;
         ASSERT_NE(colon.last.value<foundation::Error>("error"), nullptr);
         EXPECT_EQ(colon.last.value<foundation::Error>("error")->domain, "QNetworkReplyErrorDomain");
     }
@@ -163,24 +178,54 @@ TEST(NoteDictionaryTest, KeyAndTextFromTheFirstResultDatesFromTheTop) {
         R"({"Response": {"Results": [{"key": "k", "content": "c"}, {"key": "k2"}]},
             "modify": "2010-03-05 12:34:56.123456", "create": "not a date", "deleted": 1})");
     ASSERT_TRUE(d);
-    const auto n = LWSimplenote::noteWithDictionary(*d);
+    const auto n = LWSimplenote::noteWithDictionary(&*d);
     EXPECT_EQ(n->key(), "k");
     EXPECT_EQ(n->text(), "c");
     EXPECT_EQ(n->modifyDate(), kMarch5);
     EXPECT_FALSE(n->createDate().has_value());
     ASSERT_TRUE(n->deleted().has_value());
     EXPECT_EQ(n->deleted()->numberText(), "1");
+}
 
-    const auto empty = LWSimplenote::noteWithDictionary(TWJsonValue::dictionary());
-    EXPECT_TRUE(empty->key().isNull());
-    EXPECT_TRUE(empty->text().isNull());
-    EXPECT_FALSE(empty->modifyDate() || empty->createDate() || empty->deleted());
-
-    const auto noResults = json.objectWithString(R"({"Response": {"Results": []}})");
-    EXPECT_THROW(LWSimplenote::noteWithDictionary(*noResults), std::out_of_range);
+// Looking into nothing gives nothing; asking a value of the wrong kind raises.
+TEST(NoteDictionaryTest, ShapesThatGiveAnEmptyNoteOrRaise) {
+    enum Outcome { EmptyNote, OutOfRange, WrongKind };
+    const std::pair<const char*, Outcome> cases[] = {
+        {"{}", EmptyNote},
+        {R"({"Response": {}})", EmptyNote},
+        {R"({"Response": {"Results": []}})", OutOfRange},
+        {"[]", WrongKind},
+        {R"(["s"])", WrongKind},
+        {R"({"Response": "x"})", WrongKind},
+        {R"({"Response": null})", WrongKind},
+        {R"({"Response": {"Results": {}}})", WrongKind},
+        {R"({"Response": {"Results": ["s"]}})", WrongKind},
+    };
+    TWJSON json;
+    for (const auto& [text, outcome] : cases) {
+        const auto d = json.objectWithString(text);
+        ASSERT_TRUE(d) << text;
+        switch (outcome) {
+            case EmptyNote: {
+                const auto n = LWSimplenote::noteWithDictionary(&*d);
+                EXPECT_TRUE(n->key().isNull() && n->text().isNull()) << text;
+                EXPECT_FALSE(n->modifyDate() || n->createDate() || n->deleted()) << text;
+                break;
+            }
+            case OutOfRange:
+                EXPECT_THROW(LWSimplenote::noteWithDictionary(&*d), std::out_of_range) << text;
+                break;
+            case WrongKind:
+                EXPECT_THROW(LWSimplenote::noteWithDictionary(&*d), std::invalid_argument) << text;
+                break;
+        }
+    }
+    EXPECT_TRUE(LWSimplenote::noteWithDictionary(nullptr)->key().isNull());
 }
 
 TEST(NoteDateTest, ReadsOnlyTheServicePattern) {
+    ASSERT_TRUE(kFarFromUtc);
+    ASSERT_EQ(kMarch5.offsetFromUtc(), 13 * 3600 + 45 * 60);
     EXPECT_EQ(noteDateFromString("2010-03-05 12:34:56.123456"), kMarch5);
     for (const char* bad :
          {"2010-03-05 12:34:56", "2010-03-05T12:34:56.123456", "2010-13-05 12:34:56.123456",

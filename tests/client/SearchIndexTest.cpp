@@ -2,6 +2,7 @@
 #include "client/LWSimplenoteCredentialStore.h"
 #include "client/LWSimplenoteIndex.h"
 #include "client/LWSimplenoteSearch.h"
+#include "foundation/Log.h"
 #include "tests/client/ClientFixture.h"
 #include "tests/support/Wait.h"
 
@@ -78,14 +79,35 @@ INSTANTIATE_TEST_SUITE_P(
         SearchCase{"NoResults", 200, R"({"Response": {"totalRecords": 0, "Results": []}})", 0},
         SearchCase{"NotJson", 200, "<html>busy</html>", 1, QString(), QString()},
         SearchCase{"NotUtf8", 200, "{\"Response\": \"\xff\"}", 1, QString(), QString()},
+        SearchCase{"ScalarIsNoJson", 200, "\"x\"", 1, QString(), QString()},
+        SearchCase{"NullIsNoJson", 200, "null", 1, QString(), QString()},
+        SearchCase{"ByteOrderMarkIsNoJson", 200, "\xef\xbb\xbf{\"Response\": {\"Results\": []}}", 1,
+                   QString(), QString()},
+        SearchCase{"NoResponseMember", 200, "{}", 1, QString(), QString()},
+        // Wrong kinds raise inside the search, which keeps no note.
+        SearchCase{"ArrayAnswer", 200, "[]", 0}, SearchCase{"ArrayOfStrings", 200, "[\"s\"]", 0},
+        SearchCase{"ResponseIsAString", 200, R"({"Response": "x"})", 0},
+        SearchCase{"ResultsIsAnObject", 200, R"({"Response": {"Results": {}}})", 0},
         SearchCase{"Unauthorised", 401, "", -1}, SearchCase{"ServerError", 500, "{}", -1}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(SearchIndexTest, BlankInTheQueryTravelsAsPercent20) {
-    server().on("GET", "/api/search", FixtureServer::respond(200, "[]"));
-    auto search = LWSimplenoteSearch::createWithQuery("two words");
-    pull(*search);
-    EXPECT_EQ(server().requests().at(0).query, "query=two%20words&auth=TOK&email=me@example.org");
+// What the service receives for a query: only what a URL cannot carry is escaped.
+TEST_F(SearchIndexTest, QueryTravelsAsTheUrlParserLeavesIt) {
+    const std::pair<QString, std::string> cases[] = {
+        {"two words", "query=two%20words&auth=TOK&email=me@example.org"},
+        {"tab\there", "query=tab%09here&auth=TOK&email=me@example.org"},
+        {"100%", "query=100%25&auth=TOK&email=me@example.org"},
+        {"%41", "query=A&auth=TOK&email=me@example.org"},
+        {QString::fromUtf8("café"), "query=caf%C3%A9&auth=TOK&email=me@example.org"},
+        {"a&b+c", "query=a&b+c&auth=TOK&email=me@example.org"},
+        {"a#b", "query=a"},
+    };
+    server().on("GET", "/api/search", FixtureServer::respond(200, "{}"));
+    for (const auto& [query, sent] : cases) {
+        server().clearRequests();
+        pull(*LWSimplenoteSearch::createWithQuery(query));
+        EXPECT_EQ(server().requests().at(0).query, sent) << query.toStdString();
+    }
 }
 
 TEST_F(SearchIndexTest, IndexNotesCarryDatesButNoKeys) {
@@ -105,16 +127,43 @@ TEST_F(SearchIndexTest, IndexNotesCarryDatesButNoKeys) {
     }
     EXPECT_EQ(index->contents()[0]->modifyDate()->date(), QDate(2010, 3, 5));
     ASSERT_TRUE(index->contents()[0]->deleted().has_value());
-    EXPECT_FALSE(index->fullContents().has_value());
 }
 
-TEST_F(SearchIndexTest, IndexThatIsEmptyOrUnreadableHasNoNotes) {
-    for (const std::string& body : {std::string("[]"), std::string("not json")}) {
-        server().on("GET", "/api/index", FixtureServer::respond(200, body));
+// The index has no guard: an answer of the wrong shape raises out of its handler, nothing is
+// posted, the run loop logs the exception and the client goes on working.
+TEST_F(SearchIndexTest, IndexAnswersOfEveryShape) {
+    const struct {
+        std::string body;
+        int notes;              // -1: raises
+        const char* exception;  // the kind the log line names
+    } cases[] = {
+        {"[]", 0, nullptr},
+        {"not json", 0, nullptr},
+        {"{}", 0, nullptr},
+        {R"([{"Response": {"Results": []}}])", -1, "std::out_of_range"},
+        {R"({"a": 1})", -1, "std::invalid_argument"},
+        {"[1]", -1, "std::invalid_argument"},
+    };
+    for (const auto& c : cases) {
+        server().on("GET", "/api/index", FixtureServer::respond(200, c.body));
+        foundation::LogCapture log;
         auto index = LWSNObject::create<LWSimplenoteIndex>();
-        const Heard heard = pull(*index);
-        EXPECT_EQ(heard.names, QStringList{"LWSimplenoteIndexPullFromRemoteSuccessNotification"});
-        EXPECT_TRUE(index->contents().empty()) << body;
+        Heard heard;
+        observe(*index, "pullFromRemote", heard);
+        index->pullFromRemote();
+        if (c.notes >= 0) {
+            ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); })) << c.body;
+            EXPECT_EQ(heard.names,
+                      QStringList{"LWSimplenoteIndexPullFromRemoteSuccessNotification"});
+            EXPECT_EQ(static_cast<int>(index->contents().size()), c.notes) << c.body;
+            continue;
+        }
+        ASSERT_TRUE(waitUntil([&] { return !log.lines().isEmpty(); })) << c.body;
+        EXPECT_TRUE(log.lines().first().startsWith(
+            QStringLiteral("An uncaught exception was raised: %1: ").arg(c.exception)))
+            << log.lines().first().toStdString();
+        testsupport::settle(20);
+        EXPECT_TRUE(heard.names.isEmpty()) << c.body;
     }
 }
 
