@@ -6,6 +6,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QWidget>
+#include <cmath>
 
 #include "agent/AppController.h"
 #include "client/LWSimplenoteLogin.h"
@@ -19,11 +20,32 @@ namespace {
 const QString kTurnOn = QStringLiteral("turnFerryboxOn:");
 const QString kTurnOff = QStringLiteral("turnFerryboxOff:");
 
+// The number's 32-bit integer value: a fraction is cut off, and a whole number beyond 32 bits
+// keeps its low 32 bits, as a 64-bit integer converted to 32 bits does. NaN and the infinities
+// have no integer value and count as 0.
+qint32 int32Value(const QVariant& number) {
+    const auto wrap = [](qint64 n) { return static_cast<qint32>(static_cast<quint32>(n)); };
+    switch (number.typeId()) {
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::Long:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+            return wrap(number.toLongLong());
+        default:
+            break;
+    }
+    const double value = number.toDouble();
+    if (!std::isfinite(value))
+        return 0;
+    // Exactly representable, and strictly inside the range of qint64.
+    return wrap(static_cast<qint64>(std::fmod(std::trunc(value), 4294967296.0)));
+}
+
 // The stored interval in whole minutes. Anything under one minute would make the agent hammer
 // the service, so one minute is the shortest period the timer gets.
 double checkPeriodSeconds(const QVariant& interval) {
-    const qint32 minutes = static_cast<qint32>(interval.toDouble());
-    return std::max<qint32>(minutes, 1) * 60.0;
+    return std::max<qint32>(int32Value(interval), 1) * 60.0;
 }
 
 }  // namespace
