@@ -73,8 +73,9 @@ public:
     // The action the start button sends now.
     QString startButtonAction() const { return startButtonAction_; }
 
-    // Account text that --email / --password-file supply; put into the fields during start-up
-    // as if typed, after the stored address and the keychain have been read.
+    // Account text that --email / --password-file supply, winning over the stored address and
+    // the keychain during start-up. A given address is the one the keychain is asked about; a
+    // given password leaves the keychain alone.
     void setAccountOverride(const QString& email, const QString& password);
     // How many failure-family operations ran since start-up.
     int failuresReported() const { return failuresReported_; }

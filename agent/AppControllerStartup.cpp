@@ -75,15 +75,19 @@ void AppController::setAccountOverride(const QString& email, const QString& pass
 }
 
 void AppController::readAccountSettings() {
-    const QString email = defaults().stringForKey(QStringLiteral("email"));
+    // The address that will log in: the one given as an option, else the stored one. The
+    // keychain is asked for that address's password, never another's.
+    const QString email =
+        emailOverride_ ? *emailOverride_ : defaults().stringForKey(QStringLiteral("email"));
     if (!email.isNull())
         emailField_->setText(email);
 
     const QString remember = defaults().stringForKey(QStringLiteral("shouldRememberPassword"));
     if (matches(remember, kYes) && !email.isNull()) {
         rememberInKeychainButton_->setChecked(true);
-        auto item = KCGenericKeychainItem::genericKeychainItemForService(kKeychainService,
-                                                                         emailField_->text());
+        auto item = passwordOverride_ ? nullptr
+                                      : KCGenericKeychainItem::genericKeychainItemForService(
+                                            kKeychainService, email);
         if (item)
             passwordField_->setText(item->password());
     } else if (matches(remember, kNo)) {
@@ -93,8 +97,6 @@ void AppController::readAccountSettings() {
         store(kYes, QStringLiteral("shouldRememberPassword"));
     }
 
-    if (emailOverride_)
-        emailField_->setText(*emailOverride_);
     if (passwordOverride_)
         passwordField_->setText(*passwordOverride_);
 }
