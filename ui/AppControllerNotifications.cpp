@@ -1,24 +1,33 @@
-// Desktop notifications. Detection is real; sending comes with the notification work.
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusReply>
+// Desktop notifications: one entry point turns an event word and a detail into a notification
+// titled "Ferrybox", filed under the event's name.
+#include <QCheckBox>
 
 #include "agent/AppController.h"
+#include "client/LWSNObject.h"
+#include "ui/DesktopNotifications.h"
 
-namespace {
-const QString kNotificationService = QStringLiteral("org.freedesktop.Notifications");
+void AppController::sendGrowlNotification(const QString& kind, const QString& detail) {
+    if (!growlInstalled_ || !useGrowlButton_->isChecked())
+        return;
+    // An unknown word still notifies, with an empty name and an empty text.
+    QString name;
+    QString description;
+    if (kind == QLatin1String("checking")) {
+        name = QStringLiteral("Checking for downloads");
+        description = QStringLiteral("Checking for new downloads");
+    } else if (kind == QLatin1String("downloading")) {
+        name = QStringLiteral("Downloading file");
+        description = QStringLiteral("Downloading: %1").arg(LWSNObject::orNullText(detail));
+    } else if (kind == QLatin1String("download complete")) {
+        name = QStringLiteral("Download complete");
+        description = QStringLiteral("Download complete: %1").arg(LWSNObject::orNullText(detail));
+    } else if (kind == QLatin1String("error")) {
+        name = QStringLiteral("Error");
+        description = QStringLiteral("Error: %1").arg(LWSNObject::orNullText(detail));
+    }
+    ui::DesktopNotifications::show(QStringLiteral("Ferrybox"), description, name);
 }
 
-void AppController::sendGrowlNotification(const QString&, const QString&) {}
-
-// Installed means the notification service runs now or the bus can start it on demand.
 bool AppController::notificationServiceAvailable() const {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return false;
-    QDBusConnectionInterface* busInterface = bus.interface();
-    if (!busInterface) return false;
-    if (busInterface->isServiceRegistered(kNotificationService).value()) return true;
-    QDBusReply<QStringList> activatable = busInterface->call(
-        QStringLiteral("ListActivatableNames"));
-    return activatable.isValid() && activatable.value().contains(kNotificationService);
+    return ui::DesktopNotifications::isAvailable();
 }

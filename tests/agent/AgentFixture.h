@@ -8,6 +8,7 @@
 #include "foundation/AlertPanel.h"
 #include "foundation/UserDefaults.h"
 #include "tests/support/FixtureServer.h"
+#include "tests/support/NotificationRecorder.h"
 #include "tests/support/TempHome.h"
 #include "ui/MainInterface.h"
 
@@ -38,6 +39,10 @@ protected:
     // Alerts shown so far, and how the next ones are answered.
     std::vector<foundation::Alert> alerts;
     foundation::AlertPanel::Response alertAnswer = foundation::AlertPanel::DefaultReturn;
+
+    // The desktop's notification service, there from before start-up.
+    std::unique_ptr<testsupport::NotificationRecorder> notifications =
+        std::make_unique<testsupport::NotificationRecorder>();
 
     std::unique_ptr<testsupport::TempHome> home_;
     std::unique_ptr<MainInterface> interface_;

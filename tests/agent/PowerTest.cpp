@@ -6,6 +6,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QWidget>
+#include <cmath>
 
 #include "foundation/Timer.h"
 #include "tests/agent/AgentFixture.h"
@@ -16,7 +17,9 @@ namespace {
 
 using PowerTest = AgentTest;
 
-bool spinning(AppController& c) { return c.loginSpinner()->maximum() == 0; }
+bool spinning(AppController& c) {
+    return c.loginSpinner()->maximum() == 0;
+}
 
 TEST_F(PowerTest, StoredAccountLogsInAtStartupAndArmsTheTimer) {
     answerLogin("token-1");
@@ -67,17 +70,22 @@ TEST_P(TimerPeriodTest, IntervalInWholeMinutes) {
     EXPECT_EQ(controller().timer()->timeInterval(), GetParam().seconds);
 }
 
-// A fraction is cut off; anything under a minute would hammer the service, so one minute it is.
+// A fraction is cut off and a number beyond 32 bits keeps its low 32 bits; anything under a
+// minute would hammer the service, so one minute it is.
 INSTANTIATE_TEST_SUITE_P(Power, TimerPeriodTest,
                          ::testing::Values(PeriodCase{10, 600}, PeriodCase{1, 60},
                                            PeriodCase{2.9, 120}, PeriodCase{0, 60},
-                                           PeriodCase{-5, 60}));
+                                           PeriodCase{-5, 60}, PeriodCase{1e10, 1410065408.0 * 60},
+                                           PeriodCase{4294967306LL, 600},
+                                           PeriodCase{2147483648.0, 60}, PeriodCase{-1e10, 60},
+                                           PeriodCase{std::nan(""), 60}, PeriodCase{HUGE_VAL, 60},
+                                           PeriodCase{"7", 420}));
 
 TEST_F(PowerTest, FailedLoginLeavesTheAgentOffWithTheReason) {
     answerLogin("");
     startWithAccount("me@example.org", "wrong");
-    ASSERT_TRUE(testsupport::waitUntil(
-        [this] { return !controller().errorLabel()->text().isEmpty(); }));
+    ASSERT_TRUE(
+        testsupport::waitUntil([this] { return !controller().errorLabel()->text().isEmpty(); }));
 
     EXPECT_EQ(controller().errorLabel()->text(), "Error logging in to Simplenote.");
     EXPECT_TRUE(controller().emailField()->isEnabled());
@@ -93,8 +101,8 @@ TEST_F(PowerTest, FailedLoginLeavesTheAgentOffWithTheReason) {
 TEST_F(PowerTest, StartButtonRetriesAfterAFailedLogin) {
     answerLogin("");
     startWithAccount("me@example.org", "wrong");
-    ASSERT_TRUE(testsupport::waitUntil(
-        [this] { return !controller().errorLabel()->text().isEmpty(); }));
+    ASSERT_TRUE(
+        testsupport::waitUntil([this] { return !controller().errorLabel()->text().isEmpty(); }));
     answerLogin("token");
     controller().startButton()->click();
     ASSERT_TRUE(waitForRunning());
@@ -184,51 +192,64 @@ struct FailureCase {
     const char* name;
     void (AppController::*operation)(const foundation::Notification&);
     const char* label;
+    const char* notification;
 };
 
 class FailureFamilyTest : public RunningAgentTest,
-                          public ::testing::WithParamInterface<FailureCase> {};
+                          public ::testing::WithParamInterface<FailureCase> {
+protected:
+    // What the user sees: the label in the preferences window and one desktop notification.
+    void expectReported() {
+        EXPECT_EQ(controller().errorLabel()->text(), GetParam().label);
+        ASSERT_TRUE(
+            testsupport::waitUntil([this] { return !notifications->notifications().empty(); }));
+        testsupport::settle(20);
+        ASSERT_EQ(notifications->notifications().size(), 1);
+        const auto& shown = notifications->notifications().first();
+        EXPECT_EQ(shown.summary, "Ferrybox");
+        EXPECT_EQ(shown.body, GetParam().notification);
+        EXPECT_EQ(shown.hints.value("x-ferrybox-notification-name"), "Error");
+    }
+};
 
-TEST_P(FailureFamilyTest, ShowsItsTextAndTurnsOff) {
+TEST_P(FailureFamilyTest, NotifiesShowsItsTextAndTurnsOff) {
+    controller().setSearchTerm("Other_Term");
     (controller().*GetParam().operation)(foundation::Notification{});
-    EXPECT_EQ(controller().errorLabel()->text(), GetParam().label);
-    EXPECT_EQ(controller().failuresReported(), 1);
+    expectReported();
     expectOff();
 }
 
-TEST_P(FailureFamilyTest, WhileOffOnlyShowsItsText) {
+TEST_P(FailureFamilyTest, WhileOffOnlyNotifiesAndShowsItsText) {
     controller().turnOff();
     controller().emailField()->setEnabled(false);  // a marker that turning off would undo
     (controller().*GetParam().operation)(foundation::Notification{});
-    EXPECT_EQ(controller().errorLabel()->text(), GetParam().label);
+    expectReported();
     EXPECT_FALSE(controller().emailField()->isEnabled());
 }
 
+// The multiple-notes text names the default term whatever term is set (here another one).
 INSTANTIATE_TEST_SUITE_P(
     Power, FailureFamilyTest,
-    ::testing::Values(
-        FailureCase{"PullFailed", &AppController::turnOffAfterPullFailed,
-                    "Error retrieving download note from Simplenote"},
-        FailureCase{"SearchFailed", &AppController::turnFerryboxOffAfterPullFailed,
-                    "Error retrieving download note from Simplenote"},
-        FailureCase{"MultipleNotes", &AppController::turnOffAfterMultipleNotesFound,
-                    "Multiple notes found containing \"Ferrybox_Downloads\""},
-        FailureCase{"LogPull", &AppController::turnOffAfterLogPullFailed,
-                    "Error retrieving log note from Simplenote"},
-        FailureCase{"LogClear", &AppController::turnOffAfterLogClearFailed,
-                    "Error clearing log note"},
-        FailureCase{"LogDelete", &AppController::turnOffAfterLogDeleteFailed,
-                    "Error deleting log note"},
-        FailureCase{"LogAppend", &AppController::turnOffAfterLogAppendFailed,
-                    "Error adding downloads to log note"}),
+    ::testing::Values(FailureCase{"PullFailed", &AppController::turnOffAfterPullFailed,
+                                  "Error retrieving download note from Simplenote",
+                                  "Error: Couldn't retrieve download note"},
+                      FailureCase{"SearchFailed", &AppController::turnFerryboxOffAfterPullFailed,
+                                  "Error retrieving download note from Simplenote",
+                                  "Error: Couldn't retrieve download note"},
+                      FailureCase{"MultipleNotes", &AppController::turnOffAfterMultipleNotesFound,
+                                  "Multiple notes found containing \"Ferrybox_Downloads\"",
+                                  "Error: Couldn't retrieve download note"},
+                      FailureCase{"LogPull", &AppController::turnOffAfterLogPullFailed,
+                                  "Error retrieving log note from Simplenote",
+                                  "Error: Couldn't retrieve log note"},
+                      FailureCase{"LogClear", &AppController::turnOffAfterLogClearFailed,
+                                  "Error clearing log note", "Error: Clearing log note failed"},
+                      FailureCase{"LogDelete", &AppController::turnOffAfterLogDeleteFailed,
+                                  "Error deleting log note", "Error: Deleting log note failed"},
+                      FailureCase{"LogAppend", &AppController::turnOffAfterLogAppendFailed,
+                                  "Error adding downloads to log note",
+                                  "Error: Adding downloads to log failed"}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(RunningAgentTest, MultipleNotesTextNamesTheDefaultTermWhateverIsSet) {
-    controller().setSearchTerm("Other_Term");
-    controller().turnOffAfterMultipleNotesFound(foundation::Notification{});
-    EXPECT_EQ(controller().errorLabel()->text(),
-              "Multiple notes found containing \"Ferrybox_Downloads\"");
-}
 
 TEST_F(RunningAgentTest, ClosingThePreferencesWindowOnlyHidesIt) {
     controller().showPreferences(nullptr);

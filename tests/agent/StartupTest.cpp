@@ -42,12 +42,19 @@ TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
     EXPECT_TRUE(server().requests().empty());
 }
 
+// Notifications are possible when the desktop's notification service is on the bus at start-up.
 TEST_F(StartupTest, NotificationCheckboxFollowsTheServiceItFinds) {
     controller().awakeFromNib();
-    if (!controller().growlInstalled()) {
-        EXPECT_FALSE(controller().useGrowlButton()->isChecked());
-        EXPECT_FALSE(controller().useGrowlButton()->isEnabled());
-    }
+    EXPECT_TRUE(controller().growlInstalled());
+    EXPECT_TRUE(controller().useGrowlButton()->isChecked());
+    EXPECT_TRUE(controller().useGrowlButton()->isEnabled());
+
+    notifications.reset();
+    interface_ = std::make_unique<MainInterface>();
+    controller().awakeFromNib();
+    EXPECT_FALSE(controller().growlInstalled());
+    EXPECT_FALSE(controller().useGrowlButton()->isChecked());
+    EXPECT_FALSE(controller().useGrowlButton()->isEnabled());
     EXPECT_EQ(storedDefault("useGrowl"), QVariant("yes"));  // never rewritten by detection
 }
 
@@ -64,8 +71,10 @@ class RememberPasswordTest : public AgentTest,
 
 TEST_P(RememberPasswordTest, CheckboxAndStoredChoice) {
     const RememberCase& c = GetParam();
-    if (c.stored.isValid()) setDefault("shouldRememberPassword", c.stored);
-    if (c.emailStored) setDefault("email", "a+b@example.org");
+    if (c.stored.isValid())
+        setDefault("shouldRememberPassword", c.stored);
+    if (c.emailStored)
+        setDefault("email", "a+b@example.org");
     controller().awakeFromNib();
 
     EXPECT_EQ(controller().rememberInKeychainButton()->isChecked(), c.checked);
@@ -102,18 +111,19 @@ TEST_P(CheckboxSettingTest, StoredValueSetsTheCheckbox) {
     EXPECT_EQ(storedDefault(c.key), c.stored);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Startup, CheckboxSettingTest,
-    ::testing::Values(
-        CheckboxCase{"KeepLogYes", "keepLog", "yes", true, &AppController::keepLogButton},
-        CheckboxCase{"KeepLogNo", "keepLog", "no", false, &AppController::keepLogButton},
-        CheckboxCase{"KeepLogOtherLeftAlone", "keepLog", "sometimes", false,
-                     &AppController::keepLogButton},
-        CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes", true,
-                     &AppController::openAtLoginButton},
-        CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
-                     &AppController::openAtLoginButton}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Startup, CheckboxSettingTest,
+                         ::testing::Values(CheckboxCase{"KeepLogYes", "keepLog", "yes", true,
+                                                        &AppController::keepLogButton},
+                                           CheckboxCase{"KeepLogNo", "keepLog", "no", false,
+                                                        &AppController::keepLogButton},
+                                           CheckboxCase{"KeepLogOtherLeftAlone", "keepLog",
+                                                        "sometimes", false,
+                                                        &AppController::keepLogButton},
+                                           CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes",
+                                                        true, &AppController::openAtLoginButton},
+                                           CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
+                                                        &AppController::openAtLoginButton}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(StartupTest, KeepLogYesEnablesClearLog) {
     setDefault("keepLog", "yes");

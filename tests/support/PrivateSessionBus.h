@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QString>
+#include <sys/types.h>
+
+namespace testsupport {
+
+// A D-Bus session bus of the test process's own: a dbus-daemon that activates no services,
+// whose address is put into DBUS_SESSION_BUS_ADDRESS. Qt connects to the session bus once per
+// process, so make it before anything can reach for the bus. The daemon dies with the process,
+// even one that crashes.
+class PrivateSessionBus {
+public:
+    PrivateSessionBus();
+    ~PrivateSessionBus();
+    PrivateSessionBus(const PrivateSessionBus&) = delete;
+    PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
+
+    // Empty when the daemon could not be started (the tests that need it then fail clearly).
+    QString address() const { return address_; }
+
+private:
+    pid_t pid_ = -1;
+    QString address_;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QString>
+
+namespace ui {
+
+// The desktop's notification service, org.freedesktop.Notifications on the session bus.
+class DesktopNotifications {
+public:
+    // Whether the service runs now or the bus can start it on demand.
+    static bool isAvailable();
+    // Shows one notification under the application's name and icon. The name of the kind of
+    // event travels as the hint "x-ferrybox-notification-name". Nothing waits for the answer,
+    // and a service that is gone or refuses is not reported.
+    static void show(const QString& title, const QString& body, const QString& eventName);
+};
+
+}  // namespace ui
