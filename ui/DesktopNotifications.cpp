@@ -31,15 +31,14 @@ bool DesktopNotifications::isAvailable() {
 
 void DesktopNotifications::show(const QString& title, const QString& body,
                                 const QString& eventName) {
-    QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kService,
-                                                       QStringLiteral("Notify"));
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(kService, kPath, kService, QStringLiteral("Notify"));
     const QVariantMap hints{
         {QStringLiteral("desktop-entry"), kDesktopEntry},
         {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)},  // normal
         {QStringLiteral("x-ferrybox-notification-name"), eventName},
     };
-    call << title << uint(0) << kDesktopEntry << title << body << QStringList() << hints
-         << int(-1);
+    call << title << uint(0) << kDesktopEntry << title << body << QStringList() << hints << int(-1);
     QDBusConnection::sessionBus().send(call);
 }
 

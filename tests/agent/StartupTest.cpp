@@ -111,19 +111,22 @@ TEST_P(CheckboxSettingTest, StoredValueSetsTheCheckbox) {
     EXPECT_EQ(storedDefault(c.key), c.stored);
 }
 
-INSTANTIATE_TEST_SUITE_P(Startup, CheckboxSettingTest,
-                         ::testing::Values(CheckboxCase{"KeepLogYes", "keepLog", "yes", true,
-                                                        &AppController::keepLogButton},
-                                           CheckboxCase{"KeepLogNo", "keepLog", "no", false,
-                                                        &AppController::keepLogButton},
-                                           CheckboxCase{"KeepLogOtherLeftAlone", "keepLog",
-                                                        "sometimes", false,
-                                                        &AppController::keepLogButton},
-                                           CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes",
-                                                        true, &AppController::openAtLoginButton},
-                                           CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
-                                                        &AppController::openAtLoginButton}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Startup, CheckboxSettingTest,
+    ::testing::Values(
+        CheckboxCase{"KeepLogYes", "keepLog", "yes", true, &AppController::keepLogButton},
+        CheckboxCase{"KeepLogNo", "keepLog", "no", false, &AppController::keepLogButton},
+        CheckboxCase{"KeepLogOtherLeftAlone", "keepLog", "sometimes", false,
+                     &AppController::keepLogButton},
+        // Edited by hand without quotes: the text "true" or
+        // "1" is neither "yes" nor "no".
+        CheckboxCase{"KeepLogTrueLeftAlone", "keepLog", true, false, &AppController::keepLogButton},
+        CheckboxCase{"UseGrowlOneLeftAlone", "useGrowl", 1, false, &AppController::useGrowlButton},
+        CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes", true,
+                     &AppController::openAtLoginButton},
+        CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
+                     &AppController::openAtLoginButton}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(StartupTest, KeepLogYesEnablesClearLog) {
     setDefault("keepLog", "yes");

@@ -10,8 +10,8 @@ const QString kService = QStringLiteral("org.freedesktop.Notifications");
 }
 
 NotificationRecorder::NotificationRecorder()
-    : connectionName_(QStringLiteral("notification-recorder-%1")
-                          .arg(reinterpret_cast<quintptr>(this), 0, 16)) {
+    : connectionName_(
+          QStringLiteral("notification-recorder-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)) {
     const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
     QDBusConnection bus = QDBusConnection::connectToBus(address, connectionName_);
     registered_ = bus.isConnected() &&

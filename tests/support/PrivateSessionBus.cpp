@@ -16,7 +16,8 @@ namespace {
 
 // Anyone may own any name and talk to anyone; no service files, so nothing of the machine's
 // own (a notification daemon, a keyring) is ever started on this bus.
-const char kConfig[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+const char kConfig[] =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>session</type>
