@@ -1,5 +1,6 @@
 // The remote action object's bookkeeping: notification names, sender-bound observers, the
 // parallel tables, and the newest call of an action winning over an earlier one.
+#include "client/LWSimplenote.h"
 #include "tests/client/ClientFixture.h"
 #include "tests/support/Wait.h"
 
@@ -13,41 +14,33 @@ class TaggedLogin : public LWSimplenoteLogin {};
 
 class ActionObjectTest : public ClientTest {};
 
-struct NameCase {
-    QString selector;
-    QString success;
-    QString failure;
-};
-
+// A subclass of a subclass posts under its own name, and its object travels under that name.
 TEST_F(ActionObjectTest, NotificationNamesFollowTheRunTimeClass) {
     auto login = LWSNObject::create<LWSimplenoteLogin>();
     auto tagged = LWSNObject::create<TaggedLogin>();
-    const std::vector<std::pair<std::shared_ptr<LWSNObject>, NameCase>> cases = {
-        {login,
-         {"login", "LWSimplenoteLoginLoginSuccessNotification",
-          "LWSimplenoteLoginLoginFailureNotification"}},
-        {login,
-         {"pullFromRemote:", "LWSimplenoteLoginPullFromRemote:SuccessNotification",
-          "LWSimplenoteLoginPullFromRemote:FailureNotification"}},
-        {tagged,
-         {"login", "TaggedLoginLoginSuccessNotification", "TaggedLoginLoginFailureNotification"}},
+    const std::tuple<std::shared_ptr<LWSNObject>, QString, QString, QString> cases[] = {
+        {login, "login", "LWSimplenoteLoginLoginSuccessNotification",
+         "LWSimplenoteLoginLoginFailureNotification"},
+        {login, "pullFromRemote:", "LWSimplenoteLoginPullFromRemote:SuccessNotification",
+         "LWSimplenoteLoginPullFromRemote:FailureNotification"},
+        {tagged, "login", "TaggedLoginLoginSuccessNotification",
+         "TaggedLoginLoginFailureNotification"},
     };
-    for (const auto& [object, c] : cases) {
-        EXPECT_EQ(object->successNotificationNameForSelector(c.selector), c.success);
-        EXPECT_EQ(object->failureNotificationNameForSelector(c.selector), c.failure);
+    for (const auto& [object, selector, success, failure] : cases) {
+        EXPECT_EQ(object->successNotificationNameForSelector(selector), success);
+        EXPECT_EQ(object->failureNotificationNameForSelector(selector), failure);
     }
-}
 
-TEST_F(ActionObjectTest, SubclassOfASubclassPostsUnderItsOwnName) {
     server().on("POST", "/api/login", FixtureServer::respond(200, "tok"));
-    auto tagged = LWSNObject::create<TaggedLogin>();
     Heard heard;
     observe(*tagged, "login", heard);
     tagged->login();
     ASSERT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
     EXPECT_EQ(heard.names, QStringList{"TaggedLoginLoginSuccessNotification"});
-    EXPECT_NE(heard.last.value<std::shared_ptr<LWSNObject>>("TaggedLogin"), nullptr);
-    EXPECT_EQ(heard.last.value<std::shared_ptr<LWSNObject>>("LWSimplenoteLogin"), nullptr);
+    EXPECT_EQ(LWSNObject::fromNotification<TaggedLogin>(heard.last), tagged);
+    EXPECT_EQ(LWSNObject::fromNotification<LWSimplenoteLogin>(heard.last, "TaggedLogin"), tagged);
+    EXPECT_EQ(LWSNObject::fromNotification<LWSimplenoteLogin>(heard.last), nullptr);
+    EXPECT_EQ(LWSNObject::fromNotification<LWSimplenote>(heard.last, "TaggedLogin"), nullptr);
 }
 
 TEST_F(ActionObjectTest, ObserversHearOnlyTheirOwnObject) {

@@ -56,9 +56,7 @@ TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceFails) {
     testsupport::settle(50);
 
     EXPECT_EQ(heard.names, QStringList{c.expectedName});
-    auto sender = heard.last.value<std::shared_ptr<LWSNObject>>("LWSimplenoteLogin");
-    ASSERT_NE(sender, nullptr);
-    EXPECT_EQ(sender->get(), login.get());
+    EXPECT_EQ(LWSNObject::fromNotification<LWSimplenoteLogin>(heard.last), login);
     EXPECT_EQ(LWSimplenoteCredentialStore::authToken(), c.expectedToken);
     if (c.expectedToken.isNull()) {
         const auto* error = heard.last.value<foundation::Error>("error");
@@ -107,9 +105,10 @@ TEST_F(LoginTest, NewTokenReachesLaterObjectsOnly) {
     auto later = LWSNObject::create<LWSimplenoteLogin>();
     EXPECT_EQ(later->authParams(), (QStringList{"auth=new", "email=me@example.org"}));
     EXPECT_EQ(earlier->authParams(), (QStringList{"auth=old", "email=(null)"}));
-    EXPECT_EQ(foundation::UserDefaults(foundation::UserDefaults::defaultFilePath())
-                  .stringForKey("simplenote-authToken"),
-              "new");
+    // On disk under the keys a later start reads.
+    const foundation::UserDefaults reread(foundation::UserDefaults::defaultFilePath());
+    EXPECT_EQ(reread.stringForKey("simplenote-authToken"), "new");
+    EXPECT_EQ(reread.stringForKey("simplenote-email"), "me@example.org");
     EXPECT_TRUE(login->description().endsWith(" authToken:new>"))
         << login->description().toStdString();
     EXPECT_TRUE(login->description().startsWith("<<LWSimplenoteLogin: 0x"));
@@ -137,19 +136,8 @@ TEST_F(LoginTest, TransportFailurePassesTheErrorThrough) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain, "QNetworkReplyErrorDomain");
     EXPECT_EQ(error->code, QNetworkReply::ConnectionRefusedError);
-    EXPECT_NE(heard.last.value<std::shared_ptr<LWSNObject>>("RefusedLogin"), nullptr);
+    EXPECT_NE(LWSNObject::fromNotification<RefusedLogin>(heard.last), nullptr);
     EXPECT_TRUE(LWSimplenoteCredentialStore::authToken().isNull());
-}
-
-TEST(CredentialStoreTest, KeysComeFromTheOperationNames) {
-    testsupport::TempHome home;
-    LWSimplenoteCredentialStore::setEmail("x@y.z");
-    LWSimplenoteCredentialStore::setAuthToken("t");
-    foundation::UserDefaults reread(foundation::UserDefaults::defaultFilePath());
-    EXPECT_EQ(reread.stringForKey("simplenote-email"), "x@y.z");
-    EXPECT_EQ(reread.stringForKey("simplenote-authToken"), "t");
-    EXPECT_EQ(LWSimplenoteCredentialStore::keyForSetter("setAuthToken:"), "authToken");
-    EXPECT_EQ(LWSimplenoteCredentialStore::keyForSetter("setEmail:"), "email");
 }
 
 }  // namespace

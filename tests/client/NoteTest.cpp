@@ -53,82 +53,76 @@ TEST_F(NoteTest, PullReadsTheHeadersAndTheText) {
                                         {"Note-Createdate", "2009-01-02 03:04:05.000000"},
                                         {"Note-Deleted", "false"}}));
     auto n = note("k1");
-    const Heard heard = run(*n, "pullFromRemote", &LWSimplenote::pullFromRemote);
-    EXPECT_EQ(heard.names, QStringList{"LWSimplenotePullFromRemoteSuccessNotification"});
-    EXPECT_EQ(server().requests().at(0).query, "auth=TOK&email=me+x@example.org&key=k1");
+    run(*n, "pullFromRemote", &LWSimplenote::pullFromRemote);
     EXPECT_EQ(n->key(), "k2");
     EXPECT_EQ(n->text(), QString::fromUtf8("first line\nzweite Zeile ü"));
     EXPECT_EQ(n->modifyDate(), kMarch5);
     EXPECT_EQ(n->createDate(), QDateTime(QDate(2009, 1, 2), QTime(3, 4, 5), Qt::LocalTime));
     ASSERT_TRUE(n->deleted().has_value());
     EXPECT_EQ(n->deleted()->stringValue(), "false");
-}
 
-TEST_F(NoteTest, PullWithoutHeadersKeepsDatesButNotKeyOrDeleted) {
+    // Without headers the dates stay as they were; key and deleted flag go.
     server().on("GET", "/api/note", FixtureServer::respond(200, ""));
-    auto n = note("k1");
-    n->setModifyDate(kMarch5);
-    n->setCreateDate(kMarch5);
-    n->setDeleted(TWJsonValue::boolean(true));
     run(*n, "pullFromRemote", &LWSimplenote::pullFromRemote);
     EXPECT_TRUE(n->key().isNull());
     EXPECT_FALSE(n->deleted().has_value());
     EXPECT_EQ(n->modifyDate(), kMarch5);
-    EXPECT_EQ(n->createDate(), kMarch5);
     EXPECT_EQ(n->text(), "");
     EXPECT_FALSE(n->text().isNull());
 }
 
-TEST_F(NoteTest, HttpErrorsReachTheObserverOfEachAction) {
+// Each action's request, its success, and an HTTP error heard by its observer with the note
+// left as it was. A push without key creates a note, sends at most 384 bytes of text and does
+// not learn the new key.
+TEST_F(NoteTest, EachActionsRequestAndOutcomes) {
+    const QString text(1000, QLatin1Char('x'));
     const struct {
         const char* selector;
         void (LWSimplenote::*action)();
+        QString key;
         std::string method;
         std::string path;
-        QString name;
+        std::string query;
+        std::string body;
+        QString success;
+        QString failure;
     } cases[] = {
-        {"pullFromRemote", &LWSimplenote::pullFromRemote, "GET", "/api/note",
+        {"pullFromRemote", &LWSimplenote::pullFromRemote, "k1", "GET", "/api/note",
+         "auth=TOK&email=me+x@example.org&key=k1", "",
+         "LWSimplenotePullFromRemoteSuccessNotification",
          "LWSimplenotePullFromRemoteFailureNotification"},
-        {"pushToRemote", &LWSimplenote::pushToRemote, "POST", "/api/note",
+        {"pushToRemote", &LWSimplenote::pushToRemote, QString(), "POST", "/api/note",
+         "auth=TOK&email=me+x@example.org", text.left(384).toUtf8().toBase64().toStdString(),
+         "LWSimplenotePushToRemoteSuccessNotification",
          "LWSimplenotePushToRemoteFailureNotification"},
-        {"deleteNote", &LWSimplenote::deleteNote, "GET", "/api/delete",
+        {"deleteNote", &LWSimplenote::deleteNote, "k1", "GET", "/api/delete",
+         "auth=TOK&email=me+x@example.org&key=k1", "", "LWSimplenoteDeleteNoteSuccessNotification",
          "LWSimplenoteDeleteNoteFailureNotification"},
     };
     for (const auto& c : cases) {
+        server().clearRequests();
+        server().on(c.method, c.path, FixtureServer::respond(200, "new-key"));
+        auto n = note(c.key);
+        n->setText(text);
+        EXPECT_EQ(run(*n, c.selector, c.action).names, QStringList{c.success});
+        const auto request = server().requests().at(0);
+        EXPECT_EQ(request.query, c.query) << c.selector;
+        EXPECT_EQ(request.body, c.body) << c.selector;
+        if (c.method == "POST") {
+            EXPECT_TRUE(n->key().isNull()) << "the answer's key is not taken";
+        }
+
         server().on(c.method, c.path, FixtureServer::respond(404, "no such note"));
-        auto n = note("gone");
+        n = note("gone");
         n->setText("kept");
         const Heard heard = run(*n, c.selector, c.action);
-        EXPECT_EQ(heard.names, QStringList{c.name});
+        EXPECT_EQ(heard.names, QStringList{c.failure});
         const auto* error = heard.last.value<foundation::Error>("error");
         ASSERT_NE(error, nullptr) << c.selector;
         EXPECT_EQ(*error, foundation::Error("LWSimplenoteErrorDomain", 404, "not found"));
         EXPECT_EQ(n->key(), "gone");
         EXPECT_EQ(n->text(), "kept");
     }
-}
-
-TEST_F(NoteTest, PushWithoutKeyCreatesAndSendsAtMost384Bytes) {
-    server().on("POST", "/api/note", FixtureServer::respond(200, "new-key"));
-    auto n = note();
-    const QString text(1000, QLatin1Char('x'));
-    n->setText(text);
-    const Heard heard = run(*n, "pushToRemote", &LWSimplenote::pushToRemote);
-    EXPECT_EQ(heard.names, QStringList{"LWSimplenotePushToRemoteSuccessNotification"});
-    const auto request = server().requests().at(0);
-    EXPECT_EQ(request.query, "auth=TOK&email=me+x@example.org");
-    EXPECT_EQ(request.body.size(), 512u);
-    EXPECT_EQ(QByteArray::fromBase64(QByteArray::fromStdString(request.body)),
-              text.left(384).toUtf8());
-    EXPECT_TRUE(n->key().isNull()) << "the answer's key is not taken";
-}
-
-TEST_F(NoteTest, DeleteAsksForTheKey) {
-    server().on("GET", "/api/delete", FixtureServer::respond(200, "k1"));
-    auto n = note("k1");
-    const Heard heard = run(*n, "deleteNote", &LWSimplenote::deleteNote);
-    EXPECT_EQ(heard.names, QStringList{"LWSimplenoteDeleteNoteSuccessNotification"});
-    EXPECT_EQ(server().requests().at(0).query, "auth=TOK&email=me+x@example.org&key=k1");
 }
 
 // A note whose service is gone.

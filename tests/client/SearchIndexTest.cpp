@@ -56,9 +56,7 @@ TEST_P(SearchAnswerTest, OnlyTheFirstResultCounts) {
         return;
     }
     EXPECT_EQ(heard.names, QStringList{"LWSimplenoteSearchPullFromRemoteSuccessNotification"});
-    const auto* self = heard.last.value<std::shared_ptr<LWSNObject>>("LWSimplenoteSearch");
-    ASSERT_NE(self, nullptr);
-    EXPECT_EQ(self->get(), search.get());
+    EXPECT_EQ(LWSNObject::fromNotification<LWSimplenoteSearch>(heard.last), search);
     ASSERT_TRUE(search->contents().has_value());
     ASSERT_EQ(static_cast<int>(search->contents()->size()), c.notes);
     if (c.notes == 1) {

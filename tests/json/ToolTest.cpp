@@ -68,13 +68,6 @@ INSTANTIATE_TEST_SUITE_P(
                  1,
                  "",
                  "3 Unrecognised leading character\n3 Expected value while parsing array\n"},
-        ToolCase{"DepthLimit",
-                 {"--max-depth", "2"},
-                 "[[[]]]",
-                 1,
-                 "",
-                 "7 Nested too deep\n3 Expected value while parsing array\n"
-                 "3 Expected value while parsing array\n"},
         ToolCase{"NoLimitPretty",
                  {"--max-depth", "0", "--pretty"},
                  "[[1]]",

@@ -91,17 +91,6 @@ TEST_F(ApiTest, NoteLifecycleWithHeadersAndDates) {
     EXPECT_EQ(post(*client_, "/api/note" + auth(), std::string(1024 * 1024 + 4, 'A')), "413 ");
 }
 
-TEST_F(ApiTest, TheAgentsCappedPushArrivesWhole) {
-    // The agent's push body is capped at 512 base64 characters: 384 bytes of text.
-    const std::string text(384, 'x');
-    const std::string body = base64(text);
-    ASSERT_EQ(body.size(), 512u);
-    auto res =
-        client_->Post(("/api/note" + auth()).c_str(), body, "application/x-www-form-urlencoded");
-    ASSERT_TRUE(res && res->status == 200);
-    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + res->body)).c_str())->body, text);
-}
-
 TEST_F(ApiTest, SoftDeleteKeepsTheNoteInTheIndexPermanentDeleteDoesNot) {
     const std::string soft = createNote("first findme");
     const std::string dead = createNote("second findme");
