@@ -21,7 +21,8 @@ struct Error {
     Error& operator=(const Error&) = default;
     Error& operator=(Error&&) = default;
     // Lets go of a long chain of underlying errors (a parser's trace can hold thousands) one
-    // link at a time instead of one stack frame per link.
+    // link at a time instead of one stack frame per link. Links are unhooked in place, so make
+    // them as Error, not as const Error.
     ~Error();
 
     // "Error Domain=D Code=N "description"", the form log lines print.

@@ -22,8 +22,7 @@ void TWJsonBase::addErrorWithCode(qint64 code, const QString& description) {
         errorTrace_ = std::make_shared<TWJsonErrorTrace>(*errorTrace_);
     }
     std::shared_ptr<const foundation::Error> previous =
-        errorTrace_->empty() ? nullptr
-                             : std::make_shared<const foundation::Error>(errorTrace_->back());
+        errorTrace_->empty() ? nullptr : std::make_shared<foundation::Error>(errorTrace_->back());
     errorTrace_->emplace_back(TWJSONErrorDomain, code, description, std::move(previous));
     if (traceObserver_)
         traceObserver_(false);
