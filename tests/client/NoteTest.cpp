@@ -41,6 +41,7 @@ protected:
         observe(n, selector, heard);
         (n.*action)();
         EXPECT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+        foundation::NotificationCenter::defaultCenter().removeObserver(this);  // heard goes
         return heard;
     }
 };

@@ -1,4 +1,6 @@
 // What search and index answers turn into, including answers a correct service would not give.
+#include <QScopeGuard>
+
 #include "client/LWSimplenoteCredentialStore.h"
 #include "client/LWSimplenoteIndex.h"
 #include "client/LWSimplenoteSearch.h"
@@ -25,6 +27,7 @@ protected:
         observe(object, "pullFromRemote", heard);
         object.pullFromRemote();
         EXPECT_TRUE(waitUntil([&] { return !heard.names.isEmpty(); }));
+        foundation::NotificationCenter::defaultCenter().removeObserver(this);  // heard goes
         return heard;
     }
 };
@@ -147,6 +150,8 @@ TEST_F(SearchIndexTest, IndexAnswersOfEveryShape) {
         foundation::LogCapture log;
         auto index = LWSNObject::create<LWSimplenoteIndex>();
         Heard heard;
+        const auto forget = qScopeGuard(
+            [this] { foundation::NotificationCenter::defaultCenter().removeObserver(this); });
         observe(*index, "pullFromRemote", heard);
         index->pullFromRemote();
         if (c.notes >= 0) {
