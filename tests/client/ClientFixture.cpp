@@ -1,5 +1,8 @@
 #include "tests/client/ClientFixture.h"
 
+#include "foundation/URLConnection.h"
+#include "tests/support/Wait.h"
+
 namespace clienttest {
 
 testsupport::FixtureServer& server() {
@@ -14,6 +17,10 @@ void ClientTest::SetUp() {
 
 void ClientTest::TearDown() {
     foundation::NotificationCenter::defaultCenter().removeObserver(this);
+    // Requests still under way keep themselves alive; let them end inside the test.
+    server().releaseStalled();
+    EXPECT_TRUE(
+        testsupport::waitUntil([] { return foundation::URLConnection::inFlightCount() == 0; }));
     home_.reset();
 }
 
