@@ -4,13 +4,16 @@
 #include <QString>
 #include <QStringList>
 #include <QVariant>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
+#include "agent/DownloadReporter.h"
 #include "agent/FXDownload.h"
 #include "agent/StatusItem.h"
 #include "foundation/NotificationCenter.h"
+#include "foundation/URLDownload.h"
 
 class QCheckBox;
 class QLabel;
@@ -20,16 +23,18 @@ class QProgressBar;
 class QPushButton;
 class QToolBar;
 class QWidget;
+class LWSimplenote;
 
 namespace foundation {
 class Timer;
 }
 
 // The agent's single controller: it owns the agent's state and every outlet of the preferences
-// window. Its operations are spread over one source file per concern: start-up, turning on and
-// off, the failure family and the check cycle here in agent/; the status menu, the preferences
-// window and the notifications in ui/.
-class AppController : public QObject {
+// window, and receives the events of every file transfer. Its operations are spread over one
+// source file per concern: start-up, turning on and off, the failure family, the check cycle and
+// the downloads here in agent/; the status menu, the preferences window and the notifications in
+// ui/.
+class AppController : public QObject, public foundation::URLDownloadDelegate {
 public:
     using DownloadList = std::vector<std::shared_ptr<FXDownload>>;
 
@@ -59,11 +64,32 @@ public:
 
     // --- the check cycle
     void searchForNote();
+    void downloadFiles(const foundation::Notification& notification);
+    int downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note);
+    // --- the log note
+    void updateLogNoteWith(const QStringList& lines);
+
+    // --- the downloads
+    void downloadDidBegin(foundation::URLDownload* download) override;
+    void downloadDidReceiveResponse(foundation::URLDownload* download,
+                                    const foundation::HTTPURLResponse& response) override;
+    void downloadDecideDestinationWithSuggestedFilename(foundation::URLDownload* download,
+                                                        const QString& filename) override;
+    void downloadDidReceiveDataOfLength(foundation::URLDownload* download, quint64 length) override;
+    void downloadDidFinish(foundation::URLDownload* download) override;
+    void downloadDidFailWithError(foundation::URLDownload* download,
+                                  const foundation::Error& error) override;
 
     // --- status menu, preferences window, notifications
     void updateMenu();
+    void openDownloadsFolder(QObject* sender);
+    void goToDownloadNote();
     void sendGrowlNotification(const QString& kind, const QString& detail);
     void showPreferences(QObject* sender);
+    // What the application object itself answers: the about panel and quitting (through the
+    // quit guard). The menu's "About Ferrybox" and "Quit" call these.
+    void setApplicationActions(std::function<void()> orderFrontStandardAboutPanel,
+                               std::function<void()> terminate);
     // Whether a desktop notification service can be reached.
     bool notificationServiceAvailable() const;
 
@@ -79,8 +105,9 @@ public:
     void setAccountOverride(const QString& email, const QString& password);
     // How many failure-family operations ran since start-up.
     int failuresReported() const { return failuresReported_; }
-    // How many checks ran since start-up.
-    int checksStarted() const { return checksStarted_; }
+    // Told of every transfer's begin, progress and end, besides the menu and the notifications
+    // (the headless run's lines on standard error). Not owned; null for none.
+    void setDownloadReporter(DownloadReporter* reporter) { downloadReporter_ = reporter; }
 
     // --- outlets
     QWidget* prefsWindow() const { return prefsWindow_; }
@@ -150,6 +177,7 @@ private:
     void setStartButtonAction(const QString& title, const QString& action);
     void startSpinner(bool on);
     void turnOffAfterFailure(const QString& detail, const QString& labelText);
+    void removeFromDownloadList(const FXDownload* download);
 
     QWidget* prefsWindow_ = nullptr;
     QLineEdit* emailField_ = nullptr;
@@ -182,5 +210,7 @@ private:
     std::optional<QString> emailOverride_;
     std::optional<QString> passwordOverride_;
     int failuresReported_ = 0;
-    int checksStarted_ = 0;
+    DownloadReporter* downloadReporter_ = nullptr;
+    std::function<void()> orderFrontStandardAboutPanel_;
+    std::function<void()> terminate_;
 };

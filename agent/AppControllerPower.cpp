@@ -179,6 +179,16 @@ bool AppController::tryToPerform(const QString& action, QObject* sender) {
         searchForNote();
     } else if (action == QLatin1String("showPreferences:")) {
         showPreferences(sender);
+    } else if (action == QLatin1String("goToDownloadNote")) {
+        goToDownloadNote();
+    } else if (action == QLatin1String("openDownloadsFolder:")) {
+        openDownloadsFolder(sender);
+    } else if (action == QLatin1String("orderFrontStandardAboutPanel:")) {
+        if (orderFrontStandardAboutPanel_)
+            orderFrontStandardAboutPanel_();
+    } else if (action == QLatin1String("terminate:")) {
+        if (terminate_)
+            terminate_();
     } else {
         return false;
     }

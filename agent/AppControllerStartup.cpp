@@ -7,6 +7,7 @@
 #include <QPushButton>
 
 #include "agent/AppController.h"
+#include "foundation/Paths.h"
 #include "foundation/UserDefaults.h"
 #include "platform/KCKeychainItem.h"
 
@@ -29,14 +30,6 @@ void store(const QVariant& value, const QString& key) {
 // An absent setting compares equal to every value: that decides what a first start does.
 bool matches(const QString& stored, const QString& value) {
     return stored.isNull() || stored == value;
-}
-
-QString expandTilde(const QString& path) {
-    if (path == QLatin1String("~"))
-        return QDir::homePath();
-    if (path.startsWith(QLatin1String("~/")))
-        return QDir::homePath() + path.mid(1);
-    return path;
 }
 
 }  // namespace
@@ -153,7 +146,7 @@ void AppController::readDownloadDirectorySetting() {
         downloadDirectory_ = directory;
         return;
     }
-    const QString expanded = expandTilde(kDefaultDownloadDirectory);
+    const QString expanded = foundation::expandingTildeInPath(kDefaultDownloadDirectory);
     if (!QFileInfo::exists(expanded))
         QDir().mkpath(expanded);  // a failure shows at download time
     store(kDefaultDownloadDirectory, QStringLiteral("downloadDirectory"));

@@ -1,33 +1,48 @@
 #pragma once
 
 #include <QString>
-#include <QUrl>
 #include <memory>
 
-// One file transfer started from a link of the download note. For now only the record's fields
-// exist; the transfer itself comes with the download manager.
-class FXDownload : public std::enable_shared_from_this<FXDownload> {
-public:
-    explicit FXDownload(const QUrl& url) : url_(url) {}
-    virtual ~FXDownload() = default;
+#include "foundation/URLDownload.h"
 
+// One file transfer started from a link of the download note: the transfer itself (the record
+// is what every event of the transfer names), with what the agent counts and shows of it. The
+// download facility keeps it alive from its start to its last event; the controller lists it
+// from its begin to its end.
+class FXDownload : public foundation::URLDownload {
+public:
+    // Makes a record and starts its transfer with delegate as the receiver of its events.
+    static std::shared_ptr<FXDownload> startWithRequest(const foundation::URLRequest& request,
+                                                        foundation::URLDownloadDelegate* delegate);
+
+    // Bytes received so far.
     qint64 done() const { return done_; }
     void setDone(qint64 done) { done_ = done; }
-    // 1 until the response announces a length, so an unanswered record never has size 0.
+    // The length the response announced, -1 when it announced none; 1 until the response
+    // arrives, so that a record never has size 0.
     qint64 size() const { return size_; }
     void setSize(qint64 size) { size_ = size; }
+    // Empty, or the full path under which a "videoplayback.mp4" stream is saved.
     const QString& title() const { return title_; }
     void setTitle(const QString& title) { title_ = title; }
-    const QUrl& url() const { return url_; }
+    // Another platform download object: declared, never used by the agent.
+    const std::shared_ptr<foundation::URLDownload>& download() const { return download_; }
+    void setDownload(std::shared_ptr<foundation::URLDownload> d) { download_ = std::move(d); }
 
-    // Stops the transfer and deletes the partly written file; no callback follows.
-    virtual void cancel() { cancelled_ = true; }
-    bool isCancelled() const { return cancelled_; }
+    // The link as text; "(null)" for a line that made no URL.
+    QString absoluteURLString() const;
+    // How the menu and the notifications name the transfer: the title's last path component,
+    // or the link in full when the title is empty.
+    QString displayName() const;
+    // "<FXDownload: 0x...>", as log lines show the record.
+    QString description() const;
 
 private:
-    QUrl url_;
+    friend class foundation::URLDownload;
+    FXDownload() = default;
+
+    std::shared_ptr<foundation::URLDownload> download_;
     qint64 done_ = 0;
     qint64 size_ = 1;
-    QString title_;
-    bool cancelled_ = false;
+    QString title_ = QStringLiteral("");
 };

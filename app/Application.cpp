@@ -13,6 +13,8 @@
 #include "foundation/Log.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/URLConnection.h"
+#include "foundation/URLDownload.h"
+#include "ui/AboutPanel.h"
 #include "ui/MainInterface.h"
 #include "ui/MessageBoxPresenter.h"
 #include "ui/TrayIcon.h"
@@ -41,6 +43,10 @@ Application::Application(const Options& options) : options_(options) {
         ui::installMessageBoxPresenter();
     }
     interface_ = std::make_unique<MainInterface>();
+    AppController& controller = interface_->controller();
+    controller.setApplicationActions(ui::orderFrontStandardAboutPanel, [this] { terminate(); });
+    if (options_.headless)
+        controller.setDownloadReporter(&reporter_);
 }
 
 Application::~Application() {
@@ -106,12 +112,13 @@ void Application::finishWhenIdle() {
     poll->setInterval(20);
     QObject::connect(poll, &QTimer::timeout, this, [this, poll] {
         AppController& controller = interface_->controller();
-        if (foundation::URLConnection::inFlightCount() > 0 || !controller.downloadList().empty()) {
+        if (foundation::URLConnection::inFlightCount() > 0 ||
+            foundation::URLDownload::inFlightCount() > 0 || !controller.downloadList().empty()) {
             return;
         }
         poll->stop();
         poll->deleteLater();
-        exitStatus_ = controller.failuresReported() > 0 ? 1 : 0;
+        exitStatus_ = controller.failuresReported() > 0 || reporter_.failures() > 0 ? 1 : 0;
         terminate();
     });
     poll->start();

@@ -3,6 +3,7 @@
 #include <QObject>
 #include <memory>
 
+#include "app/HeadlessReporter.h"
 #include "app/Options.h"
 
 class MainInterface;
@@ -28,6 +29,7 @@ private:
     void installSignalHandlers();
 
     Options options_;
+    HeadlessReporter reporter_;
     std::unique_ptr<MainInterface> interface_;
     int exitStatus_ = 0;
 };

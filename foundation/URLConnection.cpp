@@ -224,20 +224,4 @@ QString HTTPURLResponse::valueForHeader(const QByteArray& name) const {
     return QString();
 }
 
-QString HTTPURLResponse::suggestedFilename() const {
-    const QString disposition = valueForHeader("Content-Disposition");
-    const qsizetype at = disposition.indexOf(QStringLiteral("filename="), 0, Qt::CaseInsensitive);
-    if (at >= 0) {
-        QString name = disposition.mid(at + 9).section(QLatin1Char(';'), 0, 0).trimmed();
-        if (name.size() >= 2 && name.startsWith(QLatin1Char('"')) &&
-            name.endsWith(QLatin1Char('"')))
-            name = name.mid(1, name.size() - 2);
-        name = name.section(QLatin1Char('/'), -1);
-        if (!name.isEmpty())
-            return name;
-    }
-    const QString last = url.path().section(QLatin1Char('/'), -1);
-    return last.isEmpty() ? QStringLiteral("index.html") : QUrl::fromPercentEncoding(last.toUtf8());
-}
-
 }  // namespace foundation

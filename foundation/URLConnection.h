@@ -29,7 +29,9 @@ struct HTTPURLResponse {
 
     // The header's value, its name compared case-insensitively; null when absent.
     QString valueForHeader(const QByteArray& name) const;
-    // Content-Disposition's file name, else the URL's last path component.
+    // The name to save the body under: Content-Disposition's filename* (RFC 5987), else its
+    // filename, else the URL's last path component, else "index.html". Always a plain name of
+    // its own: no "/" or "\\", no control characters, never "." or "..", at most 255 bytes.
     QString suggestedFilename() const;
     // The standard reason phrase in lower case ("not found"); "server error" for unknown 5xx
     // codes and the like.

@@ -1,5 +1,8 @@
 #include "tests/agent/AgentFixture.h"
 
+#include "Classes/TWJSON/TWJSON.h"
+#include "foundation/URLConnection.h"
+#include "foundation/URLDownload.h"
 #include "tests/support/Wait.h"
 
 namespace agenttest {
@@ -11,6 +14,7 @@ testsupport::FixtureServer& server() {
 void AgentTest::SetUp() {
     server().clearRoutes();
     server().clearRequests();
+    answerSearch("Ferrybox_Downloads");
     home_ = std::make_unique<testsupport::TempHome>();
     interface_ = std::make_unique<MainInterface>();
     previousPresenter_ = foundation::AlertPanel::setPresenter([this](const foundation::Alert& a) {
@@ -20,6 +24,12 @@ void AgentTest::SetUp() {
 }
 
 void AgentTest::TearDown() {
+    // Whatever is still under way ends inside the test.
+    server().releaseStalled();
+    EXPECT_TRUE(testsupport::waitUntil([] {
+        return foundation::URLConnection::inFlightCount() == 0 &&
+               foundation::URLDownload::inFlightCount() == 0;
+    }));
     foundation::AlertPanel::setPresenter(previousPresenter_);
     interface_.reset();
     home_.reset();
@@ -38,6 +48,24 @@ QVariant AgentTest::storedDefault(const QString& key) {
 
 void AgentTest::answerLogin(const std::string& body) {
     server().on("POST", "/api/login", testsupport::FixtureServer::respond(200, body));
+}
+
+void AgentTest::answerSearch(const QString& text) {
+    TWJsonValue results = TWJsonValue::array();
+    if (!text.isNull()) {
+        TWJsonValue note = TWJsonValue::dictionary();
+        note.insert("key", TWJsonValue::string("dl"));
+        note.insert("content", TWJsonValue::string(text));
+        results.append(note);
+    }
+    TWJsonValue response = TWJsonValue::dictionary();
+    response.insert("totalRecords", TWJsonValue::number(qint64(results.count())));
+    response.insert("Results", results);
+    TWJsonValue answer = TWJsonValue::dictionary();
+    answer.insert("Response", response);
+    server().on("GET", "/api/search",
+                testsupport::FixtureServer::respond(200, JSONRepresentation(answer).toStdString()));
+    server().on("POST", "/api/note", testsupport::FixtureServer::respond(200, "dl"));
 }
 
 void AgentTest::startWithAccount(const QString& email, const QString& password) {

@@ -32,6 +32,9 @@ protected:
     QVariant storedDefault(const QString& key);
     // Answers the login with this token (empty: the service's "no").
     void answerLogin(const std::string& body);
+    // Answers every search with one note of this text (and key "dl"), or with none for a null
+    // text; pushes of notes succeed. Until a test says otherwise, the note is a bare header.
+    void answerSearch(const QString& text);
     // Start-up with the password typed in as the headless options do.
     void startWithAccount(const QString& email, const QString& password);
     bool waitForRunning();

@@ -139,6 +139,31 @@ FixtureServer::Handler FixtureServer::stall(int status, std::string body) {
     };
 }
 
+FixtureServer::Handler FixtureServer::stallMidBody(std::size_t total, std::size_t first,
+                                                   bool closeInstead) {
+    {
+        std::lock_guard lock(mutex_);
+        stallReleased_ = false;
+    }
+    return [this, total, first, closeInstead](const httplib::Request&, httplib::Response& res) {
+        res.set_content_provider(total, "application/octet-stream",
+                                 [this, total, first, closeInstead](std::size_t offset, std::size_t,
+                                                                    httplib::DataSink& sink) {
+                                     if (offset < first) {
+                                         const std::string head(first - offset, 'h');
+                                         return sink.write(head.data(), head.size());
+                                     }
+                                     if (closeInstead)
+                                         return false;
+                                     std::unique_lock lock(mutex_);
+                                     stallCv_.wait(lock, [this] { return stallReleased_; });
+                                     lock.unlock();
+                                     const std::string rest(total - offset, 'r');
+                                     return sink.write(rest.data(), rest.size());
+                                 });
+    };
+}
+
 void FixtureServer::releaseStalled() {
     {
         std::lock_guard lock(mutex_);

@@ -63,6 +63,9 @@ public:
     static Handler sequence(std::vector<Handler> handlers);
     // Holds the answer until releaseStalled() or the server stops, then gives it.
     Handler stall(int status = 200, std::string body = {});
+    // Announces total bytes, sends the first ones, then holds the rest until releaseStalled();
+    // with closeInstead, the connection is dropped there instead.
+    Handler stallMidBody(std::size_t total, std::size_t first, bool closeInstead = false);
     void releaseStalled();
 
 private:

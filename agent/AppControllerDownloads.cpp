@@ -1,0 +1,80 @@
+// The controller as the receiver of every transfer's events: it keeps the list of running
+// downloads, decides where each file goes, counts progress and tells the user.
+#include <algorithm>
+
+#include "agent/AppController.h"
+#include "foundation/Log.h"
+#include "foundation/Paths.h"
+
+namespace {
+
+// Every transfer the controller receives events of was made as a record.
+FXDownload* record(foundation::URLDownload* download) {
+    return static_cast<FXDownload*>(download);
+}
+
+}  // namespace
+
+void AppController::downloadDidBegin(foundation::URLDownload* download) {
+    downloadList_.push_back(std::static_pointer_cast<FXDownload>(download->shared_from_this()));
+    sendGrowlNotification(QStringLiteral("downloading"), record(download)->displayName());
+    updateMenu();
+    if (downloadReporter_)
+        downloadReporter_->downloadBegan(*record(download));
+}
+
+void AppController::downloadDidReceiveResponse(foundation::URLDownload* download,
+                                               const foundation::HTTPURLResponse& response) {
+    record(download)->setSize(response.expectedContentLength);
+}
+
+// A file of the same name is replaced, on purpose: the same link written into the note again
+// means "fetch it again". Only a "videoplayback.mp4" stream goes to the path in its title, and
+// never over an existing file; the check cycle gives no record a title, so such a stream fails.
+void AppController::downloadDecideDestinationWithSuggestedFilename(
+    foundation::URLDownload* download, const QString& filename) {
+    if (filename != QLatin1String("videoplayback.mp4")) {
+        download->setDestination(QStringLiteral("%1/%2").arg(
+                                     foundation::expandingTildeInPath(downloadDirectory_), filename),
+                                 true);
+    } else {
+        download->setDestination(record(download)->title(), false);
+    }
+}
+
+void AppController::downloadDidReceiveDataOfLength(foundation::URLDownload* download,
+                                                   quint64 length) {
+    FXDownload* fx = record(download);
+    fx->setDone(fx->done() + static_cast<qint64>(length));
+    updateMenu();
+    if (downloadReporter_)
+        downloadReporter_->downloadProgressed(*fx);
+}
+
+void AppController::downloadDidFinish(foundation::URLDownload* download) {
+    removeFromDownloadList(record(download));
+    sendGrowlNotification(QStringLiteral("download complete"), record(download)->displayName());
+    updateMenu();
+    if (downloadReporter_)
+        downloadReporter_->downloadFinished(*record(download));
+}
+
+void AppController::downloadDidFailWithError(foundation::URLDownload* download,
+                                             const foundation::Error& error) {
+    FXDownload* fx = record(download);
+    foundation::log(QStringLiteral("download %1 failed with error %2")
+                        .arg(fx->description(), error.description()));
+    removeFromDownloadList(fx);
+    sendGrowlNotification(QStringLiteral("error"),
+                          QStringLiteral("Couldn't download %1").arg(fx->absoluteURLString()));
+    updateMenu();
+    if (downloadReporter_)
+        downloadReporter_->downloadFailed(*fx, error);
+}
+
+// By identity: two records of the same link are two downloads.
+void AppController::removeFromDownloadList(const FXDownload* download) {
+    std::erase_if(downloadList_, [download](const std::shared_ptr<FXDownload>& listed) {
+        return listed.get() == download;
+    });
+}

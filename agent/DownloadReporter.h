@@ -1,0 +1,16 @@
+#pragma once
+
+#include "foundation/Error.h"
+
+class FXDownload;
+
+// Someone besides the menu and the notifications who follows the transfers: each call comes
+// after the controller has handled the event.
+class DownloadReporter {
+public:
+    virtual ~DownloadReporter() = default;
+    virtual void downloadBegan(const FXDownload& download) = 0;
+    virtual void downloadProgressed(const FXDownload& download) = 0;
+    virtual void downloadFinished(const FXDownload& download) = 0;
+    virtual void downloadFailed(const FXDownload& download, const foundation::Error& error) = 0;
+};

@@ -1,0 +1,19 @@
+#include "agent/FXDownload.h"
+
+std::shared_ptr<FXDownload> FXDownload::startWithRequest(
+    const foundation::URLRequest& request, foundation::URLDownloadDelegate* delegate) {
+    return foundation::URLDownload::start<FXDownload>(request, delegate);
+}
+
+QString FXDownload::absoluteURLString() const {
+    const QUrl& url = request().url;
+    return url.isValid() ? url.toString(QUrl::FullyEncoded) : QStringLiteral("(null)");
+}
+
+QString FXDownload::displayName() const {
+    return title_.isEmpty() ? absoluteURLString() : title_.section(QLatin1Char('/'), -1);
+}
+
+QString FXDownload::description() const {
+    return QStringLiteral("<FXDownload: 0x%1>").arg(reinterpret_cast<quintptr>(this), 0, 16);
+}

@@ -1,0 +1,273 @@
+// File transfers: the events in order, the name a server may suggest and the names it may not,
+// every way a transfer fails, and never a partial file left behind.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QNetworkReply>
+#include <QTemporaryDir>
+#include <functional>
+
+#include "foundation/URLDownload.h"
+#include "tests/support/FixtureServer.h"
+#include "tests/support/Wait.h"
+
+namespace {
+
+using foundation::URLDownload;
+using testsupport::FixtureServer;
+using testsupport::waitUntil;
+
+// Writes every event down as a short line; the data events of a run count as one line.
+class Recorder : public foundation::URLDownloadDelegate {
+public:
+    QStringList events;
+    QString folder;
+    bool allowOverwrite = true;
+    quint64 bytes = 0;
+
+    bool over() const {
+        return !events.isEmpty() &&
+               (events.last().startsWith("finish") || events.last().startsWith("fail"));
+    }
+    void downloadDidBegin(URLDownload*) override { events << "begin"; }
+    void downloadDidReceiveResponse(URLDownload*,
+                                    const foundation::HTTPURLResponse& response) override {
+        events << QStringLiteral("response %1 %2")
+                      .arg(response.statusCode)
+                      .arg(response.expectedContentLength);
+    }
+    void downloadDecideDestinationWithSuggestedFilename(URLDownload* download,
+                                                        const QString& name) override {
+        events << "destination " + name;
+        download->setDestination(folder + "/" + name, allowOverwrite);
+    }
+    void downloadDidReceiveDataOfLength(URLDownload*, quint64 length) override {
+        bytes += length;
+        if (events.last() != "data")
+            events << "data";
+    }
+    void downloadDidFinish(URLDownload*) override {
+        events << QStringLiteral("finish %1").arg(bytes);
+    }
+    void downloadDidFailWithError(URLDownload*, const foundation::Error& error) override {
+        events << QStringLiteral("fail %1 %2").arg(error.domain).arg(error.code);
+    }
+};
+
+const QString kNetwork = QStringLiteral("QNetworkReplyErrorDomain");
+const QString kDownload = QStringLiteral("URLDownloadErrorDomain");
+
+QString fail(const QString& domain, int code) {
+    return QStringLiteral("fail %1 %2").arg(domain).arg(code);
+}
+
+struct TransferCase {
+    const char* name;
+    std::function<void(FixtureServer&)> routes;
+    QString url;  // "@" stands for the server's address
+    QStringList events;
+    QStringList files;  // what the folder holds afterwards, as NAME=CONTENT or NAME
+    std::function<void(Recorder&, const QString& folder)> prepare = nullptr;
+    double timeout = 60;
+};
+
+void PrintTo(const TransferCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class TransferTest : public ::testing::TestWithParam<TransferCase> {};
+
+TEST_P(TransferTest, EventsAndWhatIsLeftInTheFolder) {
+    const TransferCase& c = GetParam();
+    FixtureServer server;
+    c.routes(server);
+    QTemporaryDir dir;
+    Recorder recorder;
+    recorder.folder = dir.path() + "/in";
+    ASSERT_TRUE(QDir().mkpath(recorder.folder));
+    if (c.prepare)
+        c.prepare(recorder, recorder.folder);
+
+    foundation::URLRequest request;
+    request.url = QUrl(QString(c.url).replace("@", server.baseUrl()), QUrl::StrictMode);
+    request.timeoutInterval = c.timeout;
+    URLDownload::start(request, &recorder);
+    ASSERT_TRUE(waitUntil([&] { return recorder.over(); }, 10000))
+        << recorder.events.join(" | ").toStdString();
+    testsupport::settle(50);
+    // Whether the first bytes of a transfer that then fails were read first is up to timing.
+    if (!c.events.contains("data") && c.events.last().startsWith("fail"))
+        recorder.events.removeAll("data");
+    EXPECT_EQ(recorder.events, c.events);
+    EXPECT_EQ(URLDownload::inFlightCount(), 0);
+
+    QStringList files;
+    const QDir folder(recorder.folder);
+    for (const QString& name : folder.entryList(QDir::Files | QDir::Hidden)) {
+        QFile file(folder.filePath(name));
+        const bool small = file.size() < 100 && file.open(QIODevice::ReadOnly);
+        files << (small ? name + "=" + QString::fromUtf8(file.readAll()) : name);
+    }
+    EXPECT_EQ(files, c.files);
+}
+
+auto serve(const std::string& path, int status, const std::string& body,
+           std::multimap<std::string, std::string> headers = {}) {
+    return [=](FixtureServer& s) { s.on("GET", path, FixtureServer::respond(status, body, headers)); };
+}
+
+auto disposition(const std::string& value) {
+    return serve("/get", 200, "body", {{"Content-Disposition", value}});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Foundation, TransferTest,
+    ::testing::Values(
+        TransferCase{"PlainFile", serve("/files/a.txt", 200, "hello"), "@/files/a.txt",
+                     {"begin", "response 200 5", "destination a.txt", "data", "finish 5"},
+                     {"a.txt=hello"}},
+        TransferCase{"EmptyFile", serve("/e", 200, ""), "@/e",
+                     {"begin", "response 200 0", "destination e", "finish 0"},
+                     {"e="}},
+        TransferCase{"NameFromTheFinalAddress",
+                     [](FixtureServer& s) {
+                         s.on("GET", "/go", FixtureServer::redirectTo("/files/report%20final.pdf"));
+                         s.on("GET", "/files/report final.pdf", FixtureServer::respond(200, "pdf"));
+                     },
+                     "@/go",
+                     {"begin", "response 200 3", "destination report final.pdf", "data",
+                      "finish 3"},
+                     {"report final.pdf=pdf"}},
+        TransferCase{"ExtendedNameFirst",
+                     disposition("attachment; filename=\"plain.txt\"; "
+                                 "filename*=UTF-8''na%C3%AFve%20file.txt"),
+                     "@/get",
+                     {"begin", "response 200 4", "destination naïve file.txt", "data", "finish 4"},
+                     {"naïve file.txt=body"}},
+        TransferCase{"QuotedNameWithSemicolon", disposition("attachment; filename=\"a;b.txt\""),
+                     "@/get",
+                     {"begin", "response 200 4", "destination a;b.txt", "data", "finish 4"},
+                     {"a;b.txt=body"}},
+        TransferCase{"RelativePathInTheName", disposition("attachment; filename=\"../../x\""),
+                     "@/get", {"begin", "response 200 4", "destination x", "data", "finish 4"},
+                     {"x=body"}},
+        TransferCase{"AbsolutePathInTheName", disposition("attachment; filename=/etc/passwd"),
+                     "@/get",
+                     {"begin", "response 200 4", "destination passwd", "data", "finish 4"},
+                     {"passwd=body"}},
+        TransferCase{"DotsAndControlsAreNoName", disposition("attachment; filename=\"..\""),
+                     "@/get", {"begin", "response 200 4", "destination get", "data", "finish 4"},
+                     {"get=body"}},
+        TransferCase{"NoNameAtAll", serve("/", 200, "<html>"), "@/",
+                     {"begin", "response 200 6", "destination index.html", "data", "finish 6"},
+                     {"index.html=<html>"}},
+        TransferCase{"NotFound", serve("/x", 404, "gone"), "@/x",
+                     {"begin", fail(kDownload, 404)}, {}},
+        TransferCase{"ServerError", serve("/x", 500, "oops"), "@/x",
+                     {"begin", fail(kDownload, 500)}, {}},
+        TransferCase{"RefusedConnection", [](FixtureServer&) {},
+                     QStringLiteral("http://127.0.0.1:%1/x").arg(FixtureServer::closedPort()),
+                     {"begin", fail(kNetwork, QNetworkReply::ConnectionRefusedError)}, {}},
+        TransferCase{"FileLink", [](FixtureServer&) {}, "file:///etc/hostname",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
+        TransferCase{"FtpLink", [](FixtureServer&) {}, "ftp://127.0.0.1/x",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
+        TransferCase{"LineThatIsNoUrl", [](FixtureServer&) {}, "not a link at all",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
+        TransferCase{"ClosedMidBody",
+                     [](FixtureServer& s) { s.on("GET", "/x", s.stallMidBody(100000, 10, true)); },
+                     "@/x",
+                     {"begin", "response 200 100000", "destination x",
+                      fail(kNetwork, QNetworkReply::RemoteHostClosedError)},
+                     {}},
+        TransferCase{"SilentBeforeAnswering", [](FixtureServer& s) { s.on("GET", "/x", s.stall()); },
+                     "@/x", {"begin", fail(kNetwork, QNetworkReply::TimeoutError)}, {}, nullptr,
+                     1.0},
+        TransferCase{"SilentMidBody",
+                     [](FixtureServer& s) { s.on("GET", "/x", s.stallMidBody(1000, 10)); }, "@/x",
+                     {"begin", "response 200 1000", "destination x", "data",
+                      fail(kNetwork, QNetworkReply::TimeoutError)},
+                     {}, nullptr, 1.0},
+        TransferCase{"FolderVanished", serve("/x", 200, "body"), "@/x",
+                     {"begin", "response 200 4", "destination x",
+                      fail(kDownload, foundation::URLDownloadErrorCannotWrite)},
+                     {},
+                     [](Recorder&, const QString& folder) { QDir(folder).removeRecursively(); }},
+        TransferCase{"FolderIsAFile", serve("/x", 200, "body"), "@/x",
+                     {"begin", "response 200 4", "destination x",
+                      fail(kDownload, foundation::URLDownloadErrorCannotWrite)},
+                     {},
+                     [](Recorder& r, const QString&) {
+                         r.folder += "/plain";
+                         QFile(r.folder).open(QIODevice::WriteOnly);
+                     }},
+        TransferCase{"ExistingFileReplaced", serve("/x", 200, "new"), "@/x",
+                     {"begin", "response 200 3", "destination x", "data", "finish 3"},
+                     {"x=new"},
+                     [](Recorder&, const QString& folder) {
+                         QFile old(folder + "/x");
+                         old.open(QIODevice::WriteOnly);
+                         old.write("old");
+                     }},
+        TransferCase{"ExistingFileKept", serve("/x", 200, "new"), "@/x",
+                     {"begin", "response 200 3", "destination x", "data",
+                      fail(kDownload, foundation::URLDownloadErrorDestinationExists)},
+                     {"x=old"},
+                     [](Recorder& r, const QString& folder) {
+                         r.allowOverwrite = false;
+                         QFile old(folder + "/x");
+                         old.open(QIODevice::WriteOnly);
+                         old.write("old");
+                     }}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(URLDownloadTest, LargeBodyArrivesWholeInFewPieces) {
+    FixtureServer server;
+    std::string body(5 * 1024 * 1024 + 7, '\0');
+    for (std::size_t i = 0; i < body.size(); ++i)
+        body[i] = static_cast<char>(i * 7 % 251);
+    server.on("GET", "/big.bin", FixtureServer::respond(200, body));
+    QTemporaryDir dir;
+    int dataEvents = 0;
+    struct Counting : Recorder {
+        int* count;
+        void downloadDidReceiveDataOfLength(URLDownload* d, quint64 n) override {
+            ++*count;
+            Recorder::downloadDidReceiveDataOfLength(d, n);
+        }
+    } counting;
+    counting.folder = dir.path();
+    counting.count = &dataEvents;
+    foundation::URLRequest request;
+    request.url = QUrl(server.baseUrl() + "/big.bin");
+    URLDownload::start(request, &counting);
+    ASSERT_TRUE(waitUntil([&] { return counting.over(); }, 20000));
+    EXPECT_EQ(counting.events.last(), QStringLiteral("finish %1").arg(body.size()));
+    QFile file(dir.path() + "/big.bin");
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(file.readAll() == QByteArray::fromStdString(body));
+    EXPECT_LE(dataEvents, 64) << "one data event per read, not per network packet";
+}
+
+TEST(URLDownloadTest, CancelStopsSilentlyAndLeavesNothing) {
+    FixtureServer server;
+    server.on("GET", "/x", server.stallMidBody(100000, 1000));
+    QTemporaryDir dir;
+    Recorder recorder;
+    recorder.folder = dir.path();
+    foundation::URLRequest request;
+    request.url = QUrl(server.baseUrl() + "/x");
+    auto download = URLDownload::start(request, &recorder);
+    ASSERT_TRUE(waitUntil([&] { return recorder.events.contains("data"); }));
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 1)
+        << "the partial file";
+    download->cancel();
+    server.releaseStalled();
+    testsupport::settle(200);
+    EXPECT_EQ(recorder.events, (QStringList{"begin", "response 200 100000", "destination x", "data"}));
+    EXPECT_TRUE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).isEmpty());
+    EXPECT_EQ(URLDownload::inFlightCount(), 0);
+}
+
+}  // namespace

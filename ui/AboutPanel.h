@@ -1,0 +1,9 @@
+#pragma once
+
+namespace ui {
+
+// The application's about panel: its name, version and icon. Not modal; shown again when asked
+// for again.
+void orderFrontStandardAboutPanel();
+
+}  // namespace ui
