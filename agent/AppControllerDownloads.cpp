@@ -34,9 +34,10 @@ void AppController::downloadDidReceiveResponse(foundation::URLDownload* download
 void AppController::downloadDecideDestinationWithSuggestedFilename(
     foundation::URLDownload* download, const QString& filename) {
     if (filename != QLatin1String("videoplayback.mp4")) {
-        download->setDestination(QStringLiteral("%1/%2").arg(
-                                     foundation::expandingTildeInPath(downloadDirectory_), filename),
-                                 true);
+        download->setDestination(
+            QStringLiteral("%1/%2").arg(foundation::expandingTildeInPath(downloadDirectory_),
+                                        filename),
+            true);
     } else {
         download->setDestination(record(download)->title(), false);
     }

@@ -379,7 +379,8 @@ void URLDownload::startTransfer(const URLRequest& request, URLDownloadDelegate* 
                        QStringLiteral("unsupported URL")));
         return;
     }
-    d_->deliver([](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
+    d_->deliver(
+        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
     d_->send();
 }
 

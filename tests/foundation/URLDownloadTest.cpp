@@ -114,7 +114,8 @@ TEST_P(TransferTest, EventsAndWhatIsLeftInTheFolder) {
 
 auto serve(const std::string& path, int status, const std::string& body,
            std::multimap<std::string, std::string> headers = {}) {
-    return [=](FixtureServer& s) { s.on("GET", path, FixtureServer::respond(status, body, headers)); };
+    return
+        [=](FixtureServer& s) { s.on("GET", path, FixtureServer::respond(status, body, headers)); };
 }
 
 auto disposition(const std::string& value) {
@@ -124,77 +125,111 @@ auto disposition(const std::string& value) {
 INSTANTIATE_TEST_SUITE_P(
     Foundation, TransferTest,
     ::testing::Values(
-        TransferCase{"PlainFile", serve("/files/a.txt", 200, "hello"), "@/files/a.txt",
+        TransferCase{"PlainFile",
+                     serve("/files/a.txt", 200, "hello"),
+                     "@/files/a.txt",
                      {"begin", "response 200 5", "destination a.txt", "data", "finish 5"},
                      {"a.txt=hello"}},
-        TransferCase{"EmptyFile", serve("/e", 200, ""), "@/e",
+        TransferCase{"EmptyFile",
+                     serve("/e", 200, ""),
+                     "@/e",
                      {"begin", "response 200 0", "destination e", "finish 0"},
                      {"e="}},
-        TransferCase{"NameFromTheFinalAddress",
-                     [](FixtureServer& s) {
-                         s.on("GET", "/go", FixtureServer::redirectTo("/files/report%20final.pdf"));
-                         s.on("GET", "/files/report final.pdf", FixtureServer::respond(200, "pdf"));
-                     },
-                     "@/go",
-                     {"begin", "response 200 3", "destination report final.pdf", "data",
-                      "finish 3"},
-                     {"report final.pdf=pdf"}},
+        TransferCase{
+            "NameFromTheFinalAddress",
+            [](FixtureServer& s) {
+                s.on("GET", "/go", FixtureServer::redirectTo("/files/report%20final.pdf"));
+                s.on("GET", "/files/report final.pdf", FixtureServer::respond(200, "pdf"));
+            },
+            "@/go",
+            {"begin", "response 200 3", "destination report final.pdf", "data", "finish 3"},
+            {"report final.pdf=pdf"}},
         TransferCase{"ExtendedNameFirst",
                      disposition("attachment; filename=\"plain.txt\"; "
                                  "filename*=UTF-8''na%C3%AFve%20file.txt"),
                      "@/get",
                      {"begin", "response 200 4", "destination naïve file.txt", "data", "finish 4"},
                      {"naïve file.txt=body"}},
-        TransferCase{"QuotedNameWithSemicolon", disposition("attachment; filename=\"a;b.txt\""),
+        TransferCase{"QuotedNameWithSemicolon",
+                     disposition("attachment; filename=\"a;b.txt\""),
                      "@/get",
                      {"begin", "response 200 4", "destination a;b.txt", "data", "finish 4"},
                      {"a;b.txt=body"}},
-        TransferCase{"RelativePathInTheName", disposition("attachment; filename=\"../../x\""),
-                     "@/get", {"begin", "response 200 4", "destination x", "data", "finish 4"},
+        TransferCase{"RelativePathInTheName",
+                     disposition("attachment; filename=\"../../x\""),
+                     "@/get",
+                     {"begin", "response 200 4", "destination x", "data", "finish 4"},
                      {"x=body"}},
-        TransferCase{"AbsolutePathInTheName", disposition("attachment; filename=/etc/passwd"),
+        TransferCase{"AbsolutePathInTheName",
+                     disposition("attachment; filename=/etc/passwd"),
                      "@/get",
                      {"begin", "response 200 4", "destination passwd", "data", "finish 4"},
                      {"passwd=body"}},
-        TransferCase{"DotsAndControlsAreNoName", disposition("attachment; filename=\"..\""),
-                     "@/get", {"begin", "response 200 4", "destination get", "data", "finish 4"},
+        TransferCase{"DotsAndControlsAreNoName",
+                     disposition("attachment; filename=\"..\""),
+                     "@/get",
+                     {"begin", "response 200 4", "destination get", "data", "finish 4"},
                      {"get=body"}},
-        TransferCase{"NoNameAtAll", serve("/", 200, "<html>"), "@/",
+        TransferCase{"NoNameAtAll",
+                     serve("/", 200, "<html>"),
+                     "@/",
                      {"begin", "response 200 6", "destination index.html", "data", "finish 6"},
                      {"index.html=<html>"}},
-        TransferCase{"NotFound", serve("/x", 404, "gone"), "@/x",
-                     {"begin", fail(kDownload, 404)}, {}},
-        TransferCase{"ServerError", serve("/x", 500, "oops"), "@/x",
-                     {"begin", fail(kDownload, 500)}, {}},
-        TransferCase{"RefusedConnection", [](FixtureServer&) {},
+        TransferCase{
+            "NotFound", serve("/x", 404, "gone"), "@/x", {"begin", fail(kDownload, 404)}, {}},
+        TransferCase{
+            "ServerError", serve("/x", 500, "oops"), "@/x", {"begin", fail(kDownload, 500)}, {}},
+        TransferCase{"RefusedConnection",
+                     [](FixtureServer&) {},
                      QStringLiteral("http://127.0.0.1:%1/x").arg(FixtureServer::closedPort()),
-                     {"begin", fail(kNetwork, QNetworkReply::ConnectionRefusedError)}, {}},
-        TransferCase{"FileLink", [](FixtureServer&) {}, "file:///etc/hostname",
-                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
-        TransferCase{"FtpLink", [](FixtureServer&) {}, "ftp://127.0.0.1/x",
-                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
-        TransferCase{"LineThatIsNoUrl", [](FixtureServer&) {}, "not a link at all",
-                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)}, {}},
+                     {"begin", fail(kNetwork, QNetworkReply::ConnectionRefusedError)},
+                     {}},
+        TransferCase{"FileLink",
+                     [](FixtureServer&) {},
+                     "file:///etc/hostname",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)},
+                     {}},
+        TransferCase{"FtpLink",
+                     [](FixtureServer&) {},
+                     "ftp://127.0.0.1/x",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)},
+                     {}},
+        TransferCase{"LineThatIsNoUrl",
+                     [](FixtureServer&) {},
+                     "not a link at all",
+                     {fail(kDownload, foundation::URLDownloadErrorUnsupportedURL)},
+                     {}},
         TransferCase{"ClosedMidBody",
                      [](FixtureServer& s) { s.on("GET", "/x", s.stallMidBody(100000, 10, true)); },
                      "@/x",
                      {"begin", "response 200 100000", "destination x",
                       fail(kNetwork, QNetworkReply::RemoteHostClosedError)},
                      {}},
-        TransferCase{"SilentBeforeAnswering", [](FixtureServer& s) { s.on("GET", "/x", s.stall()); },
-                     "@/x", {"begin", fail(kNetwork, QNetworkReply::TimeoutError)}, {}, nullptr,
+        TransferCase{"SilentBeforeAnswering",
+                     [](FixtureServer& s) { s.on("GET", "/x", s.stall()); },
+                     "@/x",
+                     {"begin", fail(kNetwork, QNetworkReply::TimeoutError)},
+                     {},
+                     nullptr,
                      1.0},
         TransferCase{"SilentMidBody",
-                     [](FixtureServer& s) { s.on("GET", "/x", s.stallMidBody(1000, 10)); }, "@/x",
+                     [](FixtureServer& s) { s.on("GET", "/x", s.stallMidBody(1000, 10)); },
+                     "@/x",
                      {"begin", "response 200 1000", "destination x", "data",
                       fail(kNetwork, QNetworkReply::TimeoutError)},
-                     {}, nullptr, 1.0},
-        TransferCase{"FolderVanished", serve("/x", 200, "body"), "@/x",
+                     {},
+                     nullptr,
+                     1.0},
+        TransferCase{"FolderVanished",
+                     serve("/x", 200, "body"),
+                     "@/x",
                      {"begin", "response 200 4", "destination x",
                       fail(kDownload, foundation::URLDownloadErrorCannotWrite)},
                      {},
                      [](Recorder&, const QString& folder) { QDir(folder).removeRecursively(); }},
-        TransferCase{"FolderIsAFile", serve("/x", 200, "body"), "@/x",
+        TransferCase{"FolderIsAFile",
+                     serve("/x", 200, "body"),
+                     "@/x",
                      {"begin", "response 200 4", "destination x",
                       fail(kDownload, foundation::URLDownloadErrorCannotWrite)},
                      {},
@@ -202,7 +237,9 @@ INSTANTIATE_TEST_SUITE_P(
                          r.folder += "/plain";
                          QFile(r.folder).open(QIODevice::WriteOnly);
                      }},
-        TransferCase{"ExistingFileReplaced", serve("/x", 200, "new"), "@/x",
+        TransferCase{"ExistingFileReplaced",
+                     serve("/x", 200, "new"),
+                     "@/x",
                      {"begin", "response 200 3", "destination x", "data", "finish 3"},
                      {"x=new"},
                      [](Recorder&, const QString& folder) {
@@ -210,7 +247,9 @@ INSTANTIATE_TEST_SUITE_P(
                          old.open(QIODevice::WriteOnly);
                          old.write("old");
                      }},
-        TransferCase{"ExistingFileKept", serve("/x", 200, "new"), "@/x",
+        TransferCase{"ExistingFileKept",
+                     serve("/x", 200, "new"),
+                     "@/x",
                      {"begin", "response 200 3", "destination x", "data",
                       fail(kDownload, foundation::URLDownloadErrorDestinationExists)},
                      {"x=old"},
@@ -265,7 +304,8 @@ TEST(URLDownloadTest, CancelStopsSilentlyAndLeavesNothing) {
     download->cancel();
     server.releaseStalled();
     testsupport::settle(200);
-    EXPECT_EQ(recorder.events, (QStringList{"begin", "response 200 100000", "destination x", "data"}));
+    EXPECT_EQ(recorder.events,
+              (QStringList{"begin", "response 200 100000", "destination x", "data"}));
     EXPECT_TRUE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).isEmpty());
     EXPECT_EQ(URLDownload::inFlightCount(), 0);
 }
