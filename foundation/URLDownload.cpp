@@ -40,10 +40,11 @@ struct Manager {
     int transfers = 0;
 };
 
-// A deque: the transfers hold pointers to its elements, which adding one must not move.
+// A deque: the transfers hold pointers to its elements, which adding one must not move. Like
+// the managers, it lasts as long as the process.
 std::deque<Manager>& managers() {
-    static std::deque<Manager> pool;
-    return pool;
+    static auto* pool = new std::deque<Manager>();
+    return *pool;
 }
 
 // The least busy manager, made on first need.
