@@ -34,6 +34,10 @@ public:
     const std::optional<std::vector<std::shared_ptr<LWSimplenote>>>& contents() const {
         return contents_;
     }
+    // For a search that keeps every result, which this one does not.
+    void setContents(std::optional<std::vector<std::shared_ptr<LWSimplenote>>> contents) {
+        contents_ = std::move(contents);
+    }
     QString query() const { return query_; }
     void setQuery(const QString& query) { query_ = query; }
 
