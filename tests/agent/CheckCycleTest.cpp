@@ -49,7 +49,8 @@ protected:
         QStringList texts;
         for (const auto& r : server().requests()) {
             if (r.method == "POST" && r.path == "/api/note")
-                texts << QString::fromUtf8(QByteArray::fromBase64(QByteArray::fromStdString(r.body)));
+                texts << QString::fromUtf8(
+                    QByteArray::fromBase64(QByteArray::fromStdString(r.body)));
         }
         return texts;
     }
@@ -119,8 +120,15 @@ INSTANTIATE_TEST_SUITE_P(
                   {"a.zip=A"},
                   {"Downloading: @/files/a.zip", "Download complete: @/files/a.zip"}},
         CheckCase{"HeaderOnly", "Ferrybox_Downloads", "Ferrybox_Downloads", {}, {}},
-        CheckCase{"HeaderAndLineFeedGoToTheLog", "Ferrybox_Downloads\n", "Ferrybox_Downloads", {},
-                  {}, true, QString(), true, {"Ferrybox_Downloads", ""}},
+        CheckCase{"HeaderAndLineFeedGoToTheLog",
+                  "Ferrybox_Downloads\n",
+                  "Ferrybox_Downloads",
+                  {},
+                  {},
+                  true,
+                  QString(),
+                  true,
+                  {"Ferrybox_Downloads", ""}},
         CheckCase{"EveryLineGoesToTheLog",
                   "Ferrybox_Downloads\n# a\n@/files/a.zip\n\n@/files/b.pdf",
                   "Ferrybox_Downloads\n\n# a",
@@ -143,8 +151,11 @@ INSTANTIATE_TEST_SUITE_P(
                   {"Error: Couldn't retrieve download note"},
                   false,
                   "Note doesn't start with \"Ferrybox_Downloads\" -- aborting note check"},
-        CheckCase{"ShortTextEscapesTheHeaderTest", "# just a comment",
-                  "Ferrybox_Downloads\n\n# just a comment", {}, {}},
+        CheckCase{"ShortTextEscapesTheHeaderTest",
+                  "# just a comment",
+                  "Ferrybox_Downloads\n\n# just a comment",
+                  {},
+                  {}},
         CheckCase{"CarriageReturnsStayInTheirLines",
                   "Ferrybox_Downloads\r\n@/files/a.zip\r\n",
                   "Ferrybox_Downloads",
@@ -160,8 +171,15 @@ INSTANTIATE_TEST_SUITE_P(
                    "Error: Couldn't download @/files/videoplayback.mp4"},
                   true,
                   "download <FXDownload: 0x"},
-        CheckCase{"TermLongerThanTheTextRaises", "Ferrybox_Downloads\n#", QString(), {}, {}, true,
-                  "An uncaught exception was raised: std::out_of_range: ", false, {},
+        CheckCase{"TermLongerThanTheTextRaises",
+                  "Ferrybox_Downloads\n#",
+                  QString(),
+                  {},
+                  {},
+                  true,
+                  "An uncaught exception was raised: std::out_of_range: ",
+                  false,
+                  {},
                   "A_Search_Term_Of_Twenty_Eight"},
         CheckCase{"LineThatOnlyBeginsWithTheTermIsALink",
                   "Ferrybox_Downloads_2\n@/files/a.zip",
@@ -211,7 +229,8 @@ TEST_F(AgentTest, MultipleNotesTurnOffButTheFirstMatchIsProcessed) {
         }
         search->setContents(notes);
         controller().downloadFiles(
-            {"LWSimplenoteSearchPullFromRemoteSuccessNotification", search.get(),
+            {"LWSimplenoteSearchPullFromRemoteSuccessNotification",
+             search.get(),
              {{"LWSimplenoteSearch", std::static_pointer_cast<LWSNObject>(search)}}});
     };
     found({"Another note, long enough", "Ferrybox_Downloads\n# mine",

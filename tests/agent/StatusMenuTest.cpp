@@ -1,0 +1,160 @@
+// The status menu as the user sees it in each state: the icon, the items in order, and the
+// progress of each running download.
+#include <QMenu>
+
+#include "foundation/URLDownload.h"
+#include "tests/agent/AgentFixture.h"
+#include "tests/support/Wait.h"
+
+namespace agenttest {
+namespace {
+
+// The menu's items as lines: a title, "-" for a separator, "[title]" for a disabled item, and
+// the items of a submenu indented under it.
+QStringList lines(const QMenu* menu, const QString& indent = QString()) {
+    QStringList out;
+    for (const QAction* action : menu->actions()) {
+        if (action->isSeparator()) {
+            out << indent + "-";
+            continue;
+        }
+        out << indent + (action->isEnabled() ? action->text() : "[" + action->text() + "]");
+        if (action->menu())
+            out << lines(action->menu(), indent + "  ");
+    }
+    return out;
+}
+
+struct Transfer {
+    QString title;
+    qint64 done;
+    qint64 size;
+};
+
+struct MenuCase {
+    const char* name;
+    bool running;
+    std::vector<Transfer> downloads;
+    QString image;
+    QString alternateImage;
+    QStringList menu;  // "@" stands for the server's address
+};
+
+void PrintTo(const MenuCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+// Receives the transfers' events and does nothing with them.
+class Ignoring : public foundation::URLDownloadDelegate {
+    void downloadDidBegin(foundation::URLDownload*) override {}
+    void downloadDidReceiveResponse(foundation::URLDownload*,
+                                    const foundation::HTTPURLResponse&) override {}
+    void downloadDecideDestinationWithSuggestedFilename(foundation::URLDownload*,
+                                                        const QString&) override {}
+    void downloadDidReceiveDataOfLength(foundation::URLDownload*, quint64) override {}
+    void downloadDidFinish(foundation::URLDownload*) override {}
+    void downloadDidFailWithError(foundation::URLDownload*, const foundation::Error&) override {}
+};
+
+class StatusMenuTest : public AgentTest, public ::testing::WithParamInterface<MenuCase> {
+protected:
+    Ignoring ignoring;
+};
+
+TEST_P(StatusMenuTest, IconAndItems) {
+    const MenuCase& c = GetParam();
+    controller().awakeFromNib();
+    controller().setAppRunning(c.running);
+    AppController::DownloadList list;
+    for (std::size_t i = 0; i < c.downloads.size(); ++i) {
+        // Real transfers that wait for the server, shown with the counts of the case.
+        const std::string path = "/files/f" + std::to_string(i) + ".bin";
+        server().on("GET", path, server().stall());
+        foundation::URLRequest request;
+        request.url = QUrl(server().baseUrl() + QString::fromStdString(path));
+        auto download = FXDownload::startWithRequest(request, &ignoring);
+        download->setTitle(c.downloads[i].title);
+        download->setDone(c.downloads[i].done);
+        download->setSize(c.downloads[i].size);
+        list.push_back(download);
+    }
+    controller().setDownloadList(list);
+    controller().updateMenu();
+
+    EXPECT_EQ(controller().statusItem()->image(), c.image);
+    EXPECT_EQ(controller().statusItem()->alternateImage(), c.alternateImage);
+    ASSERT_NE(controller().menu(), nullptr);
+    EXPECT_EQ(controller().statusItem()->menu(), controller().menu());
+    QStringList expected;
+    for (const QString& line : c.menu)
+        expected << QString(line).replace("@", server().baseUrl());
+    EXPECT_EQ(lines(controller().menu()), expected);
+
+    for (const auto& download : list)
+        download->cancel();
+    controller().setDownloadList({});
+}
+
+const QStringList kTail = {"About Ferrybox", "Preferences...", "Quit"};
+
+INSTANTIATE_TEST_SUITE_P(
+    Agent, StatusMenuTest,
+    ::testing::Values(
+        MenuCase{"Off",
+                 false,
+                 {},
+                 "close_16.png",
+                 "",
+                 QStringList{"Open Downloads Folder", "Turn Ferrybox On", "-"} + kTail},
+        MenuCase{"OnAndIdle",
+                 true,
+                 {},
+                 "ntwrk_16.png",
+                 "ntwrk_16_inverted.png",
+                 QStringList{"Check For Downloads Now", "Go To Download Note",
+                             "Open Downloads Folder", "Turn Ferrybox Off", "-"} +
+                     kTail},
+        MenuCase{"OneDownloadByItsLink",
+                 true,
+                 {{"", 5000000, 12000000}},
+                 "down_16.png",
+                 "",
+                 QStringList{"Check For Downloads Now", "Go To Download Note",
+                             "Open Downloads Folder", "Turn Ferrybox Off", "-", "1 Download",
+                             "  [@/files/f0.bin (4 of 11 MB)]"} +
+                     kTail},
+        MenuCase{"TwoDownloadsTitleAndUnknownSize",
+                 true,
+                 {{"/Users/me/Movies/b.zip", 1048576, -1}, {"", 100, 1000}},
+                 "down_16.png",
+                 "",
+                 QStringList{"Check For Downloads Now", "Go To Download Note",
+                             "Open Downloads Folder", "Turn Ferrybox Off", "-", "2 Downloads",
+                             "  [b.zip (1 of 0 MB)]", "  [@/files/f1.bin (0 of 0 MB)]"} +
+                     kTail},
+        MenuCase{"DownloadsOutliveTurningOff",
+                 false,
+                 {{"plain-title", 0, 1}},
+                 "down_16.png",
+                 "",
+                 QStringList{"Open Downloads Folder", "Turn Ferrybox On", "-", "1 Download",
+                             "  [plain-title (0 of 0 MB)]"} +
+                     kTail}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Each item sends its action; About and Quit go to the application.
+TEST_F(AgentTest, MenuItemsSendTheirActions) {
+    QStringList sent;
+    controller().setApplicationActions([&] { sent << "about"; }, [&] { sent << "quit"; });
+    controller().awakeFromNib();
+    for (QAction* action : controller().menu()->actions()) {
+        if (action->text() == "About Ferrybox" || action->text() == "Quit" ||
+            action->text() == "Preferences...")
+            action->trigger();
+    }
+    EXPECT_EQ(sent, (QStringList{"about", "quit"}));
+    EXPECT_TRUE(controller().prefsWindow()->isVisible());
+}
+
+}  // namespace
+}  // namespace agenttest
