@@ -114,15 +114,15 @@ INSTANTIATE_TEST_SUITE_P(
                  QStringList{"Check For Downloads Now", "Go To Download Note",
                              "Open Downloads Folder", "Turn Ferrybox Off", "-"} +
                      kTail},
-        MenuCase{"OneDownloadByItsLink",
-                 true,
-                 {{"", 5000000, 12000000}},
-                 "down_16.png",
-                 "",
-                 QStringList{"Check For Downloads Now", "Go To Download Note",
-                             "Open Downloads Folder", "Turn Ferrybox Off", "-", "1 Download",
-                             "  [@/files/f0.bin (4 of 11 MB)]"} +
-                     kTail},
+        MenuCase{
+            "OneDownloadByItsLink",
+            true,
+            {{"", 5000000, 12000000}},
+            "down_16.png",
+            "",
+            QStringList{"Check For Downloads Now", "Go To Download Note", "Open Downloads Folder",
+                        "Turn Ferrybox Off", "-", "1 Download", "  [@/files/f0.bin (4 of 11 MB)]"} +
+                kTail},
         MenuCase{"TwoDownloadsTitleAndUnknownSize",
                  true,
                  {{"/Users/me/Movies/b.zip", 1048576, -1}, {"", 100, 1000}},

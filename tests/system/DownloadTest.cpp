@@ -1,0 +1,199 @@
+// The whole job, end to end: the real `ferrybox --headless --once` against the real
+// ferrybox-notes, fetching files from nginx and from a scripted server for the odd answers.
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include "Classes/TWJSON/TWJSON.h"
+#include "tests/support/FixtureServer.h"
+#include "tests/support/NginxProcess.h"
+#include "tests/support/NotesServerProcess.h"
+
+namespace {
+
+using testsupport::FixtureServer;
+
+const QString kEmail = QStringLiteral("me@example.org");
+const QString kPassword = QStringLiteral("secret words");
+
+std::string base64(const QString& text) {
+    return text.toUtf8().toBase64().toStdString();
+}
+
+// The account as a phone or the web page sees it: notes written and read through the API.
+class Account {
+public:
+    explicit Account(testsupport::NotesServerProcess& service)
+        : client_("127.0.0.1", service.port()) {
+        auto res = client_.Post("/api/login", base64("email=" + kEmail + "&password=" + kPassword),
+                                "application/x-www-form-urlencoded");
+        token_ = res ? res->body : std::string();
+    }
+    std::string query(const std::string& key = {}) const {
+        return "?auth=" + token_ + "&email=" + kEmail.toStdString() + (key.empty() ? "" : "&key=" + key);
+    }
+    std::string create(const QString& text) {
+        auto res = client_.Post(("/api/note" + query()).c_str(), base64(text),
+                                "application/x-www-form-urlencoded");
+        return res && res->status == 200 ? res->body : std::string();
+    }
+    QString text(const std::string& key) {
+        auto res = client_.Get(("/api/note" + query(key)).c_str());
+        return res && res->status == 200 ? QString::fromStdString(res->body) : QString();
+    }
+    // The texts of every live note that holds the words.
+    QStringList find(const QString& words) {
+        auto res = client_.Get(("/api/search" + query() + "&query=" + words.toStdString()).c_str());
+        QStringList texts;
+        const auto answer = JSONValue(res ? QString::fromStdString(res->body) : QString());
+        const TWJsonValue* results =
+            answer ? answer->valueForKey("Response")->valueForKey("Results") : nullptr;
+        for (const TWJsonValue& result : results ? results->elements() : std::vector<TWJsonValue>())
+            texts << result.valueForKey("content")->stringValue();
+        return texts;
+    }
+
+private:
+    httplib::Client client_;
+    std::string token_;
+};
+
+QByteArray sha(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    hash.addData(&file);
+    return hash.result().toHex();
+}
+
+class DownloadTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(service_.isRunning());
+        ASSERT_TRUE(service_.addUser(kEmail, kPassword));
+        ASSERT_TRUE(nginx_.isRunning());
+        account_ = std::make_unique<Account>(service_);
+        QFile file(home_.path() + "/password");
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(kPassword.toUtf8() + "\n");
+        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    }
+
+    // Runs one check; its exit code, and standard error.
+    int runOnce(QString* err = nullptr) {
+        QProcess ferrybox;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("HOME", home_.path());
+        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
+        env.insert("FERRYBOX_API_URL", service_.apiUrl());
+        env.remove("FERRYBOX_PASSWORD_FILE");
+        ferrybox.setProcessEnvironment(env);
+        ferrybox.start(qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox",
+                       {"--headless", "--once", "--email", kEmail, "--password-file",
+                        home_.path() + "/password"});
+        EXPECT_TRUE(ferrybox.waitForFinished(60000));
+        if (err)
+            *err = QString::fromUtf8(ferrybox.readAllStandardError());
+        return ferrybox.exitCode();
+    }
+    QString downloads() const { return home_.path() + "/Downloads/Ferrybox"; }
+    QStringList downloadedFiles() const {
+        return QDir(downloads()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    }
+
+    QTemporaryDir home_;
+    testsupport::NotesServerProcess service_;
+    testsupport::NginxProcess nginx_;
+    FixtureServer odd_;
+    std::unique_ptr<Account> account_;
+};
+
+TEST_F(DownloadTest, LinksBecomeFilesAndLeaveTheNote) {
+    const QString big = nginx_.addFile("big.bin", 3 * 1024 * 1024 + 5);
+    const QString small = nginx_.addFile("small.txt", 100);
+    const std::string key = account_->create(QStringLiteral(
+        "Ferrybox_Downloads\n# from my phone\n%1/big.bin\n\n%1/small.txt\n# keep me too")
+                                                 .arg(nginx_.baseUrl()));
+    QString err;
+    EXPECT_EQ(runOnce(&err), 0) << err.toStdString();
+    EXPECT_EQ(account_->text(key), "Ferrybox_Downloads\n\n# from my phone\n# keep me too");
+    EXPECT_EQ(downloadedFiles(), (QStringList{"big.bin", "small.txt"}));
+    EXPECT_EQ(sha(downloads() + "/big.bin"), sha(big));
+    EXPECT_EQ(sha(downloads() + "/small.txt"), sha(small));
+    EXPECT_TRUE(err.contains("download begins: " + nginx_.baseUrl() + "/big.bin")) << err.toStdString();
+    EXPECT_TRUE(err.contains("download finished: " + downloads() + "/big.bin (3145733 bytes, "));
+}
+
+// What servers may answer besides a plain file. The failed link is gone from the note all the
+// same, and the run says so in its exit status.
+TEST_F(DownloadTest, OddAnswers) {
+    nginx_.addFile("target.bin", 2000);
+    odd_.on("GET", "/evil", FixtureServer::respond(200, "evil", {{"Content-Disposition",
+                                                                   "attachment; filename=\"../../evil.sh\""}}));
+    odd_.on("GET", "/moved", FixtureServer::redirectTo(nginx_.baseUrl().toStdString() + "/target.bin"));
+    odd_.on("GET", "/missing", FixtureServer::respond(404, "no"));
+    odd_.on("GET", "/broken", odd_.stallMidBody(100000, 100, true));
+    const QString o = odd_.baseUrl();
+    const std::string key = account_->create(
+        QStringLiteral("Ferrybox_Downloads\n%1/evil\n%1/moved\n%1/missing\n%1/broken\nftp://x/y\n"
+                       "file:///etc/passwd")
+            .arg(o));
+    QString err;
+    EXPECT_EQ(runOnce(&err), 1) << err.toStdString();
+    EXPECT_EQ(account_->text(key), "Ferrybox_Downloads");
+    EXPECT_EQ(downloadedFiles(), (QStringList{"evil.sh", "target.bin"}));
+    EXPECT_FALSE(QFile::exists(home_.path() + "/evil.sh"));
+    for (const QString& failed :
+         {o + "/missing: The server answered 404 (not found)", o + "/broken: ",
+          QString("ftp://x/y: unsupported URL"), QString("file:///etc/passwd: unsupported URL")}) {
+        EXPECT_TRUE(err.contains("download failed: " + failed)) << failed.toStdString() << "\n"
+                                                                << err.toStdString();
+    }
+}
+
+TEST_F(DownloadTest, FirstCheckCreatesTheNote) {
+    QString err;
+    EXPECT_EQ(runOnce(&err), 0) << err.toStdString();
+    EXPECT_TRUE(err.contains("alert: Note Created: I've just created a new note called "
+                             "\"Ferrybox_Downloads\""))
+        << err.toStdString();
+    EXPECT_EQ(account_->find("Ferrybox_Downloads"), QStringList{"Ferrybox_Downloads"});
+}
+
+TEST_F(DownloadTest, VanishedDownloadFolderFailsEveryLinkButEmptiesTheNote) {
+    nginx_.addFile("a.bin", 10);
+    QDir().mkpath(home_.path() + "/.config/Ferrybox");
+    QFile settings(home_.path() + "/.config/Ferrybox/Ferrybox.conf");
+    ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+    settings.write("downloadDirectory=\"~/gone\"\n");
+    settings.close();
+    const std::string key =
+        account_->create(QStringLiteral("Ferrybox_Downloads\n%1/a.bin").arg(nginx_.baseUrl()));
+    QString err;
+    EXPECT_EQ(runOnce(&err), 1);
+    EXPECT_TRUE(err.contains("download failed: " + nginx_.baseUrl() + "/a.bin: Cannot write"))
+        << err.toStdString();
+    EXPECT_EQ(account_->text(key), "Ferrybox_Downloads");
+    EXPECT_FALSE(QDir(home_.path() + "/gone").exists());
+}
+
+TEST_F(DownloadTest, NoteThatIsNotTheDownloadNoteIsLeftAlone) {
+    // Found by the search (it holds the term), but it does not begin with it.
+    const QString text = QStringLiteral("Shopping list, see Ferrybox_Downloads\n%1/a.bin")
+                             .arg(nginx_.baseUrl());
+    const std::string key = account_->create(text);
+    QString err;
+    EXPECT_EQ(runOnce(&err), 1);
+    EXPECT_TRUE(err.contains("Note doesn't start with \"Ferrybox_Downloads\" -- aborting note check"))
+        << err.toStdString();
+    EXPECT_EQ(account_->text(key), text);
+    EXPECT_TRUE(downloadedFiles().isEmpty());
+}
+
+}  // namespace
