@@ -4,7 +4,7 @@ DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format 
 	libsecret-1-dev gnome-keyring dbus dbus-x11 \
 	libcpp-httplib-dev libssl-dev libsqlite3-dev openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
-	wrk nginx-light curl python3
+	wrk nginx-light curl aria2 time python3
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

@@ -24,10 +24,10 @@ namespace {
 
 constexpr int kMaxRedirects = 16;
 // The reply keeps at most this much unread; beyond it the server is made to wait.
-constexpr qint64 kReadBufferBytes = 2 * 1024 * 1024;
-// A read takes a whole mebibyte, or after a tenth of a second whatever has come: few data events
+constexpr qint64 kReadBufferBytes = 1024 * 1024;
+// A read takes half a mebibyte, or after a tenth of a second whatever has come: few data events
 // for a fast transfer, steady progress for a slow one.
-constexpr qint64 kReadChunkBytes = 1024 * 1024;
+constexpr qint64 kReadChunkBytes = 512 * 1024;
 constexpr int kReadDelayMs = 100;
 // A network access manager opens at most six connections to one host; transfers are spread
 // over several, so that many files from one server really run side by side.

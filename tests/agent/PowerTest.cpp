@@ -116,7 +116,9 @@ protected:
                 return r.method == "POST" && r.path == "/api/note";
             });
         }));
-        testsupport::settle(20);
+        ASSERT_TRUE(testsupport::waitUntil([this] {
+            return !notifications->notifications().isEmpty();  // "Checking for new downloads"
+        }));
         notifications->clear();
     }
     // A transfer that has begun and written its first bytes, and then waits for the server.

@@ -35,7 +35,8 @@ public:
         token_ = res ? res->body : std::string();
     }
     std::string query(const std::string& key = {}) const {
-        return "?auth=" + token_ + "&email=" + kEmail.toStdString() + (key.empty() ? "" : "&key=" + key);
+        return "?auth=" + token_ + "&email=" + kEmail.toStdString() +
+               (key.empty() ? "" : "&key=" + key);
     }
     std::string create(const QString& text) {
         auto res = client_.Post(("/api/note" + query()).c_str(), base64(text),
@@ -117,16 +118,18 @@ protected:
 TEST_F(DownloadTest, LinksBecomeFilesAndLeaveTheNote) {
     const QString big = nginx_.addFile("big.bin", 3 * 1024 * 1024 + 5);
     const QString small = nginx_.addFile("small.txt", 100);
-    const std::string key = account_->create(QStringLiteral(
-        "Ferrybox_Downloads\n# from my phone\n%1/big.bin\n\n%1/small.txt\n# keep me too")
-                                                 .arg(nginx_.baseUrl()));
+    const std::string key = account_->create(
+        QStringLiteral(
+            "Ferrybox_Downloads\n# from my phone\n%1/big.bin\n\n%1/small.txt\n# keep me too")
+            .arg(nginx_.baseUrl()));
     QString err;
     EXPECT_EQ(runOnce(&err), 0) << err.toStdString();
     EXPECT_EQ(account_->text(key), "Ferrybox_Downloads\n\n# from my phone\n# keep me too");
     EXPECT_EQ(downloadedFiles(), (QStringList{"big.bin", "small.txt"}));
     EXPECT_EQ(sha(downloads() + "/big.bin"), sha(big));
     EXPECT_EQ(sha(downloads() + "/small.txt"), sha(small));
-    EXPECT_TRUE(err.contains("download begins: " + nginx_.baseUrl() + "/big.bin")) << err.toStdString();
+    EXPECT_TRUE(err.contains("download begins: " + nginx_.baseUrl() + "/big.bin"))
+        << err.toStdString();
     EXPECT_TRUE(err.contains("download finished: " + downloads() + "/big.bin (3145733 bytes, "));
 }
 
@@ -134,9 +137,11 @@ TEST_F(DownloadTest, LinksBecomeFilesAndLeaveTheNote) {
 // same, and the run says so in its exit status.
 TEST_F(DownloadTest, OddAnswers) {
     nginx_.addFile("target.bin", 2000);
-    odd_.on("GET", "/evil", FixtureServer::respond(200, "evil", {{"Content-Disposition",
-                                                                   "attachment; filename=\"../../evil.sh\""}}));
-    odd_.on("GET", "/moved", FixtureServer::redirectTo(nginx_.baseUrl().toStdString() + "/target.bin"));
+    odd_.on("GET", "/evil",
+            FixtureServer::respond(
+                200, "evil", {{"Content-Disposition", "attachment; filename=\"../../evil.sh\""}}));
+    odd_.on("GET", "/moved",
+            FixtureServer::redirectTo(nginx_.baseUrl().toStdString() + "/target.bin"));
     odd_.on("GET", "/missing", FixtureServer::respond(404, "no"));
     odd_.on("GET", "/broken", odd_.stallMidBody(100000, 100, true));
     const QString o = odd_.baseUrl();
@@ -149,9 +154,9 @@ TEST_F(DownloadTest, OddAnswers) {
     EXPECT_EQ(account_->text(key), "Ferrybox_Downloads");
     EXPECT_EQ(downloadedFiles(), (QStringList{"evil.sh", "target.bin"}));
     EXPECT_FALSE(QFile::exists(home_.path() + "/evil.sh"));
-    for (const QString& failed :
-         {o + "/missing: The server answered 404 (not found)", o + "/broken: ",
-          QString("ftp://x/y: unsupported URL"), QString("file:///etc/passwd: unsupported URL")}) {
+    for (const QString& failed : {o + "/missing: The server answered 404 (not found)",
+                                  o + "/broken: ", QString("ftp://x/y: unsupported URL"),
+                                  QString("file:///etc/passwd: unsupported URL")}) {
         EXPECT_TRUE(err.contains("download failed: " + failed)) << failed.toStdString() << "\n"
                                                                 << err.toStdString();
     }
@@ -160,8 +165,9 @@ TEST_F(DownloadTest, OddAnswers) {
 TEST_F(DownloadTest, FirstCheckCreatesTheNote) {
     QString err;
     EXPECT_EQ(runOnce(&err), 0) << err.toStdString();
-    EXPECT_TRUE(err.contains("alert: Note Created: I've just created a new note called "
-                             "\"Ferrybox_Downloads\""))
+    EXPECT_TRUE(
+        err.contains("alert: Note Created: I've just created a new note called "
+                     "\"Ferrybox_Downloads\""))
         << err.toStdString();
     EXPECT_EQ(account_->find("Ferrybox_Downloads"), QStringList{"Ferrybox_Downloads"});
 }
@@ -185,12 +191,13 @@ TEST_F(DownloadTest, VanishedDownloadFolderFailsEveryLinkButEmptiesTheNote) {
 
 TEST_F(DownloadTest, NoteThatIsNotTheDownloadNoteIsLeftAlone) {
     // Found by the search (it holds the term), but it does not begin with it.
-    const QString text = QStringLiteral("Shopping list, see Ferrybox_Downloads\n%1/a.bin")
-                             .arg(nginx_.baseUrl());
+    const QString text =
+        QStringLiteral("Shopping list, see Ferrybox_Downloads\n%1/a.bin").arg(nginx_.baseUrl());
     const std::string key = account_->create(text);
     QString err;
     EXPECT_EQ(runOnce(&err), 1);
-    EXPECT_TRUE(err.contains("Note doesn't start with \"Ferrybox_Downloads\" -- aborting note check"))
+    EXPECT_TRUE(
+        err.contains("Note doesn't start with \"Ferrybox_Downloads\" -- aborting note check"))
         << err.toStdString();
     EXPECT_EQ(account_->text(key), text);
     EXPECT_TRUE(downloadedFiles().isEmpty());
