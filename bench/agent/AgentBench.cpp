@@ -12,10 +12,10 @@
 #include <QTemporaryDir>
 #include <cstdio>
 
+#include "client/LWSimplenoteCredentialStore.h"
 #include "foundation/RunLoop.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
-#include "client/LWSimplenoteCredentialStore.h"
 #include "ui/MainInterface.h"
 
 namespace {
@@ -86,9 +86,9 @@ public:
         if (!add.waitForFinished(20000) || add.exitCode() != 0)
             return false;
         port_ = freePort();
-        serve_.start(binary, {QStringLiteral("serve"), QStringLiteral("--listen"),
-                              QStringLiteral("127.0.0.1:%1").arg(port_), QStringLiteral("--db"),
-                              db});
+        serve_.start(binary,
+                     {QStringLiteral("serve"), QStringLiteral("--listen"),
+                      QStringLiteral("127.0.0.1:%1").arg(port_), QStringLiteral("--db"), db});
         return waitFor([this] {
             QTcpSocket probe;
             probe.connectToHost(QStringLiteral("127.0.0.1"), static_cast<quint16>(port_));
@@ -163,10 +163,12 @@ void BM_CheckOfAHundredLinks(benchmark::State& state) {
     qint64 begun = 0;
     qint64 stored = 0;
     auto& center = foundation::NotificationCenter::defaultCenter();
-    center.addObserver(&clock, QStringLiteral("LWSimplenoteSearchPullFromRemoteSuccessNotification"),
-                       nullptr, [&](const foundation::Notification&) { answered = clock.nsecsElapsed(); });
+    center.addObserver(
+        &clock, QStringLiteral("LWSimplenoteSearchPullFromRemoteSuccessNotification"), nullptr,
+        [&](const foundation::Notification&) { answered = clock.nsecsElapsed(); });
     center.addObserver(&clock, QStringLiteral("LWSimplenotePushToRemoteSuccessNotification"),
-                       nullptr, [&](const foundation::Notification&) { stored = clock.nsecsElapsed(); });
+                       nullptr,
+                       [&](const foundation::Notification&) { stored = clock.nsecsElapsed(); });
     for (auto _ : state) {
         storeNote(note);
         counter.begun = 0;

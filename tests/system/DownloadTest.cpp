@@ -142,24 +142,55 @@ TEST_F(DownloadTest, OddAnswers) {
                 200, "evil", {{"Content-Disposition", "attachment; filename=\"../../evil.sh\""}}));
     odd_.on("GET", "/moved",
             FixtureServer::redirectTo(nginx_.baseUrl().toStdString() + "/target.bin"));
+    odd_.on("GET", "/passwd",
+            FixtureServer::respond(200, "p",
+                                   {{"Content-Disposition", "attachment; filename=/etc/passwd"}}));
     odd_.on("GET", "/missing", FixtureServer::respond(404, "no"));
+    odd_.on("GET", "/failing", FixtureServer::respond(500, "oops"));
     odd_.on("GET", "/broken", odd_.stallMidBody(100000, 100, true));
     const QString o = odd_.baseUrl();
+    const QString closed = QStringLiteral("http://127.0.0.1:%1/x").arg(FixtureServer::closedPort());
     const std::string key = account_->create(
-        QStringLiteral("Ferrybox_Downloads\n%1/evil\n%1/moved\n%1/missing\n%1/broken\nftp://x/y\n"
-                       "file:///etc/passwd")
-            .arg(o));
+        QStringLiteral("Ferrybox_Downloads\n%1/evil\n%1/moved\n%1/passwd\n%1/missing\n"
+                       "%1/failing\n%1/broken\n%2\nftp://x/y\nfile:///etc/passwd\nnot a link")
+            .arg(o, closed));
     QString err;
     EXPECT_EQ(runOnce(&err), 1) << err.toStdString();
     EXPECT_EQ(account_->text(key), "Ferrybox_Downloads");
-    EXPECT_EQ(downloadedFiles(), (QStringList{"evil.sh", "target.bin"}));
+    EXPECT_EQ(downloadedFiles(), (QStringList{"evil.sh", "passwd", "target.bin"}));
     EXPECT_FALSE(QFile::exists(home_.path() + "/evil.sh"));
-    for (const QString& failed : {o + "/missing: The server answered 404 (not found)",
-                                  o + "/broken: ", QString("ftp://x/y: unsupported URL"),
-                                  QString("file:///etc/passwd: unsupported URL")}) {
+    for (const QString& failed :
+         {o + "/missing: The server answered 404 (not found)",
+          o + "/failing: The server answered 500 (internal server error)",
+          o + "/broken: ", closed + ": Connection refused", QString("ftp://x/y: unsupported URL"),
+          QString("file:///etc/passwd: unsupported URL"), QString("(null): unsupported URL")}) {
         EXPECT_TRUE(err.contains("download failed: " + failed)) << failed.toStdString() << "\n"
                                                                 << err.toStdString();
     }
+}
+
+// On a terminal a line shows the progress, rewritten in place.
+TEST_F(DownloadTest, ProgressLineOnATerminal) {
+    nginx_.addFile("film.bin", 4 * 1024 * 1024);
+    account_->create(QStringLiteral("Ferrybox_Downloads\n%1/film.bin").arg(nginx_.baseUrl()));
+    QProcess terminal;  // script(1) runs the agent on a terminal of its own
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("HOME", home_.path());
+    env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
+    env.insert("FERRYBOX_API_URL", service_.apiUrl());
+    terminal.setProcessEnvironment(env);
+    terminal.start("script",
+                   {"-qec",
+                    QStringLiteral("'%1' --headless --once --email '%2' --password-file '%3'")
+                        .arg(qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox", kEmail,
+                             home_.path() + "/password"),
+                    "/dev/null"});
+    ASSERT_TRUE(terminal.waitForFinished(60000));
+    const QString out = QString::fromUtf8(terminal.readAllStandardOutput());
+    EXPECT_EQ(terminal.exitCode(), 0) << out.toStdString();
+    EXPECT_TRUE(out.contains("\r\033[K" + nginx_.baseUrl() + "/film.bin: ")) << out.toStdString();
+    EXPECT_TRUE(out.contains(" MiB of 4 MiB"));
+    EXPECT_TRUE(out.contains("\r\033[Kdownload finished: "));
 }
 
 TEST_F(DownloadTest, FirstCheckCreatesTheNote) {
