@@ -1,5 +1,6 @@
 // The status menu as the user sees it in each state: the icon, the items in order, and the
 // progress of each running download.
+#include <QDesktopServices>
 #include <QMenu>
 
 #include "foundation/URLDownload.h"
@@ -142,19 +143,42 @@ INSTANTIATE_TEST_SUITE_P(
                      kTail}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Where the desktop is asked to open a folder or a page.
+class Opened : public QObject {
+    Q_OBJECT
+public:
+    QStringList urls;
+public Q_SLOTS:
+    void open(const QUrl& url) { urls << url.toString(); }
+};
+
 // Each item sends its action; About and Quit go to the application.
 TEST_F(AgentTest, MenuItemsSendTheirActions) {
+    Opened opened;
+    QDesktopServices::setUrlHandler("http", &opened, "open");
+    QDesktopServices::setUrlHandler("file", &opened, "open");
     QStringList sent;
     controller().setApplicationActions([&] { sent << "about"; }, [&] { sent << "quit"; });
     controller().awakeFromNib();
+    controller().setAppRunning(true);
+    controller().setSearchTerm("Other_Term");
+    controller().updateMenu();
     for (QAction* action : controller().menu()->actions()) {
-        if (action->text() == "About Ferrybox" || action->text() == "Quit" ||
-            action->text() == "Preferences...")
+        if (!action->menu() && action->text() != "Turn Ferrybox Off" &&
+            action->text() != "Check For Downloads Now") {
             action->trigger();
+        }
     }
+    QDesktopServices::unsetUrlHandler("http");
+    QDesktopServices::unsetUrlHandler("file");
     EXPECT_EQ(sent, (QStringList{"about", "quit"}));
     EXPECT_TRUE(controller().prefsWindow()->isVisible());
+    // The web page of the notes service in use, asked for the default term whatever is set.
+    EXPECT_EQ(opened.urls, (QStringList{server().baseUrl() + "?q=Ferrybox_Downloads",
+                                        "file://" + home_->path() + "/Downloads/Ferrybox"}));
 }
 
 }  // namespace
 }  // namespace agenttest
+
+#include "StatusMenuTest.moc"
