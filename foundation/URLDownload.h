@@ -13,18 +13,17 @@ class URLDownload;
 // The events of one file transfer, delivered on the main thread in the default run-loop mode and
 // in this order: begin; response; destination (answered by calling setDestination()); data, once
 // per read; then finish or failure. A transfer that cannot start (no URL, a scheme other than
-// http and https) reports its failure alone.
+// http and https) reports its failure alone. Every event is optional: by default it is ignored,
+// and a transfer whose destination is not decided fails.
 class URLDownloadDelegate {
 public:
     virtual ~URLDownloadDelegate() = default;
-    virtual void downloadDidBegin(URLDownload* download) = 0;
-    virtual void downloadDidReceiveResponse(URLDownload* download,
-                                            const HTTPURLResponse& response) = 0;
-    virtual void downloadDecideDestinationWithSuggestedFilename(URLDownload* download,
-                                                                const QString& filename) = 0;
-    virtual void downloadDidReceiveDataOfLength(URLDownload* download, quint64 length) = 0;
-    virtual void downloadDidFinish(URLDownload* download) = 0;
-    virtual void downloadDidFailWithError(URLDownload* download, const Error& error) = 0;
+    virtual void downloadDidBegin(URLDownload*) {}
+    virtual void downloadDidReceiveResponse(URLDownload*, const HTTPURLResponse&) {}
+    virtual void downloadDecideDestinationWithSuggestedFilename(URLDownload*, const QString&) {}
+    virtual void downloadDidReceiveDataOfLength(URLDownload*, quint64) {}
+    virtual void downloadDidFinish(URLDownload*) {}
+    virtual void downloadDidFailWithError(URLDownload*, const Error&) {}
 };
 
 // Errors of a transfer that are not the network's own (those keep the domain

@@ -33,24 +33,12 @@ bool waitFor(const std::function<bool()>& done) {
     return foundation::RunLoop::runUntil(done, 20000);
 }
 
-// Receives transfers' events and does nothing with them.
-class Ignoring : public foundation::URLDownloadDelegate {
-    void downloadDidBegin(foundation::URLDownload*) override {}
-    void downloadDidReceiveResponse(foundation::URLDownload*,
-                                    const foundation::HTTPURLResponse&) override {}
-    void downloadDecideDestinationWithSuggestedFilename(foundation::URLDownload*,
-                                                        const QString&) override {}
-    void downloadDidReceiveDataOfLength(foundation::URLDownload*, quint64) override {}
-    void downloadDidFinish(foundation::URLDownload*) override {}
-    void downloadDidFailWithError(foundation::URLDownload*, const foundation::Error&) override {}
-};
-
 void BM_UpdateMenu(benchmark::State& state) {
     MainInterface interface;
     AppController& controller = interface.controller();
     controller.awakeFromNib();
     controller.setAppRunning(true);
-    Ignoring ignoring;
+    foundation::URLDownloadDelegate ignoring;  // every event ignored
     AppController::DownloadList list;
     for (int i = 0; i < state.range(0); ++i) {
         // Never given the event loop while measured: listed, never answered.

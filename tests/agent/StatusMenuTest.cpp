@@ -45,21 +45,9 @@ void PrintTo(const MenuCase& c, std::ostream* os) {
     *os << c.name;
 }
 
-// Receives the transfers' events and does nothing with them.
-class Ignoring : public foundation::URLDownloadDelegate {
-    void downloadDidBegin(foundation::URLDownload*) override {}
-    void downloadDidReceiveResponse(foundation::URLDownload*,
-                                    const foundation::HTTPURLResponse&) override {}
-    void downloadDecideDestinationWithSuggestedFilename(foundation::URLDownload*,
-                                                        const QString&) override {}
-    void downloadDidReceiveDataOfLength(foundation::URLDownload*, quint64) override {}
-    void downloadDidFinish(foundation::URLDownload*) override {}
-    void downloadDidFailWithError(foundation::URLDownload*, const foundation::Error&) override {}
-};
-
 class StatusMenuTest : public AgentTest, public ::testing::WithParamInterface<MenuCase> {
 protected:
-    Ignoring ignoring;
+    foundation::URLDownloadDelegate ignoring;  // every event ignored
 };
 
 TEST_P(StatusMenuTest, IconAndItems) {

@@ -5,6 +5,7 @@
 #include <QTcpSocket>
 
 #include "tests/support/NotesServerProcess.h"
+#include "tests/support/StopProcess.h"
 #include "tests/support/Wait.h"
 
 namespace testsupport {
@@ -60,12 +61,7 @@ NginxProcess::NginxProcess() {
 }
 
 NginxProcess::~NginxProcess() {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.terminate();
-        if (!process_.waitForFinished(5000))
-            process_.kill();
-        process_.waitForFinished(2000);
-    }
+    stopProcess(process_);
 }
 
 QString NginxProcess::baseUrl() const {

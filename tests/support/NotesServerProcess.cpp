@@ -3,6 +3,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+#include "tests/support/StopProcess.h"
 #include "tests/support/Wait.h"
 
 namespace testsupport {
@@ -15,12 +16,7 @@ NotesServerProcess::NotesServerProcess(const QStringList& extraServeArguments,
 }
 
 NotesServerProcess::~NotesServerProcess() {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.terminate();
-        if (!process_.waitForFinished(5000))
-            process_.kill();
-        process_.waitForFinished(2000);
-    }
+    stopProcess(process_);
 }
 
 QString NotesServerProcess::binaryPath() {
@@ -104,10 +100,7 @@ void NotesServerProcess::killHard() {
 }
 
 bool NotesServerProcess::restart() {
-    if (process_.state() != QProcess::NotRunning) {
-        process_.terminate();
-        process_.waitForFinished(5000);
-    }
+    stopProcess(process_);
     QObject::disconnect(&process_, nullptr, nullptr, nullptr);
     running_ = start();
     return running_;
