@@ -1,5 +1,6 @@
 #include "ui/TrayIcon.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QIcon>
 #include <QMenu>
@@ -26,7 +27,8 @@ constexpr qint64 kShortestUpdateMs = 100;
 
 class TrayBinding {
 public:
-    TrayBinding() : tray_(std::make_unique<QSystemTrayIcon>()) {}
+    // The application holds the icon among its children, where tests can find it.
+    TrayBinding() : tray_(std::make_unique<QSystemTrayIcon>(QCoreApplication::instance())) {}
 
     void sync(StatusItem& item) {
         item_ = &item;

@@ -1,11 +1,14 @@
 // The status menu as the user sees it in each state: the icon, the items in order, and the
 // progress of each running download.
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QMenu>
+#include <QSystemTrayIcon>
 
 #include "foundation/URLDownload.h"
 #include "tests/agent/AgentFixture.h"
 #include "tests/support/Wait.h"
+#include "ui/TrayIcon.h"
 
 namespace agenttest {
 namespace {
@@ -130,6 +133,22 @@ INSTANTIATE_TEST_SUITE_P(
                              "  [plain-title (0 of 0 MB)]"} +
                      kTail}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// The desktop hears of the newest menu at most ten times a second, however often it changes.
+TEST_F(AgentTest, TrayShowsTheNewestMenuAtMostTenTimesASecond) {
+    ui::installTrayStatusBar();
+    controller().awakeFromNib();
+    StatusBar::systemStatusBar().setNewItemHook(nullptr);
+    auto* tray = QCoreApplication::instance()->findChild<QSystemTrayIcon*>();
+    ASSERT_NE(tray, nullptr);
+    const auto showsNewest = [&] { return tray->contextMenu() == controller().menu(); };
+    ASSERT_TRUE(testsupport::waitUntil(showsNewest, 1000));
+    for (int i = 0; i < 20; ++i)
+        controller().updateMenu();
+    EXPECT_FALSE(showsNewest()) << "held back";
+    EXPECT_TRUE(
+        testsupport::waitUntil([&] { return tray->contextMenu() == controller().menu(); }, 1000));
+}
 
 // Where the desktop is asked to open a folder or a page.
 class Opened : public QObject {
