@@ -2,6 +2,7 @@
 // progress of each running download.
 #include <QCoreApplication>
 #include <QDesktopServices>
+#include <QIcon>
 #include <QMenu>
 #include <QSystemTrayIcon>
 
@@ -146,8 +147,22 @@ TEST_F(AgentTest, TrayShowsTheNewestMenuAtMostTenTimesASecond) {
     for (int i = 0; i < 20; ++i)
         controller().updateMenu();
     EXPECT_FALSE(showsNewest()) << "held back";
-    EXPECT_TRUE(
-        testsupport::waitUntil([&] { return tray->contextMenu() == controller().menu(); }, 1000));
+    EXPECT_TRUE(testsupport::waitUntil(showsNewest, 1000));
+
+    // While the menu is open: the alternate image, and checks and transfers wait.
+    const auto showing = [tray](const QString& image) {
+        return tray->icon().pixmap(16).toImage() == QIcon(":/images/" + image).pixmap(16).toImage();
+    };
+    EXPECT_TRUE(showing("close_16.png"));
+    controller().setAppRunning(true);
+    controller().updateMenu();
+    ASSERT_TRUE(testsupport::waitUntil(showsNewest, 1000));
+    Q_EMIT tray->contextMenu()->aboutToShow();
+    EXPECT_TRUE(showing("ntwrk_16_inverted.png"));
+    EXPECT_TRUE(foundation::RunLoop::main().isDefaultModeHeld());
+    Q_EMIT tray->contextMenu()->aboutToHide();
+    EXPECT_TRUE(showing("ntwrk_16.png"));
+    EXPECT_FALSE(foundation::RunLoop::main().isDefaultModeHeld());
 }
 
 // Where the desktop is asked to open a folder or a page.
