@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include "tests/support/QtPrinters.h"
+
+namespace testsupport {
+
+// A real Secret Service for the tests: gnome-keyring-daemon on the test process's private
+// session bus, with keyrings of its own in a temporary folder and its login keyring unlocked
+// with a test password. Start it before the code under test first asks the keyring.
+class PrivateKeyring {
+public:
+    // The one keyring of this process, started on first use.
+    static PrivateKeyring& shared();
+
+    bool isRunning() const { return running_; }
+    // Deletes every item of every keyring.
+    void clear();
+    // Stops the daemon: the keyring is no longer reachable.
+    void stop();
+    // Unlocks the login keyring with the test password, as the desktop's login does.
+    bool unlockLoginKeyring();
+    bool isLoginKeyringLocked();
+
+private:
+    PrivateKeyring();
+    ~PrivateKeyring();
+
+    QTemporaryDir dir_;
+    QProcess daemon_;
+    bool running_ = false;
+};
+
+}  // namespace testsupport
