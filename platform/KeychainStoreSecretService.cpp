@@ -15,13 +15,19 @@
 
 namespace {
 
-const SecretSchema kGenericSchema = {
-    "org.ferrybox.GenericPassword",
-    SECRET_SCHEMA_NONE,
-    {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
-     {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
-     {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-    0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+const SecretSchema kGenericSchema = {"org.ferrybox.GenericPassword",
+                                     SECRET_SCHEMA_NONE,
+                                     {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
+                                     0,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr,
+                                     nullptr};
 
 const SecretSchema* networkSchema() {
     return SECRET_SCHEMA_COMPAT_NETWORK;
@@ -83,7 +89,8 @@ QString statusName(const GError* error) {
         if (!name.isEmpty())
             return name;
     }
-    return QStringLiteral("%1 %2").arg(QString::fromUtf8(g_quark_to_string(error->domain)))
+    return QStringLiteral("%1 %2")
+        .arg(QString::fromUtf8(g_quark_to_string(error->domain)))
         .arg(error->code);
 }
 
@@ -256,8 +263,8 @@ public:
     }
     KeychainResult addGenericPassword(const QByteArray& service, const QByteArray& account,
                                       const QByteArray& password) override {
-        return add(&kGenericSchema, genericAttributes(service, account),
-                   QString::fromUtf8(service), password, false);
+        return add(&kGenericSchema, genericAttributes(service, account), QString::fromUtf8(service),
+                   password, false);
     }
     KeychainResult findInternetPassword(const QByteArray& server, const QByteArray& account,
                                         const QByteArray& path, quint16 port,

@@ -3,6 +3,7 @@
 #include "Classes/TWJSON/TWJSON.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
+#include "tests/support/PrivateKeyring.h"
 #include "tests/support/Wait.h"
 
 namespace agenttest {
@@ -12,6 +13,8 @@ testsupport::FixtureServer& server() {
 }
 
 void AgentTest::SetUp() {
+    ASSERT_TRUE(testsupport::PrivateKeyring::shared().isRunning());
+    testsupport::PrivateKeyring::shared().clear();
     server().clearRoutes();
     server().clearRequests();
     answerSearch("Ferrybox_Downloads");

@@ -10,6 +10,7 @@
 #include <cmath>
 
 #include "foundation/Timer.h"
+#include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
 #include "tests/support/Wait.h"
 
@@ -45,6 +46,10 @@ TEST_F(PowerTest, StoredAccountLogsInAtStartupAndArmsTheTimer) {
     EXPECT_FALSE(controller().prefsWindow()->isVisible());
     EXPECT_EQ(storedDefault("email"), QVariant("a+b@example.org"));
     EXPECT_EQ(storedDefault("simplenote-authToken"), QVariant("token-1"));
+    // Remembering is on (the address was stored, the choice not yet): the keyring keeps it.
+    auto kept = KCGenericKeychainItem::genericKeychainItemForService("Ferrybox", "a+b@example.org");
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->password(), "p&q=1");
 
     ASSERT_TRUE(controller().timer());
     EXPECT_TRUE(controller().timer()->isValid());

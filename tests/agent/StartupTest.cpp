@@ -7,6 +7,7 @@
 #include <QPushButton>
 #include <QWidget>
 
+#include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
 
 namespace agenttest {
@@ -143,6 +144,36 @@ TEST_F(StartupTest, StoredValuesAreUsedAsTheyStand) {
     EXPECT_EQ(controller().downloadDirectory(), "~/elsewhere/not-created");
     EXPECT_FALSE(QFileInfo::exists(home_->path() + "/elsewhere"));
     EXPECT_FALSE(QFileInfo::exists(home_->path() + "/Downloads/Ferrybox"));
+}
+
+// The keyring's password for the stored address: the agent logs in at once, window unseen.
+TEST_F(StartupTest, StoredAccountWithKeyringPasswordLogsInAtStart) {
+    answerLogin("token");
+    setDefault("email", "me@example.org");
+    ASSERT_NE(KCGenericKeychainItem::addGenericKeychainItemForService("Ferrybox", "me@example.org",
+                                                                      "from keyring"),
+              nullptr);
+    controller().awakeFromNib();
+    EXPECT_EQ(controller().passwordField()->text(), "from keyring");
+    EXPECT_TRUE(controller().rememberInKeychainButton()->isChecked());
+    EXPECT_FALSE(controller().prefsWindow()->isVisible());
+    ASSERT_TRUE(waitForRunning());
+    EXPECT_EQ(QByteArray::fromBase64(QByteArray::fromStdString(server().requests()[0].body)),
+              "email=me@example.org&password=from keyring");
+}
+
+// An address given as an option is the one whose password the keyring is asked for.
+TEST_F(StartupTest, GivenAddressGetsItsOwnKeyringPassword) {
+    answerLogin("token");
+    setDefault("email", "stored@example.org");
+    KCGenericKeychainItem::addGenericKeychainItemForService("Ferrybox", "stored@example.org",
+                                                            "stored's");
+    KCGenericKeychainItem::addGenericKeychainItemForService("Ferrybox", "given@example.org",
+                                                            "given's");
+    startWithAccount("given@example.org", QString());
+    ASSERT_TRUE(waitForRunning());
+    EXPECT_EQ(QByteArray::fromBase64(QByteArray::fromStdString(server().requests()[0].body)),
+              "email=given@example.org&password=given's");
 }
 
 TEST_F(StartupTest, StoredEmailWithoutPasswordShowsPreferences) {

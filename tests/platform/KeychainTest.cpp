@@ -88,8 +88,8 @@ TEST_F(KeychainTest, SettersWriteThrough) {
     item->setServiceName("Elsewhere");
     EXPECT_NE(Generic::genericKeychainItemForService("Elsewhere", "new@example.org"), nullptr);
 
-    auto site = Internet::addInternetKeychainItemForServer("example.org", "me", "pw", "/a", 8080,
-                                                           kHTTP);
+    auto site =
+        Internet::addInternetKeychainItemForServer("example.org", "me", "pw", "/a", 8080, kHTTP);
     ASSERT_NE(site, nullptr);
     site->setServer("example.net");
     site->setPath("/b");
@@ -129,8 +129,9 @@ TEST_F(KeychainTest, RemovedItemIsGoneAndAssertsWhenUsedAgain) {
         item->removeFromKeychain();
         ADD_FAILURE() << "no assertion";
     } catch (const foundation::AssertionFailure& failure) {
-        EXPECT_STREQ(failure.what(), "Core keychain item is nil. You cannot remove a keychain "
-                                     "item that is not in the keychain already.");
+        EXPECT_STREQ(failure.what(),
+                     "Core keychain item is nil. You cannot remove a keychain "
+                     "item that is not in the keychain already.");
     }
     EXPECT_THROW(item->setUsername("other"), foundation::AssertionFailure);
     EXPECT_EQ(log.lines().first(),

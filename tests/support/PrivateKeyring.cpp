@@ -72,8 +72,8 @@ void PrivateKeyring::clear() {
     }
     GHashTable* any = g_hash_table_new(g_str_hash, g_str_equal);
     GList* items = secret_service_search_sync(
-        service, nullptr, any, static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_UNLOCK),
-        nullptr, &error);
+        service, nullptr, any,
+        static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_UNLOCK), nullptr, &error);
     for (GList* item = items; item; item = item->next)
         secret_item_delete_sync(static_cast<SecretItem*>(item->data), nullptr, nullptr);
     g_list_free_full(items, g_object_unref);
