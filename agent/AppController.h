@@ -67,7 +67,12 @@ public:
     void downloadFiles(const foundation::Notification& notification);
     int downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note);
     // --- the log note
+    void toggleLogNote(QObject* sender);
+    void clearLogNote(QObject* sender);
+    void wipeLogNote(const foundation::Notification& notification);
+    void deleteLogNote(const foundation::Notification& notification);
     void updateLogNoteWith(const QStringList& lines);
+    void appendToLogNoteAndSync(const foundation::Notification& notification);
 
     // --- the downloads
     void downloadDidBegin(foundation::URLDownload* download) override;
@@ -86,6 +91,12 @@ public:
     void goToDownloadNote();
     void sendGrowlNotification(const QString& kind, const QString& detail);
     void showPreferences(QObject* sender);
+    // The preferences window's own actions.
+    void controlTextDidEndEditing(QObject* sender);
+    void toggleRememberInKeychain(QObject* sender);
+    void changeDownloadDirectory(QObject* sender);
+    void toggleGrowl(QObject* sender);
+    void showIntervalHelp(QObject* sender);
     // What the application object itself answers: the about panel and quitting (through the
     // quit guard). The menu's "About Ferrybox" and "Quit" call these.
     void setApplicationActions(std::function<void()> orderFrontStandardAboutPanel,
@@ -178,6 +189,8 @@ private:
     void startSpinner(bool on);
     void turnOffAfterFailure(const QString& detail, const QString& labelText);
     void removeFromDownloadList(const FXDownload* download);
+    void searchForLogNote(foundation::NotificationCenter::Block onSuccess,
+                          foundation::NotificationCenter::Block onFailure);
 
     QWidget* prefsWindow_ = nullptr;
     QLineEdit* emailField_ = nullptr;

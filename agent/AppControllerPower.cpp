@@ -169,28 +169,3 @@ void AppController::startSpinner(bool on) {
 void AppController::showPreferencesWindow() {
     showPreferences(nullptr);
 }
-
-bool AppController::tryToPerform(const QString& action, QObject* sender) {
-    if (action == kTurnOn) {
-        turnFerryboxOn(sender);
-    } else if (action == kTurnOff) {
-        turnFerryboxOff(sender);
-    } else if (action == QLatin1String("searchForNote")) {
-        searchForNote();
-    } else if (action == QLatin1String("showPreferences:")) {
-        showPreferences(sender);
-    } else if (action == QLatin1String("goToDownloadNote")) {
-        goToDownloadNote();
-    } else if (action == QLatin1String("openDownloadsFolder:")) {
-        openDownloadsFolder(sender);
-    } else if (action == QLatin1String("orderFrontStandardAboutPanel:")) {
-        if (orderFrontStandardAboutPanel_)
-            orderFrontStandardAboutPanel_();
-    } else if (action == QLatin1String("terminate:")) {
-        if (terminate_)
-            terminate_();
-    } else {
-        return false;
-    }
-    return true;
-}

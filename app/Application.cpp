@@ -15,6 +15,7 @@
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
 #include "ui/AboutPanel.h"
+#include "ui/FolderDialogPresenter.h"
 #include "ui/MainInterface.h"
 #include "ui/MessageBoxPresenter.h"
 #include "ui/TrayIcon.h"
@@ -41,6 +42,7 @@ Application::Application(const Options& options) : options_(options) {
     if (!options_.headless) {
         ui::installTrayStatusBar();
         ui::installMessageBoxPresenter();
+        ui::installFolderDialogPresenter();
     }
     interface_ = std::make_unique<MainInterface>();
     AppController& controller = interface_->controller();

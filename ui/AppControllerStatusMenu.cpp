@@ -1,11 +1,8 @@
 // The status menu: the icon and the menu, built anew from the agent's state on every change (a
 // running download changes it with every piece of data).
-#include <QApplication>
 #include <QDesktopServices>
 #include <QMenu>
-#include <QScreen>
 #include <QUrl>
-#include <QWidget>
 
 #include "agent/AppController.h"
 #include "client/LWSNObject.h"
@@ -93,15 +90,4 @@ void AppController::setApplicationActions(std::function<void()> orderFrontStanda
                                           std::function<void()> terminate) {
     orderFrontStandardAboutPanel_ = std::move(orderFrontStandardAboutPanel);
     terminate_ = std::move(terminate);
-}
-
-void AppController::showPreferences(QObject*) {
-    if (const QScreen* screen = prefsWindow_->screen()) {
-        QRect frame = prefsWindow_->frameGeometry();
-        frame.moveCenter(screen->availableGeometry().center());
-        prefsWindow_->move(frame.topLeft());
-    }
-    prefsWindow_->show();
-    prefsWindow_->raise();
-    prefsWindow_->activateWindow();
 }

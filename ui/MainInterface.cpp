@@ -1,6 +1,8 @@
 #include "ui/MainInterface.h"
 
 #include <QActionGroup>
+#include <QIntValidator>
+#include <limits>
 
 #include "ui_PreferencesWindow.h"
 
@@ -36,6 +38,10 @@ void MainInterface::connectOutlets() {
     c.setPrefsToolbar(form_->prefsToolbar);
     c.setAppMenu(form_->appMenu);
     c.setOpenAtLoginButton(form_->openAtLoginButton);
+    loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
+    // Whole minutes, one at least.
+    form_->intervalField->setValidator(
+        new QIntValidator(1, std::numeric_limits<int>::max(), form_->intervalField));
 }
 
 void MainInterface::connectActions() {
@@ -43,6 +49,24 @@ void MainInterface::connectActions() {
     QObject::connect(startButton, &QPushButton::clicked, &controller_, [this, startButton] {
         controller_.tryToPerform(controller_.startButtonAction(), startButton);
     });
+    const std::pair<QAbstractButton*, const char*> buttons[] = {
+        {form_->rememberInKeychainButton, "toggleRememberInKeychain:"},
+        {form_->keepLogButton, "toggleLogNote:"},
+        {form_->clearLogButton, "clearLogNote:"},
+        {form_->useGrowlButton, "toggleGrowl:"},
+        {form_->intervalHelpButton, "showIntervalHelp:"},
+        {form_->changeDirectoryButton, "changeDownloadDirectory:"},
+    };
+    for (const auto& [button, action] : buttons) {
+        QObject::connect(button, &QAbstractButton::clicked, &controller_,
+                         [this, button = button, action = QString::fromLatin1(action)] {
+                             controller_.tryToPerform(action, button);
+                         });
+    }
+    QObject::connect(form_->intervalField, &QLineEdit::editingFinished, &controller_,
+                     [this] { controller_.controlTextDidEndEditing(form_->intervalField); });
+    QObject::connect(form_->openAtLoginButton, &QAbstractButton::clicked, &loginItems_,
+                     [this] { loginItems_.addToLoginItems(form_->openAtLoginButton); });
 
     // The toolbar selects one pane at a time.
     auto* panes = new QActionGroup(&window_);

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "agent/AppController.h"
+#include "platform/LoginItemController.h"
 #include "ui/PrefWindowDelegate.h"
 
 namespace Ui {
@@ -11,8 +12,9 @@ class PreferencesWindow;
 }
 
 // What the application's interface definition holds: the preferences window built from
-// PreferencesWindow.ui, the controller with every outlet connected, and the window's delegate.
-// Loading it connects the controls' actions; awakeFromNib() is left to the caller.
+// PreferencesWindow.ui, the controller with every outlet connected, the window's delegate and
+// the login-item controller. Loading it connects the controls' actions; awakeFromNib() is left
+// to the caller.
 class MainInterface {
 public:
     MainInterface();
@@ -21,6 +23,7 @@ public:
     AppController& controller() { return controller_; }
     QMainWindow& window() { return window_; }
     PrefWindowDelegate& windowDelegate() { return delegate_; }
+    LoginItemController& loginItemController() { return loginItems_; }
 
 private:
     void connectOutlets();
@@ -30,4 +33,5 @@ private:
     std::unique_ptr<Ui::PreferencesWindow> form_;
     AppController controller_;
     PrefWindowDelegate delegate_;
+    LoginItemController loginItems_;
 };

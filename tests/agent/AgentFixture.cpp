@@ -1,5 +1,7 @@
 #include "tests/agent/AgentFixture.h"
 
+#include <httplib.h>
+
 #include "Classes/TWJSON/TWJSON.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
@@ -53,11 +55,14 @@ void AgentTest::answerLogin(const std::string& body) {
     server().on("POST", "/api/login", testsupport::FixtureServer::respond(200, body));
 }
 
-void AgentTest::answerSearch(const QString& text) {
+namespace {
+
+// A search's answer holding one note of this text under this key, or none for a null text.
+std::string searchAnswer(const QString& key, const QString& text) {
     TWJsonValue results = TWJsonValue::array();
     if (!text.isNull()) {
         TWJsonValue note = TWJsonValue::dictionary();
-        note.insert("key", TWJsonValue::string("dl"));
+        note.insert("key", TWJsonValue::string(key));
         note.insert("content", TWJsonValue::string(text));
         results.append(note);
     }
@@ -66,9 +71,23 @@ void AgentTest::answerSearch(const QString& text) {
     response.insert("Results", results);
     TWJsonValue answer = TWJsonValue::dictionary();
     answer.insert("Response", response);
-    server().on("GET", "/api/search",
-                testsupport::FixtureServer::respond(200, JSONRepresentation(answer).toStdString()));
+    return JSONRepresentation(answer).toStdString();
+}
+
+}  // namespace
+
+void AgentTest::answerSearch(const QString& text) {
+    downloadNote_ = text;
+    server().on("GET", "/api/search", [this](const httplib::Request& req, httplib::Response& res) {
+        const bool log = req.get_param_value("query") == "Ferrybox_Download_Log";
+        res.set_content(log ? searchAnswer("log", logNote_) : searchAnswer("dl", downloadNote_),
+                        "application/json");
+    });
     server().on("POST", "/api/note", testsupport::FixtureServer::respond(200, "dl"));
+}
+
+void AgentTest::answerLogSearch(const QString& text) {
+    logNote_ = text;
 }
 
 void AgentTest::startWithAccount(const QString& email, const QString& password) {

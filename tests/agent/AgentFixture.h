@@ -32,9 +32,12 @@ protected:
     QVariant storedDefault(const QString& key);
     // Answers the login with this token (empty: the service's "no").
     void answerLogin(const std::string& body);
-    // Answers every search with one note of this text (and key "dl"), or with none for a null
-    // text; pushes of notes succeed. Until a test says otherwise, the note is a bare header.
+    // Answers the download note's search with one note of this text (and key "dl"), or with
+    // none for a null text; pushes of notes succeed. Until a test says otherwise, the note is a
+    // bare header.
     void answerSearch(const QString& text);
+    // Answers the log note's search likewise (key "log"); until then with none.
+    void answerLogSearch(const QString& text);
     // Start-up with the password typed in as the headless options do.
     void startWithAccount(const QString& email, const QString& password);
     bool waitForRunning();
@@ -48,6 +51,8 @@ protected:
         std::make_unique<testsupport::NotificationRecorder>();
 
     std::unique_ptr<testsupport::TempHome> home_;
+    QString downloadNote_;
+    QString logNote_;
     std::unique_ptr<MainInterface> interface_;
     foundation::AlertPanel::Presenter previousPresenter_;
 };

@@ -1,0 +1,8 @@
+#pragma once
+
+namespace ui {
+
+// Lets the user choose folders in the desktop's folder dialog.
+void installFolderDialogPresenter();
+
+}  // namespace ui
