@@ -107,9 +107,9 @@ void AppController::changeDownloadDirectory(QObject*) {
 
 // The setting seeds the checkbox at the next start; notifications follow the checkbox.
 void AppController::toggleGrowl(QObject*) {
-    store(useGrowlButton_->checkState() == Qt::Checked ? QStringLiteral("yes")
-                                                       : QStringLiteral("no"),
-          QStringLiteral("useGrowl"));
+    store(
+        useGrowlButton_->checkState() == Qt::Checked ? QStringLiteral("yes") : QStringLiteral("no"),
+        QStringLiteral("useGrowl"));
 }
 
 void AppController::showIntervalHelp(QObject*) {

@@ -80,14 +80,16 @@ void AgentTest::answerSearch(const QString& text) {
     downloadNote_ = text;
     server().on("GET", "/api/search", [this](const httplib::Request& req, httplib::Response& res) {
         const bool log = req.get_param_value("query") == "Ferrybox_Download_Log";
+        res.status = log ? logSearchStatus_ : 200;
         res.set_content(log ? searchAnswer("log", logNote_) : searchAnswer("dl", downloadNote_),
                         "application/json");
     });
     server().on("POST", "/api/note", testsupport::FixtureServer::respond(200, "dl"));
 }
 
-void AgentTest::answerLogSearch(const QString& text) {
+void AgentTest::answerLogSearch(const QString& text, int status) {
     logNote_ = text;
+    logSearchStatus_ = status;
 }
 
 void AgentTest::startWithAccount(const QString& email, const QString& password) {

@@ -36,8 +36,9 @@ protected:
     // none for a null text; pushes of notes succeed. Until a test says otherwise, the note is a
     // bare header.
     void answerSearch(const QString& text);
-    // Answers the log note's search likewise (key "log"); until then with none.
-    void answerLogSearch(const QString& text);
+    // Answers the log note's search likewise (key "log"), or fails it with an HTTP status;
+    // until then it finds none.
+    void answerLogSearch(const QString& text, int status = 200);
     // Start-up with the password typed in as the headless options do.
     void startWithAccount(const QString& email, const QString& password);
     bool waitForRunning();
@@ -53,6 +54,7 @@ protected:
     std::unique_ptr<testsupport::TempHome> home_;
     QString downloadNote_;
     QString logNote_;
+    int logSearchStatus_ = 200;
     std::unique_ptr<MainInterface> interface_;
     foundation::AlertPanel::Presenter previousPresenter_;
 };

@@ -1,7 +1,6 @@
 // The whole job, end to end: the real `ferrybox --headless --once` against the real
 // ferrybox-notes, fetching files from nginx and from a scripted server for the odd answers.
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -9,9 +8,9 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-#include "Classes/TWJSON/TWJSON.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/NginxProcess.h"
+#include "tests/support/NotesAccount.h"
 #include "tests/support/NotesServerProcess.h"
 
 namespace {
@@ -20,49 +19,6 @@ using testsupport::FixtureServer;
 
 const QString kEmail = QStringLiteral("me@example.org");
 const QString kPassword = QStringLiteral("secret words");
-
-std::string base64(const QString& text) {
-    return text.toUtf8().toBase64().toStdString();
-}
-
-// The account as a phone or the web page sees it: notes written and read through the API.
-class Account {
-public:
-    explicit Account(testsupport::NotesServerProcess& service)
-        : client_("127.0.0.1", service.port()) {
-        auto res = client_.Post("/api/login", base64("email=" + kEmail + "&password=" + kPassword),
-                                "application/x-www-form-urlencoded");
-        token_ = res ? res->body : std::string();
-    }
-    std::string query(const std::string& key = {}) const {
-        return "?auth=" + token_ + "&email=" + kEmail.toStdString() +
-               (key.empty() ? "" : "&key=" + key);
-    }
-    std::string create(const QString& text) {
-        auto res = client_.Post(("/api/note" + query()).c_str(), base64(text),
-                                "application/x-www-form-urlencoded");
-        return res && res->status == 200 ? res->body : std::string();
-    }
-    QString text(const std::string& key) {
-        auto res = client_.Get(("/api/note" + query(key)).c_str());
-        return res && res->status == 200 ? QString::fromStdString(res->body) : QString();
-    }
-    // The texts of every live note that holds the words.
-    QStringList find(const QString& words) {
-        auto res = client_.Get(("/api/search" + query() + "&query=" + words.toStdString()).c_str());
-        QStringList texts;
-        const auto answer = JSONValue(res ? QString::fromStdString(res->body) : QString());
-        const TWJsonValue* results =
-            answer ? answer->valueForKey("Response")->valueForKey("Results") : nullptr;
-        for (const TWJsonValue& result : results ? results->elements() : std::vector<TWJsonValue>())
-            texts << result.valueForKey("content")->stringValue();
-        return texts;
-    }
-
-private:
-    httplib::Client client_;
-    std::string token_;
-};
 
 QByteArray sha(const QString& path) {
     QFile file(path);
@@ -79,7 +35,7 @@ protected:
         ASSERT_TRUE(service_.isRunning());
         ASSERT_TRUE(service_.addUser(kEmail, kPassword));
         ASSERT_TRUE(nginx_.isRunning());
-        account_ = std::make_unique<Account>(service_);
+        account_ = std::make_unique<testsupport::NotesAccount>(service_, kEmail, kPassword);
         QFile file(home_.path() + "/password");
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(kPassword.toUtf8() + "\n");
@@ -112,7 +68,7 @@ protected:
     testsupport::NotesServerProcess service_;
     testsupport::NginxProcess nginx_;
     FixtureServer odd_;
-    std::unique_ptr<Account> account_;
+    std::unique_ptr<testsupport::NotesAccount> account_;
 };
 
 TEST_F(DownloadTest, LinksBecomeFilesAndLeaveTheNote) {
