@@ -31,7 +31,8 @@ protected:
             notes.push_back(LWSNObject::create<LWSimplenote>());
         search->setContents(notes);
         searches_.push_back(search);
-        return {"LWSimplenoteSearchPullFromRemoteSuccessNotification", search.get(),
+        return {"LWSimplenoteSearchPullFromRemoteSuccessNotification",
+                search.get(),
                 {{"LWSimplenoteSearch", std::static_pointer_cast<LWSNObject>(search)}}};
     }
     std::vector<std::shared_ptr<LWSimplenoteSearch>> searches_;

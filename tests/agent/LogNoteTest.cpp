@@ -77,9 +77,10 @@ protected:
     }
     AppController& controller() { return interface_->controller(); }
     QStringList logNotes() { return account_->find(kLog); }
+    // As the user does it: a click on the checkbox.
     void toggle(bool on) {
-        controller().keepLogButton()->setChecked(on);
-        controller().toggleLogNote(controller().keepLogButton());
+        if (controller().keepLogButton()->isChecked() != on)
+            controller().keepLogButton()->click();
     }
     // A new download note (the newest is the one found), and one check of it. Null lines: the
     // header alone.

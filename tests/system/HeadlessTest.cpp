@@ -1,12 +1,15 @@
 // The real ferrybox binary, headless, with a temporary home, against the scripted service.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <csignal>
 
+#include "platform/KCKeychainItem.h"
 #include "tests/support/FixtureServer.h"
+#include "tests/support/PrivateKeyring.h"
 
 namespace {
 
@@ -99,6 +102,28 @@ TEST_F(HeadlessTest, PasswordFileFromTheEnvironment) {
     ASSERT_GE(server_.requests().size(), 1u);
     EXPECT_EQ(server_.requests()[0].body,
               QByteArray("email=me@example.org&password=secret").toBase64().toStdString());
+}
+
+// Without a password file the keyring gives the stored address's password, as in the window.
+TEST_F(HeadlessTest, PasswordFromTheKeyring) {
+    ASSERT_TRUE(testsupport::PrivateKeyring::shared().isRunning());
+    testsupport::PrivateKeyring::shared().clear();
+    ASSERT_NE(KCGenericKeychainItem::addGenericKeychainItemForService("Ferrybox", "me@example.org",
+                                                                      "from the keyring"),
+              nullptr);
+    QDir().mkpath(home_.path() + "/.config/Ferrybox");
+    QFile settings(home_.path() + "/.config/Ferrybox/Ferrybox.conf");
+    ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
+    settings.write("email=\"me@example.org\"\nshouldRememberPassword=\"yes\"\n");
+    settings.close();
+    QProcessEnvironment env = environment();
+    env.insert("DBUS_SESSION_BUS_ADDRESS", qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"));
+    const RunResult r = run({"--headless", "--once"}, env);
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    ASSERT_GE(server_.requests().size(), 1u);
+    EXPECT_EQ(
+        server_.requests()[0].body,
+        QByteArray("email=me@example.org&password=from the keyring").toBase64().toStdString());
 }
 
 TEST_F(HeadlessTest, FailedLoginSaysWhyAndExitsWithOne) {
