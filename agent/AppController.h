@@ -151,6 +151,9 @@ public:
     void setAppMenu(QMenu* m) { appMenu_ = m; }
     QCheckBox* openAtLoginButton() const { return openAtLoginButton_; }
     void setOpenAtLoginButton(QCheckBox* w) { openAtLoginButton_ = w; }
+    // Shows the download folder; set at start-up and by each choice of a folder.
+    QLabel* directoryField() const { return directoryField_; }
+    void setDirectoryField(QLabel* w) { directoryField_ = w; }
 
     // --- state
     const DownloadList& downloadList() const { return downloadList_; }
@@ -160,7 +163,8 @@ public:
     const std::shared_ptr<foundation::Timer>& timer() const { return timer_; }
     void setTimer(std::shared_ptr<foundation::Timer> timer) { timer_ = std::move(timer); }
     const QString& downloadDirectory() const { return downloadDirectory_; }
-    void setDownloadDirectory(const QString& d) { downloadDirectory_ = d; }
+    // Also shown in the preferences window.
+    void setDownloadDirectory(const QString& d);
     const std::shared_ptr<StatusItem>& statusItem() const { return statusItem_; }
     void setStatusItem(std::shared_ptr<StatusItem> item) { statusItem_ = std::move(item); }
     bool appRunning() const { return appRunning_; }
@@ -207,6 +211,7 @@ private:
     QToolBar* prefsToolbar_ = nullptr;
     QMenu* appMenu_ = nullptr;
     QCheckBox* openAtLoginButton_ = nullptr;
+    QLabel* directoryField_ = nullptr;
     DownloadList downloadList_;
     QVariant interval_;
     std::shared_ptr<foundation::Timer> timer_;

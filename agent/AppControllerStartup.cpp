@@ -3,6 +3,7 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QFileInfo>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 
@@ -143,14 +144,20 @@ void AppController::readLogSettings() {
 void AppController::readDownloadDirectorySetting() {
     const QString directory = defaults().stringForKey(QStringLiteral("downloadDirectory"));
     if (!directory.isNull()) {
-        downloadDirectory_ = directory;
+        setDownloadDirectory(directory);
         return;
     }
     const QString expanded = foundation::expandingTildeInPath(kDefaultDownloadDirectory);
     if (!QFileInfo::exists(expanded))
         QDir().mkpath(expanded);  // a failure shows at download time
     store(kDefaultDownloadDirectory, QStringLiteral("downloadDirectory"));
-    downloadDirectory_ = kDefaultDownloadDirectory;
+    setDownloadDirectory(kDefaultDownloadDirectory);
+}
+
+void AppController::setDownloadDirectory(const QString& directory) {
+    downloadDirectory_ = directory;
+    if (directoryField_)
+        directoryField_->setText(directory);
 }
 
 void AppController::readOpenAtLoginSetting() {

@@ -101,7 +101,7 @@ void AppController::changeDownloadDirectory(QObject*) {
         foundation::expandingTildeInPath(downloadDirectory_));
     if (chosen.isNull())
         return;
-    downloadDirectory_ = abbreviatingWithTildeInPath(chosen);
+    setDownloadDirectory(abbreviatingWithTildeInPath(chosen));
     store(downloadDirectory_, QStringLiteral("downloadDirectory"));
 }
 

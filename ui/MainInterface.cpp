@@ -38,6 +38,7 @@ void MainInterface::connectOutlets() {
     c.setPrefsToolbar(form_->prefsToolbar);
     c.setAppMenu(form_->appMenu);
     c.setOpenAtLoginButton(form_->openAtLoginButton);
+    c.setDirectoryField(form_->directoryField);
     loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
     // Whole minutes, one at least.
     form_->intervalField->setValidator(

@@ -3,6 +3,7 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QIntValidator>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QToolButton>
@@ -48,8 +49,7 @@ TEST_F(PreferencesTest, IntervalTakesEffectAtOnceWhileOn) {
     EXPECT_EQ(controller().intervalField()->validator()->inherits("QIntValidator"), true);
     int at = 0;
     QString zero = "0";
-    EXPECT_NE(controller().intervalField()->validator()->validate(zero, at),
-              QValidator::Acceptable)
+    EXPECT_NE(controller().intervalField()->validator()->validate(zero, at), QValidator::Acceptable)
         << "one minute at least";
 }
 
@@ -98,6 +98,7 @@ TEST_F(PreferencesTest, DownloadFolderIsStoredWithATilde) {
     control<QPushButton>("changeDirectoryButton")->click();
     EXPECT_EQ(offered, home_->path() + "/Downloads/Ferrybox");
     EXPECT_EQ(controller().downloadDirectory(), "~/Downloads/Inbox");
+    EXPECT_EQ(controller().directoryField()->text(), "~/Downloads/Inbox");
     EXPECT_EQ(storedDefault("downloadDirectory"), QVariant("~/Downloads/Inbox"));
     EXPECT_FALSE(QDir(home_->path() + "/Downloads/Inbox").exists()) << "not created";
 
@@ -120,7 +121,8 @@ TEST_F(PreferencesTest, NotificationChoiceAndIntervalHelp) {
     control<QToolButton>("intervalHelpButton")->click();
     ASSERT_EQ(alerts.size(), 1u);
     EXPECT_EQ(alerts[0].title, "Interval Information");
-    EXPECT_EQ(alerts[0].message, "The interval is how often the note is checked for new downloads.");
+    EXPECT_EQ(alerts[0].message,
+              "The interval is how often the note is checked for new downloads.");
     EXPECT_EQ(alerts[0].defaultButton, "OK");
     EXPECT_TRUE(alerts[0].alternateButton.isEmpty());
 }
