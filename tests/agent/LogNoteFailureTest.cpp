@@ -1,5 +1,6 @@
-// How the log note's operations fail: a search the service refuses, a search that finds no log
-// note or more than one, and a checkbox in neither state.
+// The log note against the scripted service: how its operations fail (a search the service
+// refuses, one that finds no log note or more than one, a checkbox in neither state), and two
+// requests that overlap.
 #include <QCheckBox>
 #include <QLabel>
 
@@ -83,6 +84,24 @@ TEST_F(LogNoteFailureTest, WrongNumberOfLogNotes) {
         EXPECT_EQ(log.lines(), QStringList{c.logLine});
         EXPECT_EQ(controller().errorLabel()->text(), c.label);
     }
+}
+
+// A second request before the first search answers: both answers append the newest lines.
+TEST_F(LogNoteFailureTest, NewerLinesReplaceThoseStillWaiting) {
+    server().clearRequests();
+    controller().updateLogNoteWith({"Ferrybox_Downloads", "http://x/older"});
+    controller().updateLogNoteWith({"Ferrybox_Downloads", "http://x/newer"});
+    QStringList pushed;
+    ASSERT_TRUE(waitUntil([&] {
+        pushed.clear();
+        for (const auto& r : server().requests()) {
+            if (r.method == "POST")
+                pushed << QString::fromUtf8(
+                    QByteArray::fromBase64(QByteArray::fromStdString(r.body)));
+        }
+        return pushed.size() == 2;
+    }));
+    EXPECT_EQ(pushed, QStringList(2, "Ferrybox_Download_Log\nhttp://x/newer"));
 }
 
 TEST_F(LogNoteFailureTest, CheckboxInNeitherStateOnlyLogs) {
