@@ -2,7 +2,7 @@
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev \
 	qt6-base-dev qt6-base-dev-tools libqt6dbus6 libgl-dev \
 	libsecret-1-dev gnome-keyring dbus dbus-x11 desktop-file-utils \
-	libcpp-httplib-dev libssl-dev libsqlite3-dev openssl \
+	libcpp-httplib-dev libmicrohttpd-dev libssl-dev libsqlite3-dev openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
 	wrk nginx-light curl aria2 time python3
 

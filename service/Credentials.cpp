@@ -83,25 +83,44 @@ void LoginThrottle::forgetOld(std::deque<Clock::time_point>& failures,
         failures.pop_front();
 }
 
-bool LoginThrottle::allowed(const QString& email) {
+bool LoginThrottle::allowed(const Key& who) {
     std::lock_guard lock(mutex_);
-    auto it = failures_.find(email);
-    if (it == failures_.end())
+    auto it = entries_.find(who);
+    if (it == entries_.end())
         return true;
-    forgetOld(it->second, Clock::now());
-    return static_cast<int>(it->second.size()) < kMaxFailures;
+    forgetOld(it->second.failures, Clock::now());
+    return static_cast<int>(it->second.failures.size()) < kMaxFailures;
 }
 
-void LoginThrottle::failed(const QString& email) {
+void LoginThrottle::failed(const Key& who) {
     std::lock_guard lock(mutex_);
-    auto& list = failures_[email];
-    forgetOld(list, Clock::now());
-    list.push_back(Clock::now());
+    auto [it, added] = entries_.try_emplace(who);
+    if (added) {
+        it->second.age = byAge_.insert(byAge_.end(), who);
+    } else {
+        byAge_.splice(byAge_.end(), byAge_, it->second.age);
+    }
+    const Clock::time_point now = Clock::now();
+    forgetOld(it->second.failures, now);
+    it->second.failures.push_back(now);
+    while (entries_.size() > capacity_) {
+        entries_.erase(byAge_.front());
+        byAge_.pop_front();
+    }
 }
 
-void LoginThrottle::succeeded(const QString& email) {
+void LoginThrottle::succeeded(const Key& who) {
     std::lock_guard lock(mutex_);
-    failures_.erase(email);
+    auto it = entries_.find(who);
+    if (it == entries_.end())
+        return;
+    byAge_.erase(it->second.age);
+    entries_.erase(it);
+}
+
+std::size_t LoginThrottle::size() {
+    std::lock_guard lock(mutex_);
+    return entries_.size();
 }
 
 }  // namespace notes

@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QString>
 #include <chrono>
+#include <compare>
 #include <deque>
+#include <list>
 #include <map>
 #include <mutex>
 
@@ -20,25 +22,41 @@ bool verifyPassword(const QString& password, const QString& stored);
 QString newToken();
 QByteArray tokenHash(const QString& token);
 
-// Slows down guessing: an account that failed to log in kMaxFailures times within the window is
-// refused until the oldest of those failures leaves it.
+// Slows down guessing: an account that failed to log in kMaxFailures times within the window
+// from one client address is refused from that address until the oldest of those failures
+// leaves the window. Other addresses are not held up, so a stranger cannot lock the owner out.
+// The table keeps the most recent `capacity` pairs; the longest untouched is dropped first.
 class LoginThrottle {
 public:
     static constexpr int kMaxFailures = 5;
-    explicit LoginThrottle(std::chrono::seconds window = std::chrono::seconds(60))
-        : window_(window) {}
+    struct Key {
+        QString email;
+        QString clientAddress;
+        std::weak_ordering operator<=>(const Key&) const = default;
+    };
 
-    bool allowed(const QString& email);
-    void failed(const QString& email);
-    void succeeded(const QString& email);
+    explicit LoginThrottle(std::chrono::seconds window = std::chrono::seconds(60),
+                           std::size_t capacity = 10000)
+        : window_(window), capacity_(capacity) {}
+
+    bool allowed(const Key& who);
+    void failed(const Key& who);
+    void succeeded(const Key& who);
+    std::size_t size();
 
 private:
     using Clock = std::chrono::steady_clock;
+    struct Entry {
+        std::deque<Clock::time_point> failures;
+        std::list<Key>::iterator age;
+    };
     void forgetOld(std::deque<Clock::time_point>& failures, Clock::time_point now) const;
 
     std::chrono::seconds window_;
+    std::size_t capacity_;
     std::mutex mutex_;
-    std::map<QString, std::deque<Clock::time_point>> failures_;
+    std::map<Key, Entry> entries_;
+    std::list<Key> byAge_;  // least recently failed first
 };
 
 }  // namespace notes

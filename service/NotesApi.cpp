@@ -1,13 +1,11 @@
 #include "service/NotesApi.h"
 
-#include <httplib.h>
-
-#include <QElapsedTimer>
 #include <QUrl>
 #include <map>
 
 #include "Classes/TWJSON/TWJsonWriter.h"
-#include "foundation/Log.h"
+#include "foundation/Utf8.h"
+#include "service/HttpServer.h"
 
 namespace notes {
 
@@ -15,8 +13,14 @@ namespace {
 
 using Query = std::map<QString, QString>;
 
-// The query string as the client wrote it: "&"-separated pairs, %XX decoded, "+" kept.
-Query rawQuery(const httplib::Request& req) {
+// The longest address mail allows; anything longer is refused before any work is done on it.
+constexpr qsizetype kMaxEmailBytes = 254;
+// An address and a password in base64, with room to spare.
+constexpr std::size_t kMaxLoginBodyBytes = 4096;
+
+// The query string as the client wrote it: "&"-separated pairs, %XX decoded, "+" kept. A name
+// without "=" has the empty value, not none.
+Query rawQuery(const HttpRequest& req) {
     Query query;
     const auto question = req.target.find('?');
     if (question == std::string::npos)
@@ -28,8 +32,10 @@ Query rawQuery(const httplib::Request& req) {
         const qsizetype eq = pair.indexOf('=');
         const QByteArray name = eq < 0 ? pair : pair.left(eq);
         const QByteArray value = eq < 0 ? QByteArray() : pair.mid(eq + 1);
-        query.emplace(QString::fromUtf8(QByteArray::fromPercentEncoding(name)),
-                      QString::fromUtf8(QByteArray::fromPercentEncoding(value)));
+        QString decoded = QString::fromUtf8(QByteArray::fromPercentEncoding(value));
+        if (decoded.isNull())
+            decoded = QLatin1String("");
+        query.emplace(QString::fromUtf8(QByteArray::fromPercentEncoding(name)), decoded);
     }
     return query;
 }
@@ -39,19 +45,20 @@ QString value(const Query& query, const char* name) {
     return it == query.end() ? QString() : it->second;
 }
 
-void answer(httplib::Response& res, int status, const QString& body = QString()) {
+void answer(HttpResponse& res, int status, const QString& body = QString()) {
     res.status = status;
-    res.set_content(body.toUtf8().toStdString(), "text/plain; charset=utf-8");
+    res.body = body.toUtf8().toStdString();
 }
 
-void answerJson(httplib::Response& res, const TWJsonValue& json) {
+void answerJson(HttpResponse& res, const TWJsonValue& json) {
     TWJsonWriter writer;
     res.status = 200;
-    res.set_content(writer.stringWithObject(json).toUtf8().toStdString(),
-                    "application/json; charset=utf-8");
+    res.body = writer.stringWithObject(json).toUtf8().toStdString();
+    res.contentType = "application/json; charset=utf-8";
 }
 
-std::optional<QByteArray> decodeBase64(const std::string& body) {
+// Base64 of UTF-8 text; null when the body is either not base64 or not UTF-8 underneath.
+QString decodeBase64Text(const std::string& body) {
     // Line breaks and blanks are allowed between the characters: many encoders wrap their
     // output at 76 columns.
     QByteArray text = QByteArray::fromStdString(body);
@@ -59,8 +66,16 @@ std::optional<QByteArray> decodeBase64(const std::string& body) {
     const auto result =
         QByteArray::fromBase64Encoding(text, QByteArray::AbortOnBase64DecodingErrors);
     if (!result)
-        return std::nullopt;
-    return result.decoded;
+        return QString();
+    return foundation::strictUtf8(result.decoded);
+}
+
+// Bodies come as base64 under any content type but multipart, which no client of this API sends.
+bool admitForm(const HttpRequest& req, HttpResponse& res) {
+    if (req.contentType.rfind("multipart/", 0) != 0)
+        return true;
+    answer(res, 400);
+    return false;
 }
 
 class Api {
@@ -68,24 +83,26 @@ public:
     Api(NotesStore& store, LoginThrottle& throttle, const ApiSettings& settings)
         : store_(store), throttle_(throttle), settings_(settings) {}
 
-    void login(const httplib::Request&, const std::string& body, httplib::Response& res) {
-        const auto decoded = decodeBase64(body);
-        const QString form = decoded ? QString::fromUtf8(*decoded) : QString();
+    void login(const HttpRequest& req, HttpResponse& res) {
+        const QString form = decodeBase64Text(req.body);
         const qsizetype split = form.indexOf(QLatin1String("&password="));
         if (!form.startsWith(QLatin1String("email=")) || split < 0)
             return answer(res, 400);
         const QString email = form.mid(6, split - 6);
         const QString password = form.mid(split + 10);
-        if (!throttle_.allowed(email))
+        if (email.toUtf8().size() > kMaxEmailBytes)
+            return answer(res, 400);
+        const LoginThrottle::Key who{email, QString::fromStdString(req.clientAddress)};
+        if (!throttle_.allowed(who))
             return answer(res, 429);
         const auto user = store_.userByEmail(email);
         // An unknown address costs the same hash as a known one, so timing tells nothing.
         static const QString decoy = hashPassword(QStringLiteral("decoy"));
         if (!verifyPassword(password, user ? user->passwordHash : decoy) || !user) {
-            throttle_.failed(email);
+            throttle_.failed(who);
             return answer(res, 401);
         }
-        throttle_.succeeded(email);
+        throttle_.succeeded(who);
         const QString token = newToken();
         store_.addToken(user->id, tokenHash(token),
                         nowMicros() + std::chrono::microseconds(settings_.tokenLifetime).count());
@@ -93,7 +110,7 @@ public:
     }
 
     // The account the query's token and address stand for; nothing after a 401 is sent.
-    std::optional<qint64> authorise(const Query& query, httplib::Response& res) {
+    std::optional<qint64> authorise(const Query& query, HttpResponse& res) {
         const QString token = value(query, "auth");
         const QString email = value(query, "email");
         std::optional<qint64> user;
@@ -105,7 +122,7 @@ public:
         return user;
     }
 
-    void index(const httplib::Request& req, httplib::Response& res) {
+    void index(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
@@ -124,7 +141,7 @@ public:
         answerJson(res, list);
     }
 
-    void getNote(const httplib::Request& req, httplib::Response& res) {
+    void getNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
@@ -132,22 +149,28 @@ public:
         const auto note = store_.note(*user, value(query, "key"));
         if (!note)
             return answer(res, 404);
-        res.set_header("Note-Key", note->key.toStdString());
-        res.set_header("Note-Modifydate", formatMicros(note->modifyMicros).toStdString());
-        res.set_header("Note-Createdate", formatMicros(note->createMicros).toStdString());
-        res.set_header("Note-Deleted", note->deleted ? "true" : "false");
+        res.headers = {
+            {"Note-Key", note->key.toStdString()},
+            {"Note-Modifydate", formatMicros(note->modifyMicros).toStdString()},
+            {"Note-Createdate", formatMicros(note->createMicros).toStdString()},
+            {"Note-Deleted", note->deleted ? "true" : "false"},
+        };
         answer(res, 200, note->text);
     }
 
-    void postNote(const httplib::Request& req, const std::string& body, httplib::Response& res) {
+    // Only an account holder may make the service read a large body.
+    bool admitNote(const HttpRequest& req, HttpResponse& res) {
+        return admitForm(req, res) && authorise(rawQuery(req), res).has_value();
+    }
+
+    void postNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
             return;
-        const auto decoded = decodeBase64(body);
-        if (!decoded)
+        const QString text = decodeBase64Text(req.body);
+        if (text.isNull())
             return answer(res, 400);
-        const QString text = QString::fromUtf8(*decoded);
         const QString key = value(query, "key");
         if (key.isNull())
             return answer(res, 200, store_.createNote(*user, text, nowMicros()));
@@ -156,7 +179,7 @@ public:
         answer(res, 200, key);
     }
 
-    void deleteNote(const httplib::Request& req, httplib::Response& res) {
+    void deleteNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
@@ -170,7 +193,7 @@ public:
         answer(res, 200, key);
     }
 
-    void search(const httplib::Request& req, httplib::Response& res) {
+    void search(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(query, res);
         if (!user)
@@ -207,69 +230,27 @@ private:
     ApiSettings settings_;
 };
 
-using Handler = void (Api::*)(const httplib::Request&, httplib::Response&);
-using BodyHandler = void (Api::*)(const httplib::Request&, const std::string&, httplib::Response&);
-
-// Runs work for one request and logs it: method, path without query, status, time taken.
-template <typename Work>
-void logged(const httplib::Request& req, httplib::Response& res, Work&& work) {
-    QElapsedTimer clock;
-    clock.start();
-    try {
-        work();
-    } catch (const std::exception& e) {
-        foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
-        answer(res, 500);
-    }
-    foundation::log(QStringLiteral("%1 %2 %3 %4 ms")
-                        .arg(QString::fromStdString(req.method), QString::fromStdString(req.path))
-                        .arg(res.status)
-                        .arg(clock.nsecsElapsed() / 1e6, 0, 'f', 2));
-}
-
 }  // namespace
 
-void installApi(httplib::Server& server, NotesStore& store, LoginThrottle& throttle,
+void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
                 const ApiSettings& settings) {
     auto api = std::make_shared<Api>(store, throttle, settings);
-    auto route = [api](Handler handler) {
-        return [api, handler](const httplib::Request& req, httplib::Response& res) {
-            logged(req, res, [&] { ((*api).*handler)(req, res); });
-        };
+    using Handler = void (Api::*)(const HttpRequest&, HttpResponse&);
+    using Admission = bool (*)(const HttpRequest&, HttpResponse&);
+    auto add = [&](const char* method, const char* path, Handler handler, std::size_t bodyLimit = 0,
+                   std::function<bool(const HttpRequest&, HttpResponse&)> admit = {}) {
+        server.addRoute({method, path, bodyLimit, std::move(admit),
+                         [api, handler](const HttpRequest& req, HttpResponse& res) {
+                             ((*api).*handler)(req, res);
+                         }});
     };
-    // Bodies are read here rather than by the HTTP library, which refuses every form-encoded
-    // body over 8 KiB, and clients of this API send their base64 under that content type.
-    const std::size_t limit = static_cast<std::size_t>(settings.maxBodyBytes);
-    auto routeWithBody = [api, limit](BodyHandler handler) {
-        return [api, handler, limit](const httplib::Request& req, httplib::Response& res,
-                                     const httplib::ContentReader& content) {
-            logged(req, res, [&] {
-                if (req.is_multipart_form_data())
-                    return answer(res, 400);
-                std::string body;
-                const bool read = content([&body, limit](const char* data, std::size_t size) {
-                    // Past the limit the rest is read and dropped, so the connection stays
-                    // usable for the refusal and the requests after it.
-                    if (body.size() <= limit)
-                        body.append(data, std::min(size, limit + 1 - body.size()));
-                    return true;
-                });
-                if (!read) {
-                    res.set_header("Connection", "close");
-                    return answer(res, res.status == 413 ? 413 : 400);
-                }
-                if (body.size() > limit)
-                    return answer(res, 413);
-                ((*api).*handler)(req, body, res);
-            });
-        };
-    };
-    server.Post("/api/login", routeWithBody(&Api::login));
-    server.Get("/api/index", route(&Api::index));
-    server.Get("/api/note", route(&Api::getNote));
-    server.Post("/api/note", routeWithBody(&Api::postNote));
-    server.Get("/api/delete", route(&Api::deleteNote));
-    server.Get("/api/search", route(&Api::search));
+    add("POST", "/api/login", &Api::login, kMaxLoginBodyBytes, Admission(&admitForm));
+    add("GET", "/api/index", &Api::index);
+    add("GET", "/api/note", &Api::getNote);
+    add("POST", "/api/note", &Api::postNote, static_cast<std::size_t>(settings.maxBodyBytes),
+        [api](const HttpRequest& req, HttpResponse& res) { return api->admitNote(req, res); });
+    add("GET", "/api/delete", &Api::deleteNote);
+    add("GET", "/api/search", &Api::search);
 }
 
 }  // namespace notes

@@ -5,11 +5,9 @@
 #include "service/Credentials.h"
 #include "service/NotesStore.h"
 
-namespace httplib {
-class Server;
-}
-
 namespace notes {
+
+class HttpServer;
 
 struct ApiSettings {
     std::chrono::seconds tokenLifetime{24 * 60 * 60};
@@ -18,10 +16,10 @@ struct ApiSettings {
 
 // The notes web API (v1) under /api: login, index, note (get and post), delete and search.
 // Every call but login needs auth=TOKEN&email=ADDRESS in its query string; query values are
-// read as sent, so "+" stays "+" (only %XX escapes are decoded). Error answers have empty
-// bodies. Each request is logged as method, path without query, status and time taken; nothing
-// else about it (no address, token, password or note text) ever reaches the log.
-void installApi(httplib::Server& server, NotesStore& store, LoginThrottle& throttle,
+// read as sent, so "+" stays "+" (only %XX escapes are decoded). Bodies are base64 of UTF-8
+// text; anything else is 400. Login bodies are capped at 4 KiB and addresses at 254 bytes; a
+// note body is read only for a valid token. Error answers have empty bodies.
+void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
                 const ApiSettings& settings);
 
 }  // namespace notes

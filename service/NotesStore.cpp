@@ -2,10 +2,12 @@
 
 #include <openssl/rand.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <QDateTime>
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <string_view>
 
@@ -112,6 +114,27 @@ QString formatMicros(qint64 micros) {
            QStringLiteral("%1").arg(micros % 1000000, 6, 10, QLatin1Char('0'));
 }
 
+namespace {
+
+// Every note and password hash is in these files: they are not served while other users can
+// read or change them. Says which file is open to others and how to close it, or nothing.
+std::string exposedFile(const QByteArray& file) {
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const QByteArray name = file + suffix;
+        struct stat info {};
+        if (::stat(name.constData(), &info) != 0 || (info.st_mode & 077) == 0)
+            continue;
+        const char* how = (info.st_mode & 044) ? "readable" : "writable";
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        return name.toStdString() + " is " + how + " by other users (mode " + mode +
+               "); make it private first: chmod 600 " + name.toStdString();
+    }
+    return {};
+}
+
+}  // namespace
+
 NotesStore::NotesStore(const QString& path) : reads_(path.toUtf8()) {
     const QByteArray file = path.toUtf8();
     if (sqlite3_open_v2(file.constData(), &db_,
@@ -125,18 +148,27 @@ NotesStore::NotesStore(const QString& path) : reads_(path.toUtf8()) {
     // mutex_ already keeps the connection to one thread at a time; SQLite's own locking on
     // every call would only cost time.
     sqlite3_busy_timeout(db_, 5000);
+    std::string exposed;
     try {
         // Reading the schema is the first thing that notices a file that is not a database.
         Statement(db_, "SELECT count(*) FROM sqlite_master").step();
-        execute("PRAGMA journal_mode=WAL");
-        execute("PRAGMA synchronous=FULL");
-        execute("PRAGMA foreign_keys=ON");
-        migrate();
+        exposed = exposedFile(file);
+        if (exposed.empty()) {
+            execute("PRAGMA journal_mode=WAL");
+            execute("PRAGMA synchronous=FULL");
+            execute("PRAGMA foreign_keys=ON");
+            migrate();
+        }
     } catch (const StoreError& e) {
         sqlite3_close(db_);
         db_ = nullptr;
         throw StoreError("database " + file.toStdString() + " is unusable (" + e.what() +
                          "); it was left as it is");
+    }
+    if (!exposed.empty()) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError(exposed);
     }
 }
 

@@ -1,18 +1,22 @@
 // ferrybox-notes: a small notes service speaking the notes web API (v1), with SQLite storage.
-#include <httplib.h>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QTextStream>
+#include <algorithm>
 #include <csignal>
+#include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
 
+#include "service/HttpServer.h"
 #include "service/NotesApi.h"
 
 namespace {
@@ -22,6 +26,7 @@ const char kHelp[] = R"(NAME
 
 SYNOPSIS
     ferrybox-notes serve [--listen HOST:PORT] [--db FILE] [--tls-cert FILE --tls-key FILE]
+                         [LIMITS]
     ferrybox-notes add-user EMAIL [--db FILE]
     ferrybox-notes remove-user EMAIL [--db FILE]
 
@@ -35,11 +40,27 @@ DESCRIPTION
 
     --db FILE     the SQLite database (default $XDG_DATA_HOME/ferrybox-notes/notes.db, that is
                   ~/.local/share/ferrybox-notes/notes.db). Every answered write is on disk.
+                  It is created readable by its owner only, and refused when other users
+                  can read or write it.
+
+LIMITS
+    What anyone who can reach the port may make the service spend. The defaults suit a home
+    server; a connection over a limit is closed, a request over one is answered 413 or 431.
+    --max-connections N             connections open at once (default 1000)
+    --max-connections-per-address N connections from one client address (default 64)
+    --idle-timeout SECONDS          a silent connection is closed (default 15)
+    --request-timeout SECONDS       time for the headers and body of one request
+                                    (default 30)
+    --connection-memory BYTES       buffers of one connection; the request line and headers
+                                    must fit (default 32768)
+    --max-body-bytes BYTES          a note's body, as sent in base64 (default 1048576); a
+                                    login body is at most 4096
+    --threads N                     threads serving connections (default 4)
 
     Passwords are stored as salted PBKDF2-HMAC-SHA256 hashes; session tokens last 24 hours
-    and are stored hashed. Five failed logins of one account within a minute make further
-    attempts wait (status 429). The log shows method, path, status and time of each request,
-    never addresses, passwords, tokens or note text.
+    and are stored hashed. Five failed logins of one account from one client address within
+    a minute make further attempts from that address wait (status 429). The log shows method,
+    path, status and time of each request, never addresses, passwords, tokens or note text.
 
 EXIT STATUS
     0 success, 1 failure (unusable database, address in use, unknown account), 2 bad usage
@@ -52,6 +73,37 @@ struct Arguments {
     QString db;
     QString tlsCert;
     QString tlsKey;
+    notes::HttpLimits limits;
+    qsizetype maxBodyBytes = notes::ApiSettings().maxBodyBytes;
+};
+
+// A whole number in [1, max], else nullopt.
+std::optional<qint64> positive(const QString& text, qint64 max) {
+    bool ok = false;
+    const qint64 n = text.toLongLong(&ok);
+    return ok && n >= 1 && n <= max ? std::optional(n) : std::nullopt;
+}
+
+// Options that take a positive number, each with its ceiling and where it goes.
+struct LimitOption {
+    const char* name;
+    qint64 max;
+    std::function<void(Arguments&, qint64)> set;
+};
+
+const LimitOption kLimitOptions[] = {
+    {"--max-connections", 1000000,
+     [](Arguments& a, qint64 n) { a.limits.maxConnections = static_cast<unsigned>(n); }},
+    {"--max-connections-per-address", 1000000,
+     [](Arguments& a, qint64 n) { a.limits.maxConnectionsPerAddress = static_cast<unsigned>(n); }},
+    {"--idle-timeout", 86400,
+     [](Arguments& a, qint64 n) { a.limits.idleTimeout = std::chrono::seconds(n); }},
+    {"--request-timeout", 86400,
+     [](Arguments& a, qint64 n) { a.limits.requestTimeout = std::chrono::seconds(n); }},
+    {"--connection-memory", 1 << 30,
+     [](Arguments& a, qint64 n) { a.limits.connectionMemory = static_cast<std::size_t>(n); }},
+    {"--max-body-bytes", qint64(1) << 32, [](Arguments& a, qint64 n) { a.maxBodyBytes = n; }},
+    {"--threads", 256, [](Arguments& a, qint64 n) { a.limits.threads = static_cast<unsigned>(n); }},
 };
 
 int fail(const QString& message, int status = 1) {
@@ -94,6 +146,19 @@ int parse(const QStringList& args, Arguments& a) {
             ok = next(a.tlsCert);
         } else if (arg == QLatin1String("--tls-key")) {
             ok = next(a.tlsKey);
+        } else if (auto option = std::find_if(
+                       std::begin(kLimitOptions), std::end(kLimitOptions),
+                       [&](const LimitOption& o) { return arg == QLatin1String(o.name); });
+                   option != std::end(kLimitOptions)) {
+            QString text;
+            if (!next(text))
+                return fail(QStringLiteral("%1 needs a value").arg(arg), 2);
+            const auto n = positive(text, option->max);
+            if (!n) {
+                return fail(
+                    QStringLiteral("%1 wants a number from 1 to %2").arg(arg).arg(option->max), 2);
+            }
+            option->set(a, *n);
         } else if (!arg.startsWith(QLatin1String("--")) && a.email.isNull()) {
             a.email = arg;
         } else {
@@ -126,11 +191,9 @@ QString readPassword() {
     return QString::fromStdString(line);
 }
 
-httplib::Server* gServer = nullptr;
-
-void stopServer(int) {
-    if (gServer)
-        gServer->stop();
+std::string readWhole(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : std::string();
 }
 
 int serve(const Arguments& a, notes::NotesStore& store) {
@@ -156,50 +219,43 @@ int serve(const Arguments& a, notes::NotesStore& store) {
                         .arg(host),
                     2);
     }
-    std::unique_ptr<httplib::Server> server;
+    std::string certificate, key;
     if (tls) {
-        auto secure = std::make_unique<httplib::SSLServer>(a.tlsCert.toUtf8().constData(),
-                                                           a.tlsKey.toUtf8().constData());
-        if (!secure->is_valid()) {
-            return fail(QStringLiteral("cannot use the TLS certificate or key (%1, %2)")
+        certificate = readWhole(a.tlsCert);
+        key = readWhole(a.tlsKey);
+        if (certificate.empty() || key.empty()) {
+            return fail(QStringLiteral("cannot read the TLS certificate or key (%1, %2)")
                             .arg(a.tlsCert, a.tlsKey));
         }
-        server = std::move(secure);
-    } else {
-        server = std::make_unique<httplib::Server>();
     }
     notes::LoginThrottle throttle;
     notes::ApiSettings settings;
+    settings.maxBodyBytes = a.maxBodyBytes;
     bool ok = false;
     const int lifetime = qEnvironmentVariableIntValue("FERRYBOX_NOTES_TOKEN_SECONDS", &ok);
     if (ok && lifetime > 0)
         settings.tokenLifetime = std::chrono::seconds(lifetime);
-    notes::installApi(*server, store, throttle, settings);
-    server->set_payload_max_length(static_cast<std::size_t>(settings.maxBodyBytes) * 2);
 
-    // The HTTP library listens with a backlog of 5, which turns a burst of clients away; the
-    // listening socket gets the system's full backlog once it is bound.
-    // Headers and body leave in separate writes; without this each answer waits for the
-    // client's delayed acknowledgement.
-    server->set_tcp_nodelay(true);
-    int listening = -1;
-    server->set_socket_options([&listening](int socket) {
-        listening = socket;
-        int yes = 1;
-        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-    if (!server->bind_to_port(host.toUtf8().constData(), port)) {
-        return fail(QStringLiteral("cannot listen on %1").arg(a.listen));
+    // The signals are taken by this thread alone, through sigwait below; the server's threads,
+    // started after this, inherit the blocked set.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    notes::HttpServer server(a.limits);
+    notes::installApi(server, store, throttle, settings);
+    if (const std::string error = server.start(host.toStdString(), port, certificate, key);
+        !error.empty()) {
+        return fail(
+            QStringLiteral("cannot listen on %1: %2").arg(a.listen, QString::fromStdString(error)));
     }
-    if (listening >= 0)
-        ::listen(listening, SOMAXCONN);
-    gServer = server.get();
-    std::signal(SIGINT, stopServer);
-    std::signal(SIGTERM, stopServer);
     QTextStream(stderr) << "ferrybox-notes: serving " << (tls ? "https" : "http") << "://"
                         << a.listen << "/api from " << a.db << Qt::endl;
-    server->listen_after_bind();
-    gServer = nullptr;
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    server.stop();
     return 0;
 }
 
@@ -218,6 +274,9 @@ int main(int argc, char** argv) {
     if (needsEmail && a.email.isEmpty())
         return fail(a.command + QStringLiteral(" needs EMAIL"), 2);
 
+    // The database holds every note and password hash: what this program creates is its
+    // owner's alone.
+    ::umask(077);
     QDir().mkpath(QFileInfo(a.db).absolutePath());
     try {
         notes::NotesStore store(a.db);
