@@ -24,6 +24,7 @@ public:
     QString dbPath() const { return dir_.path() + QStringLiteral("/notes.db"); }
     QString folder() const { return dir_.path(); }
     int port() const { return port_; }
+    qint64 pid() const { return process_.processId(); }
     // What the server wrote to standard error so far.
     QString log();
 
