@@ -30,6 +30,10 @@ std::optional<Options> parseOptions(const QStringList& arguments, const QString&
             options.email = *email;
         } else if (auto file = valueOf(QStringLiteral("--password-file"))) {
             options.passwordFile = *file;
+        } else if (auto link = valueOf(QStringLiteral("--resolve-video"))) {
+            options.resolveVideo = *link;
+        } else if (arg == QLatin1String("--hd")) {
+            options.hd = true;
         } else {
             *error = QStringLiteral("unknown argument: %1").arg(arg);
             return std::nullopt;
@@ -41,12 +45,17 @@ std::optional<Options> parseOptions(const QStringList& arguments, const QString&
         *error = QStringLiteral("--once needs --headless");
         return std::nullopt;
     }
+    if (options.hd && options.resolveVideo.isNull()) {
+        *error = QStringLiteral("--hd needs --resolve-video");
+        return std::nullopt;
+    }
     return options;
 }
 
 QString usageText() {
     return QStringLiteral(
         "Usage: ferrybox [--headless [--once]] [--email ADDRESS] [--password-file FILE]\n"
+        "       ferrybox --resolve-video LINK [--hd]\n"
         "\n"
         "Ferrybox watches the note \"Ferrybox_Downloads\" of your notes account and downloads\n"
         "every link written in it into your download folder.\n"
@@ -58,6 +67,11 @@ QString usageText() {
         "  --password-file FILE  read the password from the first line of FILE, which\n"
         "                        must not be readable by other users\n"
         "                        (also FERRYBOX_PASSWORD_FILE)\n"
+        "  --resolve-video LINK  print the direct media address, the title and the format\n"
+        "                        code (18, or 22 for high definition) of a YouTube watch\n"
+        "                        page, one a line, and quit; with --hd, ask for high\n"
+        "                        definition. A page that cannot be read or cut is told\n"
+        "                        on standard error (exit status 1)\n"
         "  --version             print the version\n"
         "  --help                print this text\n"
         "\n"

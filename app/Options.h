@@ -12,6 +12,8 @@ struct Options {
     bool version = false;
     QString email;         // null when not given
     QString passwordFile;  // null when not given; FERRYBOX_PASSWORD_FILE fills it too
+    QString resolveVideo;  // a watch-page link to resolve instead of running; null when not given
+    bool hd = false;
 };
 
 // Parses arguments (without the program name). On a mistake, error explains it.

@@ -2,8 +2,10 @@
 #include <QApplication>
 #include <QTextStream>
 
+#include "agent/YouTubeURLMaker.h"
 #include "app/Application.h"
 #include "app/Options.h"
+#include "foundation/TypeName.h"
 
 namespace {
 
@@ -11,6 +13,20 @@ bool haveDisplay() {
     return !qEnvironmentVariableIsEmpty("DISPLAY") ||
            !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
            !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
+}
+
+// The watch-page resolver, which the agent itself never calls, for a user who wants it.
+int resolveVideo(int argc, char** argv, const QString& link, bool hd) {
+    QCoreApplication app(argc, argv);
+    try {
+        QTextStream out(stdout);
+        for (const QString& line : YouTubeURLMaker::getYouTubeDownloadLink(link, hd))
+            out << line << "\n";
+        return 0;
+    } catch (const std::exception& e) {
+        QTextStream(stderr) << foundation::demangledTypeName(typeid(e)) << ": " << e.what() << "\n";
+        return 1;
+    }
 }
 
 }  // namespace
@@ -36,6 +52,8 @@ int main(int argc, char** argv) {
         out << "ferrybox " << FERRYBOX_VERSION << "\n";
         return 0;
     }
+    if (!options->resolveVideo.isNull())
+        return resolveVideo(argc, argv, options->resolveVideo, options->hd);
     if (options->headless) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     } else if (!haveDisplay()) {

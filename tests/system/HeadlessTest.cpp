@@ -189,4 +189,34 @@ TEST_F(HeadlessTest, TerminateSignalQuitsThroughTheGuard) {
     EXPECT_EQ(process.exitCode(), 0);
 }
 
+// The resolver, which the agent never calls, from the command line: its three lines, or the
+// exception's kind and message.
+TEST(ResolveVideoTest, PrintsTheThreeLinesOrWhatWentWrong) {
+    FixtureServer pages;
+    pages.on("GET", "/watch",
+             FixtureServer::respond(200, "18|http:\\/\\/cdn.example\\/v," + std::string(600, '.') +
+                                             "<meta name=\"title\" content=\"A &amp; B\">" +
+                                             std::string(600, '.')));
+    struct Case {
+        QString link;
+        int exitCode;
+        QString out;
+        QString err;  // a part of standard error
+    };
+    const Case cases[] = {
+        {pages.baseUrl() + "/watch?v=1", 0, "http://cdn.example/v\nA & B\n18\n", ""},
+        {QString("http://127.0.0.1:%1/watch").arg(FixtureServer::closedPort()), 1, "",
+         "std::invalid_argument: "},
+    };
+    for (const Case& c : cases) {
+        QProcess process;
+        process.start(qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox",
+                      {"--resolve-video", c.link});
+        ASSERT_TRUE(process.waitForFinished(30000));
+        EXPECT_EQ(process.exitCode(), c.exitCode) << c.link.toStdString();
+        EXPECT_EQ(QString::fromUtf8(process.readAllStandardOutput()), c.out);
+        EXPECT_TRUE(QString::fromUtf8(process.readAllStandardError()).contains(c.err));
+    }
+}
+
 }  // namespace
