@@ -306,6 +306,22 @@ TEST_F(ExposureTest, OddRequests) {
     EXPECT_EQ(answers[1].body, "second");
 }
 
+TEST_F(ExposureTest, LimitsOutsideTheirRangeAreRefusedAtStart) {
+    const QStringList refused[] = {{"--threads", "0"},
+                                   {"--max-connections", "-5"},
+                                   {"--idle-timeout", "soon"},
+                                   {"--connection-memory", "2147483648"},
+                                   {"--max-body-bytes"}};
+    for (const QStringList& limit : refused) {
+        QString output;
+        EXPECT_EQ(server_->runCommand(QStringList{"serve", "--listen", "127.0.0.1:1"} + limit, {},
+                                      &output),
+                  2)
+            << limit.join(' ').toStdString();
+        EXPECT_TRUE(output.contains(limit[0])) << output.toStdString();
+    }
+}
+
 // The failure table keeps the most recently failed pairs of account and address, so a stream of
 // made-up addresses cannot grow it; a pair pushed out starts afresh.
 TEST(LoginThrottleTest, HoldsOnlyTheNewestPairs) {
