@@ -31,7 +31,7 @@ struct HttpResponse {
 // only their connection slot and its memory, both bounded here.
 struct HttpLimits {
     unsigned maxConnections = 1000;
-    unsigned maxConnectionsPerAddress = 64;
+    unsigned maxConnectionsPerAddress = 128;
     // A connection silent this long is closed.
     std::chrono::seconds idleTimeout{15};
     // The request line, headers and body of one request must all arrive within this, counted

@@ -11,6 +11,7 @@
 #include <QTextStream>
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -18,6 +19,7 @@
 
 #include "service/HttpServer.h"
 #include "service/NotesApi.h"
+#include "service/WebPage.h"
 
 namespace {
 
@@ -29,11 +31,14 @@ SYNOPSIS
                          [LIMITS]
     ferrybox-notes add-user EMAIL [--db FILE]
     ferrybox-notes remove-user EMAIL [--db FILE]
+    ferrybox-notes --help | --version
 
 DESCRIPTION
     serve         answers the notes web API (v1) under /api: login, index, note, delete and
-                  search. Plain HTTP is served only on loopback addresses; any other address
-                  needs --tls-cert and --tls-key (PEM files). Default address 127.0.0.1:8080.
+                  search; at / it serves a web page for reading and writing notes from a
+                  browser or phone (/?q=TEXT opens the newest note holding TEXT). Plain
+                  HTTP is served only on loopback addresses; any other address needs
+                  --tls-cert and --tls-key (PEM files). Default address 127.0.0.1:8080.
     add-user      creates an account; the password is read from standard input (first line),
                   or asked for without echo on a terminal.
     remove-user   deletes an account with all its notes and sessions.
@@ -42,12 +47,13 @@ DESCRIPTION
                   ~/.local/share/ferrybox-notes/notes.db). Every answered write is on disk.
                   It is created readable by its owner only, and refused when other users
                   can read or write it.
+    --help        prints this text; --version prints the program's version.
 
 LIMITS
     What anyone who can reach the port may make the service spend. The defaults suit a home
     server; a connection over a limit is closed, a request over one is answered 413 or 431.
     --max-connections N             connections open at once (default 1000)
-    --max-connections-per-address N connections from one client address (default 64)
+    --max-connections-per-address N connections from one client address (default 128)
     --idle-timeout SECONDS          a silent connection is closed (default 15)
     --request-timeout SECONDS       time for the headers and body of one request
                                     (default 30)
@@ -123,6 +129,10 @@ int parse(const QStringList& args, Arguments& a) {
     if (args.size() < 2 || args[1] == QLatin1String("--help") || args[1] == QLatin1String("-h")) {
         std::fputs(kHelp, args.size() < 2 ? stderr : stdout);
         return args.size() < 2 ? 2 : 0;
+    }
+    if (args[1] == QLatin1String("--version")) {
+        std::printf("ferrybox-notes %s\n", FERRYBOX_VERSION);
+        return 0;
     }
     a.command = args[1];
     for (qsizetype i = 2; i < args.size(); ++i) {
@@ -246,6 +256,7 @@ int serve(const Arguments& a, notes::NotesStore& store) {
 
     notes::HttpServer server(a.limits);
     notes::installApi(server, store, throttle, settings);
+    notes::installWebPage(server);
     if (const std::string error = server.start(host.toStdString(), port, certificate, key);
         !error.empty()) {
         return fail(
