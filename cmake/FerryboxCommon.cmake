@@ -14,3 +14,8 @@ function(ferrybox_add_library name)
     add_library(${name} STATIC ${ARG_SOURCES})
     target_link_libraries(${name} PUBLIC ferrybox_common ${ARG_DEPENDS})
 endfunction()
+
+# The version that every program prints with --version: the project's, from the top-level
+# CMakeLists.txt, and nowhere else.
+add_library(ferrybox_version INTERFACE)
+target_compile_definitions(ferrybox_version INTERFACE FERRYBOX_VERSION="${PROJECT_VERSION}")

@@ -21,6 +21,7 @@ const char kHelp[] = R"(NAME
 
 SYNOPSIS
     ferrybox-json [--fragment] [--pretty] [--sort-keys] [--max-depth N] [FILE|-]
+    ferrybox-json --help | --version
 
 DESCRIPTION
     Parses the JSON text of FILE (standard input when FILE is "-" or absent) and writes the
@@ -39,6 +40,7 @@ OPTIONS
                     The tool never accepts more than 10000 levels: 0 ("no limit") and any
                     larger N mean 10000
     --help          show this text
+    --version       show the program's version
 
 EXIT STATUS
     0   the input was valid; its rewritten form is on standard output
@@ -69,6 +71,9 @@ int parseArguments(const QStringList& arguments, Options& options) {
         const QString& a = arguments[i];
         if (a == QLatin1String("--help")) {
             std::fputs(kHelp, stdout);
+            return 0;
+        } else if (a == QLatin1String("--version")) {
+            std::printf("ferrybox-json %s\n", FERRYBOX_VERSION);
             return 0;
         } else if (a == QLatin1String("--fragment")) {
             options.fragment = true;
