@@ -1,5 +1,6 @@
 // The ferrybox executable: the tray agent, or with --headless the same agent without windows.
 #include <QApplication>
+#include <QIcon>
 #include <QTextStream>
 
 #include "agent/YouTubeURLMaker.h"
@@ -66,6 +67,9 @@ int main(int argc, char** argv) {
     QApplication::setApplicationName(QStringLiteral("Ferrybox"));
     QApplication::setApplicationVersion(QStringLiteral(FERRYBOX_VERSION));
     QApplication::setQuitOnLastWindowClosed(false);
+    // The installed icon of the desktop's theme; from the build tree, the tray's.
+    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("ferrybox"),
+                                                 QIcon(QStringLiteral(":/images/ntwrk_16.png"))));
 
     Application agent(*options);
     if (!agent.start())

@@ -15,7 +15,7 @@ void orderFrontStandardAboutPanel() {
                                                "every link you write into your download note.")
                                     .arg(QApplication::applicationVersion()),
                                 QMessageBox::Ok);
-        panel->setIconPixmap(QIcon(QStringLiteral(":/images/ntwrk_16.png")).pixmap(64, 64));
+        panel->setIconPixmap(QApplication::windowIcon().pixmap(64, 64));
         panel->setAttribute(Qt::WA_DeleteOnClose);
         panel->setModal(false);
     }
