@@ -37,10 +37,11 @@ QString passwordFile() {
     return configFolder() + QStringLiteral("/quick-start-password");
 }
 
+// 192 random bits, as 32 characters that need no quoting anywhere.
 QString randomPassword() {
-    QByteArray bytes(18, '\0');
-    QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(bytes.data()),
-                                          bytes.size() / sizeof(quint32));
+    quint32 words[6];
+    QRandomGenerator::system()->fillRange(words);
+    const QByteArray bytes(reinterpret_cast<const char*>(words), sizeof words);
     return QString::fromLatin1(bytes.toBase64(QByteArray::Base64UrlEncoding));
 }
 

@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "platform/KCKeychainItem.h"
@@ -63,6 +64,10 @@ TEST_P(QuickStartTest, FirstRunMakesEverythingSecondRunReusesIt) {
         << first.err.toStdString();
     EXPECT_TRUE(first.err.contains(webPage));
     EXPECT_TRUE(first.err.contains("newcomer@localhost"));
+    const QRegularExpressionMatch shown =
+        QRegularExpression("Password:  (\\S+)\n").match(first.err);
+    ASSERT_TRUE(shown.hasMatch());
+    const QString password = shown.captured(1);
     EXPECT_TRUE(first.err.contains("POST /api/login 200"));
     EXPECT_TRUE(first.err.contains("Note Created"));
 
@@ -70,13 +75,17 @@ TEST_P(QuickStartTest, FirstRunMakesEverythingSecondRunReusesIt) {
     const QString passwordFile = configFile("quick-start-password");
     if (keyring()) {
         EXPECT_FALSE(QFile::exists(passwordFile));
-        EXPECT_NE(
-            KCGenericKeychainItem::genericKeychainItemForService("Ferrybox", "newcomer@localhost"),
-            nullptr);
+        const auto item =
+            KCGenericKeychainItem::genericKeychainItemForService("Ferrybox", "newcomer@localhost");
+        ASSERT_NE(item, nullptr);
+        EXPECT_EQ(item->password(), password);
     } else {
         struct stat info {};
         ASSERT_EQ(::stat(passwordFile.toUtf8().constData(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0600u);
+        QFile file(passwordFile);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_EQ(QString::fromUtf8(file.readAll()), password + "\n");
     }
     QFile settings(configFile("Ferrybox.conf"));
     ASSERT_TRUE(settings.open(QIODevice::ReadOnly));
