@@ -34,6 +34,12 @@ while(templates)
     list(POP_FRONT templates template destination)
     cmake_path(GET template STEM LAST_ONLY name)
     configure_file("${FERRYBOX_TEMPLATES}/${template}" "${staging}/${name}" @ONLY)
+    # Manual pages are kept compressed, as man and Debian expect; -n keeps the output the same
+    # from one build to the next.
+    if(destination MATCHES "man1$")
+        execute_process(COMMAND gzip -9nf "${staging}/${name}" COMMAND_ERROR_IS_FATAL ANY)
+        string(APPEND name ".gz")
+    endif()
     if(NOT IS_ABSOLUTE "${destination}")
         set(destination "${CMAKE_INSTALL_PREFIX}/${destination}")
     endif()

@@ -45,7 +45,7 @@ check_install() {
     done
     for file in "${programs[@]}"; do
         lines[bin/$file]="$file $version"
-        lines[share/man/man1/$file.1]="Ferrybox $version"
+        lines[share/man/man1/$file.1.gz]="Ferrybox $version"
     done
     for file in "${!lines[@]}"; do
         line=${lines[$file]}
@@ -71,7 +71,7 @@ check_install() {
         desktop-file-validate "$root$prefix/share/applications/ferrybox.desktop"
     local warnings
     for file in "${programs[@]}"; do
-        local page="$root$prefix/share/man/man1/$file.1" option
+        local page="$root$prefix/share/man/man1/$file.1.gz" option
         warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
         [ -z "$warnings" ] || fail "man $file.1: $warnings"
         for option in $("$root$prefix/bin/$file" --help | grep -o -- '--[a-z][a-z-]*' | sort -u); do
