@@ -300,8 +300,8 @@ async function start() {
             history.replaceState(history.state, '', location.pathname);
             if (found.Results.length)
                 return await openNote(found.Results[0].key);
+            // The search list below tells that nothing matched.
             state.query = $('query').value = wanted;
-            say(`No note holds “${wanted}”.`);
         } catch (error) {
             return fail('Could not look for the note', error);
         }
