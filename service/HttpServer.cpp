@@ -1,7 +1,6 @@
 #include "service/HttpServer.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
@@ -11,7 +10,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <mutex>
 #include <optional>
+#include <vector>
 
 #include "foundation/Log.h"
 #include "service/RequestDeadlines.h"
