@@ -50,7 +50,8 @@ TEST(LoginItemsTest, TickTwiceListsOnceUntickTakesItOff) {
     EXPECT_TRUE(QDir(autostart).entryList(QDir::Files).isEmpty());
 }
 
-// A path with characters the Exec key reserves is quoted and escaped as the desktop entry format requires.
+// A path with characters the Exec key reserves is quoted and escaped as the desktop entry format
+// requires.
 TEST(LoginItemsTest, PathsThatNeedQuotingAreQuoted) {
     testsupport::TempHome home;
     LoginItemsList& list = LoginItemsList::sessionLoginItems();
