@@ -9,16 +9,16 @@ namespace {
 
 // A lookup in nothing gives nothing; asking a value of the wrong kind for a member or an element
 // raises (see TWJsonValue).
-const TWJsonValue* member(const TWJsonValue* value, const QString& key) {
-    return value ? value->valueForKey(key) : nullptr;
+std::optional<TWJsonValue> member(const std::optional<TWJsonValue>& value, const QString& key) {
+    return value ? value->valueForKey(key) : std::nullopt;
 }
 
-const TWJsonValue* element(const TWJsonValue* value, qsizetype index) {
-    return value ? &value->at(index) : nullptr;
+std::optional<TWJsonValue> element(const std::optional<TWJsonValue>& value, qsizetype index) {
+    return value ? std::optional(value->at(index)) : std::nullopt;
 }
 
-QString stringMember(const TWJsonValue* value, const QString& key) {
-    const TWJsonValue* found = member(value, key);
+QString stringMember(const std::optional<TWJsonValue>& value, const QString& key) {
+    const std::optional<TWJsonValue> found = member(value, key);
     return found && found->isString() ? found->stringValue() : QString();
 }
 
@@ -38,9 +38,10 @@ void LWSimplenote::init() {
                 kDeleteNote);
 }
 
-std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue* dictionary) {
+std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue* given) {
     auto note = LWSNObject::create<LWSimplenote>();
-    const TWJsonValue* first = element(
+    const std::optional<TWJsonValue> dictionary = given ? std::optional(*given) : std::nullopt;
+    const std::optional<TWJsonValue> first = element(
         member(member(dictionary, QStringLiteral("Response")), QStringLiteral("Results")), 0);
     note->key_ = stringMember(first, QStringLiteral("key"));
     note->text_ = stringMember(first, QStringLiteral("content"));
@@ -50,8 +51,8 @@ std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue
     const QString create = stringMember(dictionary, QStringLiteral("create"));
     if (!create.isNull())
         note->createDate_ = noteDateFromString(create);
-    if (const TWJsonValue* deleted = member(dictionary, QStringLiteral("deleted")))
-        note->deleted_ = *deleted;
+    if (std::optional<TWJsonValue> deleted = member(dictionary, QStringLiteral("deleted")))
+        note->deleted_ = std::move(deleted);
     return note;
 }
 

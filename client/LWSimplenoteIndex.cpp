@@ -44,7 +44,7 @@ void LWSimplenoteIndex::pullFromRemoteSuccessWithResponse(
             notes.push_back(LWSimplenote::noteWithDictionary(&element));
         // Walking a dictionary walks its keys. A key is a string, which has no members, so the
         // first one raises: nothing guards this, and the answer ends unannounced.
-        for (const TWJsonMember& member : answer->members()) {
+        for (const TWJsonMember member : answer->members()) {
             const TWJsonValue key = TWJsonValue::string(member.key);
             notes.push_back(LWSimplenote::noteWithDictionary(&key));
         }

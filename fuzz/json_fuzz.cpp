@@ -1,6 +1,8 @@
 // Any bytes: parsed as a string (bytes that are not UTF-8 are no input) and as UTF-8 bytes;
 // whatever parses is written back, compact and indented, and must parse again to the same value.
+// The UTF-8 writer must give what Qt's encoder makes of the UTF-16 writer's text.
 #include <QByteArray>
+#include <QStringEncoder>
 #include <cstdint>
 #include <cstdlib>
 
@@ -24,6 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         writer.setHumanReadable(readable);
         const QString written = writer.stringWithFragment(*fromText);
         if (written.isNull())
+            std::abort();
+        QStringEncoder encoder(QStringEncoder::Utf8);
+        if (writer.utf8WithFragment(*fromText) != QByteArray(encoder(written)))
             std::abort();
         // A surrogate pair escape keeps only the low 16 bits of its code point, which can be a
         // lone surrogate unit; text holding one has no UTF-8 form and cannot come back unchanged.

@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "Classes/TWJSON/TWJSON.h"
-#include "foundation/Utf8.h"
 
 namespace {
 
@@ -98,9 +97,9 @@ int parseArguments(const QStringList& arguments, Options& options) {
     return -1;
 }
 
-// Parses text and writes the value to standard output, or the error trace to standard error;
-// returns the exit status.
-int convert(const Options& options, const QString& text) {
+// Parses the bytes, lets go of them, and writes the value to standard output, or the error
+// trace to standard error; returns the exit status.
+int convert(const Options& options, QByteArray& bytes) {
     TWJSON json;
     // No limit of the user's own still leaves the ceiling, and the writer's indentation needs a
     // limit to count against.
@@ -110,8 +109,13 @@ int convert(const Options& options, const QString& text) {
     json.setHumanReadable(options.pretty);
     json.setSortKeys(options.sortKeys);
 
-    std::optional<TWJsonValue> value = json.objectWithString(text, options.fragment, nullptr);
-    QString output = value ? json.stringWithObject(*value, options.fragment, nullptr) : QString();
+    std::optional<TWJsonValue> value = json.objectWithUTF8(bytes, options.fragment, nullptr);
+    // The value holds copies of all it needs: the input's memory can go before the output's
+    // is taken.
+    bytes = QByteArray();
+    const QByteArray output =
+        value ? json.utf8WithObject(*value, options.fragment, nullptr) : QByteArray();
+    value.reset();
     if (output.isNull()) {
         QTextStream err(stderr);
         if (const auto trace = json.errorTrace()) {
@@ -121,10 +125,9 @@ int convert(const Options& options, const QString& text) {
         }
         return 1;
     }
-    QTextStream out(stdout);
-    out.setEncoding(QStringConverter::Utf8);
-    out << output << '\n';
-    return 0;
+    std::fwrite(output.constData(), 1, static_cast<std::size_t>(output.size()), stdout);
+    std::fputc('\n', stdout);
+    return std::fflush(stdout) == 0 ? 0 : 2;
 }
 
 }  // namespace
@@ -146,9 +149,12 @@ int main(int argc, char** argv) {
                             << "\n";
         return 2;
     }
-    const QByteArray bytes = input.readAll();
-    const QString text = foundation::strictUtf8(bytes);
-    if (text.isNull()) {
+    // Empty input is empty text, which the parser reports; a null array would be no input.
+    QByteArray bytes = input.readAll();
+    if (bytes.isNull())
+        bytes = QByteArray("");
+    input.close();
+    if (!isValidUTF8(bytes.constData(), bytes.size())) {
         QTextStream(stderr) << "ferrybox-json: " << name << " is not UTF-8 text\n";
         return 2;
     }
@@ -156,7 +162,7 @@ int main(int argc, char** argv) {
     int status = 2;
     // Parsing, writing and letting go of a value each take stack in proportion to its nesting;
     // the work gets a stack that the deepest nesting the tool accepts cannot exhaust.
-    QThread* worker = QThread::create([&] { status = convert(options, text); });
+    QThread* worker = QThread::create([&] { status = convert(options, bytes); });
     worker->setStackSize(kWorkerStackBytes);
     worker->start();
     worker->wait();

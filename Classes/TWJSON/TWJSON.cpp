@@ -21,6 +21,15 @@ std::optional<TWJsonValue> TWJSON::fragmentWithString(const QString& string,
     return objectWithString(string, true, error);
 }
 
+std::optional<TWJsonValue> TWJSON::objectWithUTF8(const QByteArray& utf8, bool allowScalar,
+                                                  foundation::Error* error) {
+    std::optional<TWJsonValue> value =
+        allowScalar ? jsonParser_.fragmentWithUTF8(utf8) : jsonParser_.objectWithUTF8(utf8);
+    if (!value)
+        takeTrace(jsonParser_, error);
+    return value;
+}
+
 QString TWJSON::stringWithObject(const TWJsonValue& value, foundation::Error* error) {
     return stringWithObject(value, false, error);
 }
@@ -36,6 +45,15 @@ QString TWJSON::stringWithObject(const TWJsonValue& value, bool allowScalar,
 
 QString TWJSON::stringWithFragment(const TWJsonValue& value, foundation::Error* error) {
     return stringWithObject(value, true, error);
+}
+
+QByteArray TWJSON::utf8WithObject(const TWJsonValue& value, bool allowScalar,
+                                  foundation::Error* error) {
+    QByteArray text =
+        allowScalar ? jsonWriter_.utf8WithFragment(value) : jsonWriter_.utf8WithObject(value);
+    if (text.isNull())
+        takeTrace(jsonWriter_, error);
+    return text;
 }
 
 void TWJSON::setMaxDepth(quint64 maxDepth) {

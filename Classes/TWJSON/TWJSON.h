@@ -19,9 +19,15 @@ public:
     std::optional<TWJsonValue> fragmentWithString(const QString& string,
                                                   foundation::Error* error = nullptr);
 
+    // The same over UTF-8 bytes; bytes that are not UTF-8 are no input.
+    std::optional<TWJsonValue> objectWithUTF8(const QByteArray& utf8, bool allowScalar,
+                                              foundation::Error* error);
+
     QString stringWithObject(const TWJsonValue& value, foundation::Error* error = nullptr);
     QString stringWithObject(const TWJsonValue& value, bool allowScalar, foundation::Error* error);
     QString stringWithFragment(const TWJsonValue& value, foundation::Error* error = nullptr);
+    // The text as UTF-8 bytes; null on failure.
+    QByteArray utf8WithObject(const TWJsonValue& value, bool allowScalar, foundation::Error* error);
 
     // Sets the limit of the parser and the writer alike.
     void setMaxDepth(quint64 maxDepth) override;

@@ -1,42 +1,37 @@
 #include "Classes/TWJSON/TWJsonParser.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
+#include "Classes/TWJSON/TWJsonDocument.h"
+#include "Classes/TWJSON/TWJsonText.h"
 #include "foundation/Log.h"
+
+using twjson::Node;
+using twjson::Tag;
 
 namespace {
 
-// The bytes that end a run of ordinary string bytes: NUL, the control bytes, the double quote
-// and the backslash.
-struct ByteTables {
-    bool stop[256] = {};
+struct SpaceBytes {
     bool space[256] = {};
-    constexpr ByteTables() {
-        for (int b = 0; b < 0x20; ++b)
-            stop[b] = true;
-        stop[static_cast<unsigned char>('"')] = true;
-        stop[static_cast<unsigned char>('\\')] = true;
+    constexpr SpaceBytes() {
         for (unsigned char b : {' ', '\t', '\n', '\v', '\f', '\r'})
             space[b] = true;
     }
 };
-constexpr ByteTables kTables;
+constexpr SpaceBytes kSpaces;
 
 inline bool isDigit(char ch) {
     return ch >= '0' && ch <= '9';
 }
 
-// Appends a run of valid UTF-8; ASCII runs go in without a temporary string.
-void appendUtf8(QString& out, const char* run, qsizetype length) {
-    bool ascii = true;
-    for (qsizetype i = 0; i < length && ascii; ++i)
-        ascii = static_cast<signed char>(run[i]) >= 0;
-    if (ascii) {
-        out.append(QLatin1String(run, length));
-    } else {
-        out.append(QString::fromUtf8(run, length));
-    }
-}
+constexpr std::size_t kFirstStackNodes = 256;
+// A parse that needed more stack than this gives it back when done.
+constexpr std::size_t kKeptStackNodes = 64 * 1024;
+// A container at least this large, opened near the bottom of the stack, takes over the stack's
+// own block instead of being copied out of it: a huge top-level array is never held twice.
+constexpr std::size_t kHandOverBytes = 1024 * 1024;
 
 }  // namespace
 
@@ -85,13 +80,17 @@ bool isValidUTF8(const char* bytes, qsizetype length) {
     return true;
 }
 
+TWJsonParser::~TWJsonParser() {
+    std::free(stack_);
+}
+
 std::optional<TWJsonValue> TWJsonParser::fragmentWithString(const QString& string) {
     clearErrorTrace();
     if (string.isNull()) {
         addErrorWithCode(TWJsonErrorNilInput, QStringLiteral("Input was 'nil'"));
         return std::nullopt;
     }
-    return parse(std::make_shared<const QByteArray>(string.toUtf8()));
+    return parse(string.toUtf8());
 }
 
 std::optional<TWJsonValue> TWJsonParser::objectWithString(const QString& string) {
@@ -104,7 +103,7 @@ std::optional<TWJsonValue> TWJsonParser::fragmentWithUTF8(const QByteArray& utf8
         addErrorWithCode(TWJsonErrorNilInput, QStringLiteral("Input was 'nil'"));
         return std::nullopt;
     }
-    return parse(std::make_shared<const QByteArray>(utf8));
+    return parse(utf8);
 }
 
 std::optional<TWJsonValue> TWJsonParser::objectWithUTF8(const QByteArray& utf8) {
@@ -121,29 +120,37 @@ std::optional<TWJsonValue> TWJsonParser::onlyContainers(std::optional<TWJsonValu
     return value;
 }
 
-std::optional<TWJsonValue> TWJsonParser::parse(std::shared_ptr<const QByteArray> source) {
+std::optional<TWJsonValue> TWJsonParser::parse(const QByteArray& utf8) {
     depth_ = 0;
-    source_ = std::move(source);
-    c_ = source_->constData();
-    end_ = c_ + source_->size();
-    for (KeySlot& slot : keyCache_)
-        slot = KeySlot();
-    TWJsonValue value;
+    top_ = 0;
+    c_ = utf8.constData();
+    end_ = c_ + utf8.size();
+    auto doc = std::make_unique<twjson::Document>();
+    doc_ = doc.get();
+    Node value;
     const bool complete = scanValue(value) && scanIsAtEnd();
-    pending_.clear();  // what a failed parse left there
-    // Numbers of the result keep the input alive; the parser lets go of it.
-    source_.reset();
+    top_ = 0;
+    doc_ = nullptr;
+    c_ = end_ = nullptr;
+    if (capacity_ > kKeptStackNodes) {
+        std::free(stack_);
+        stack_ = nullptr;
+        capacity_ = 0;
+    }
     if (!complete) {
         if (!errorTrace()) {
             addErrorWithCode(TWJsonErrorTrailingGarbage, QStringLiteral("Garbage after JSON"));
         }
         return std::nullopt;
     }
-    return value;
+    doc->root = value;
+    if (value.tag() == Tag::Array || value.tag() == Tag::Dictionary)
+        doc->rootCapacity = value.count();
+    return twjson::Access::adoptRoot(doc.release());
 }
 
 void TWJsonParser::skipWhitespace() {
-    while (kTables.space[static_cast<unsigned char>(*c_)])
+    while (kSpaces.space[static_cast<unsigned char>(*c_)])
         ++c_;
 }
 
@@ -152,7 +159,7 @@ bool TWJsonParser::scanIsAtEnd() {
     return *c_ == '\0';
 }
 
-bool TWJsonParser::scanValue(TWJsonValue& out) {
+bool TWJsonParser::scanValue(Node& out) {
     skipWhitespace();
     const char ch = *c_++;
     switch (ch) {
@@ -160,13 +167,8 @@ bool TWJsonParser::scanValue(TWJsonValue& out) {
             return scanRestOfDictionary(out);
         case '[':
             return scanRestOfArray(out);
-        case '"': {
-            QString text;
-            if (!scanRestOfString(text))
-                return false;
-            out = TWJsonValue::string(std::move(text));
-            return true;
-        }
+        case '"':
+            return scanRestOfString(out);
         case 't':
             return scanRestOfTrue(out);
         case 'f':
@@ -198,30 +200,30 @@ bool TWJsonParser::scanValue(TWJsonValue& out) {
     }
 }
 
-bool TWJsonParser::scanRestOfTrue(TWJsonValue& out) {
+bool TWJsonParser::scanRestOfTrue(Node& out) {
     if (std::strncmp(c_, "rue", 3) == 0) {
         c_ += 3;
-        out = TWJsonValue::boolean(true);
+        out = twjson::kTrueNode;
         return true;
     }
     addErrorWithCode(TWJsonErrorParse, QStringLiteral("Expected 'true'"));
     return false;
 }
 
-bool TWJsonParser::scanRestOfFalse(TWJsonValue& out) {
+bool TWJsonParser::scanRestOfFalse(Node& out) {
     if (std::strncmp(c_, "alse", 4) == 0) {
         c_ += 4;
-        out = TWJsonValue::boolean(false);
+        out = twjson::kFalseNode;
         return true;
     }
     addErrorWithCode(TWJsonErrorParse, QStringLiteral("Expected 'false'"));
     return false;
 }
 
-bool TWJsonParser::scanRestOfNull(TWJsonValue& out) {
+bool TWJsonParser::scanRestOfNull(Node& out) {
     if (std::strncmp(c_, "ull", 3) == 0) {
         c_ += 3;
-        out = TWJsonValue::null();
+        out = twjson::kNullNode;
         return true;
     }
     addErrorWithCode(TWJsonErrorParse, QStringLiteral("Expected 'null'"));
@@ -237,30 +239,65 @@ bool TWJsonParser::enterContainer() {
     return true;
 }
 
-bool TWJsonParser::scanRestOfArray(TWJsonValue& out) {
+void TWJsonParser::push(const Node& node) {
+    if (top_ == capacity_) {
+        const std::size_t capacity = std::max(kFirstStackNodes, capacity_ * 2);
+        void* grown = std::realloc(stack_, capacity * sizeof(Node));
+        if (!grown)
+            throw std::bad_alloc();
+        stack_ = static_cast<Node*>(grown);
+        capacity_ = capacity;
+    }
+    stack_[top_++] = node;
+}
+
+Node* TWJsonParser::takeItems(std::size_t base) {
+    const std::size_t n = top_ - base;
+    if (n == 0)
+        return nullptr;
+    if (n * sizeof(Node) >= kHandOverBytes && base * 4 <= n) {
+        const std::size_t keep = std::max(kFirstStackNodes, base * 2);
+        auto* fresh = static_cast<Node*>(std::malloc(keep * sizeof(Node)));
+        if (!fresh)
+            throw std::bad_alloc();
+        if (base)
+            std::memcpy(fresh, stack_, base * sizeof(Node));
+        void* block = std::realloc(stack_, top_ * sizeof(Node));
+        if (!block)
+            block = stack_;
+        stack_ = fresh;
+        capacity_ = keep;
+        top_ = base;
+        doc_->arena.adopt(block);
+        return static_cast<Node*>(block) + base;
+    }
+    Node* items = doc_->arena.allocateNodes(n);
+    std::memcpy(items, stack_ + base, n * sizeof(Node));
+    top_ = base;
+    return items;
+}
+
+bool TWJsonParser::scanRestOfArray(Node& out) {
     if (!enterContainer())
         return false;
-    // Elements wait on the parser's shared stack, so the array is allocated once, at its final
-    // size, instead of growing element by element.
-    const std::size_t base = pending_.size();
+    // Elements wait on the parser's stack, so the array is stored once, at its final size.
+    const std::size_t base = top_;
     while (*c_ != '\0') {
         skipWhitespace();
         if (*c_ == ']') {
             ++c_;
             --depth_;
-            const auto first = pending_.begin() + static_cast<std::ptrdiff_t>(base);
-            out = TWJsonValue::array(std::vector<TWJsonValue>(
-                std::make_move_iterator(first), std::make_move_iterator(pending_.end())));
-            pending_.erase(first, pending_.end());
+            const std::size_t n = top_ - base;
+            out = Node::of(Tag::Array, takeItems(base), n);
             return true;
         }
-        TWJsonValue element;
+        Node element;
         if (!scanValue(element)) {
             addErrorWithCode(TWJsonErrorParse,
                              QStringLiteral("Expected value while parsing array"));
             return false;
         }
-        pending_.push_back(std::move(element));
+        push(element);
         skipWhitespace();
         // A missing comma is not an error: "[1 2]" has two elements.
         if (*c_ == ',') {
@@ -277,25 +314,54 @@ bool TWJsonParser::scanRestOfArray(TWJsonValue& out) {
     return false;
 }
 
-bool TWJsonParser::scanRestOfDictionary(TWJsonValue& out) {
+void TWJsonParser::addMember(std::size_t base, std::unique_ptr<twjson::KeyIndex>& index,
+                             const Node& key, const Node& value) {
+    const std::size_t count = (top_ - base) / 2;
+    std::uint64_t at = twjson::kNotFound;
+    if (index) {
+        at = index->find(stack_ + base, key);
+    } else {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (twjson::sameKey(stack_[base + 2 * i], key)) {
+                at = i;
+                break;
+            }
+        }
+    }
+    if (at != twjson::kNotFound) {
+        stack_[base + 2 * at + 1] = value;
+        return;
+    }
+    push(key);
+    push(value);
+    if (index) {
+        index->add(stack_ + base, count);
+    } else if (count + 1 > twjson::kIndexThreshold) {
+        index =
+            std::make_unique<twjson::KeyIndex>(twjson::KeyIndex::over(stack_ + base, count + 1));
+    }
+}
+
+bool TWJsonParser::scanRestOfDictionary(Node& out) {
     if (!enterContainer())
         return false;
-    TWJsonValue dictionary = TWJsonValue::dictionary();
+    const std::size_t base = top_;
+    // Large dictionaries find repeated keys through an index, which the document then keeps.
+    std::unique_ptr<twjson::KeyIndex> index;
     while (*c_ != '\0') {
         skipWhitespace();
         if (*c_ == '}') {
             ++c_;
             --depth_;
-            out = std::move(dictionary);
+            const std::size_t n = (top_ - base) / 2;
+            Node* members = takeItems(base);
+            if (index)
+                doc_->ensureExtras().indexes.emplace(members, std::move(*index));
+            out = Node::of(Tag::Dictionary, members, n);
             return true;
         }
-        QString key;
-        const char* keyStart = c_ + 1;
-        const char* keyEnd = *c_ == '"' ? endOfRun(keyStart) : nullptr;
-        if (keyEnd && *keyEnd == '"') {
-            key = keyFromRun(keyStart, keyEnd - keyStart);
-            c_ = keyEnd + 1;
-        } else if (*c_ != '"' || (++c_, !scanRestOfString(key))) {
+        Node key;
+        if (*c_ != '"' || (++c_, !scanRestOfString(key))) {
             addErrorWithCode(TWJsonErrorParse, QStringLiteral("Object key string expected"));
             return false;
         }
@@ -306,13 +372,13 @@ bool TWJsonParser::scanRestOfDictionary(TWJsonValue& out) {
             return false;
         }
         ++c_;
-        TWJsonValue value;
+        Node value;
         if (!scanValue(value)) {
-            addErrorWithCode(TWJsonErrorParse,
-                             QStringLiteral("Object value expected for key: %1").arg(key));
+            addErrorWithCode(TWJsonErrorParse, QStringLiteral("Object value expected for key: %1")
+                                                   .arg(twjson::qstringFromWtf8(key.text())));
             return false;
         }
-        dictionary.insert(std::move(key), std::move(value));
+        addMember(base, index, key, value);
         skipWhitespace();
         if (*c_ == ',') {
             ++c_;
@@ -328,65 +394,26 @@ bool TWJsonParser::scanRestOfDictionary(TWJsonValue& out) {
     return false;
 }
 
-// The first byte at or after p that ends a run of ordinary string bytes. Eight bytes are tested
-// at once while they lie before the end of the input.
-const char* TWJsonParser::endOfRun(const char* p) const {
-    constexpr quint64 ones = 0x0101010101010101ULL;
-    constexpr quint64 highs = 0x8080808080808080ULL;
-    while (end_ - p >= 8) {
-        quint64 v;
-        std::memcpy(&v, p, 8);
-        const quint64 quote = v ^ (ones * '"');
-        const quint64 backslash = v ^ (ones * '\\');
-        const quint64 control = (v - ones * 0x20) & ~v;
-        const quint64 stops =
-            (((quote - ones) & ~quote) | ((backslash - ones) & ~backslash) | control) & highs;
-        if (stops)
-            break;
-        p += 8;
-    }
-    while (!kTables.stop[static_cast<unsigned char>(*p)])
-        ++p;
-    return p;
-}
-
-QString TWJsonParser::keyFromRun(const char* start, qsizetype length) {
-    if (length > 48)
-        return QString::fromUtf8(start, length);
-    std::size_t hash = 14695981039346656037ULL;
-    for (qsizetype i = 0; i < length; ++i) {
-        hash = (hash ^ static_cast<unsigned char>(start[i])) * 1099511628211ULL;
-    }
-    KeySlot& slot = keyCache_[hash % kKeySlots];
-    if (slot.bytes && slot.length == length && std::memcmp(slot.bytes, start, length) == 0) {
-        return slot.key;
-    }
-    slot.bytes = start;
-    slot.length = length;
-    slot.key = QString::fromUtf8(start, length);
-    return slot.key;
-}
-
-bool TWJsonParser::scanRestOfString(QString& out) {
+bool TWJsonParser::scanRestOfString(Node& out) {
     // The common string has no escape: one run, then the closing quote.
     const char* start = c_;
-    while (!kTables.stop[static_cast<unsigned char>(*c_)])
-        ++c_;
+    c_ = twjson::endOfPlainRun(c_, end_);
     if (*c_ == '"') {
-        out = QString::fromUtf8(start, c_ - start);
+        out = doc_->text(true, std::string_view(start, static_cast<std::size_t>(c_ - start)));
         ++c_;
         return true;
     }
-    QString result;
-    result.reserve(std::max<qsizetype>(16, (c_ - start) + 16));
-    // Input arrives as valid UTF-8 and runs end only at ASCII bytes, so every run decodes.
-    if (c_ != start)
-        appendUtf8(result, start, c_ - start);
+    return scanEscapedString(start, out);
+}
+
+// Input arrives as valid UTF-8 and runs end only at ASCII bytes, so every run is whole text.
+bool TWJsonParser::scanEscapedString(const char* start, Node& out) {
+    scratch_.assign(start, static_cast<std::size_t>(c_ - start));
     for (;;) {
         const signed char ch = static_cast<signed char>(*c_);
         if (ch == '"') {
             ++c_;
-            out = std::move(result);
+            out = doc_->text(true, scratch_);
             return true;
         }
         if (ch == '\\') {
@@ -428,7 +455,7 @@ bool TWJsonParser::scanRestOfString(QString& out) {
                                          .arg(static_cast<quint16>(unit), 0, 16));
                     return false;
             }
-            result.append(QChar(unit));
+            twjson::appendUnitWtf8(scratch_, unit);
             ++c_;
         } else if (ch < 0x20) {
             addErrorWithCode(TWJsonErrorControlChar,
@@ -444,10 +471,8 @@ bool TWJsonParser::scanRestOfString(QString& out) {
             return false;
         }
         start = c_;
-        while (!kTables.stop[static_cast<unsigned char>(*c_)])
-            ++c_;
-        if (c_ != start)
-            appendUtf8(result, start, c_ - start);
+        c_ = twjson::endOfPlainRun(c_, end_);
+        scratch_.append(start, static_cast<std::size_t>(c_ - start));
     }
 }
 
@@ -504,7 +529,7 @@ bool TWJsonParser::scanHexQuad(char16_t& out) {
     return true;
 }
 
-bool TWJsonParser::scanNumber(TWJsonValue& out) {
+bool TWJsonParser::scanNumber(Node& out) {
     const char* start = c_;
     if (*c_ == '-')
         ++c_;
@@ -543,7 +568,6 @@ bool TWJsonParser::scanNumber(TWJsonValue& out) {
             ++c_;
     }
     // The decimal keeps the literal's exact text, so it never fails to be made.
-    out = TWJsonValue::number(source_, static_cast<quint32>(start - source_->constData()),
-                              static_cast<quint32>(c_ - start));
+    out = doc_->text(false, std::string_view(start, static_cast<std::size_t>(c_ - start)));
     return true;
 }

@@ -4,10 +4,16 @@
 #include <QString>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "Classes/TWJSON/TWJsonBase.h"
 #include "Classes/TWJSON/TWJsonValue.h"
+
+namespace twjson {
+struct Document;
+class KeyIndex;
+}  // namespace twjson
 
 // A recursive-descent scanner over the UTF-8 bytes of its input, with one cursor. Stricter than
 // the JSON grammar in places (no leading "+" or "0", no trailing comma) and looser in others
@@ -26,42 +32,48 @@ public:
     std::optional<TWJsonValue> fragmentWithUTF8(const QByteArray& utf8);
     std::optional<TWJsonValue> objectWithUTF8(const QByteArray& utf8);
 
+    TWJsonParser() = default;
+    TWJsonParser(const TWJsonParser&) = delete;
+    TWJsonParser& operator=(const TWJsonParser&) = delete;
+    ~TWJsonParser() override;
+
 private:
-    std::optional<TWJsonValue> parse(std::shared_ptr<const QByteArray> source);
-    QString keyFromRun(const char* start, qsizetype length);
-    const char* endOfRun(const char* p) const;
+    std::optional<TWJsonValue> parse(const QByteArray& utf8);
     std::optional<TWJsonValue> onlyContainers(std::optional<TWJsonValue> value);
 
-    bool scanValue(TWJsonValue& out);
-    bool scanRestOfTrue(TWJsonValue& out);
-    bool scanRestOfFalse(TWJsonValue& out);
-    bool scanRestOfNull(TWJsonValue& out);
-    bool scanRestOfArray(TWJsonValue& out);
-    bool scanRestOfDictionary(TWJsonValue& out);
-    bool scanRestOfString(QString& out);
+    bool scanValue(twjson::Node& out);
+    bool scanRestOfTrue(twjson::Node& out);
+    bool scanRestOfFalse(twjson::Node& out);
+    bool scanRestOfNull(twjson::Node& out);
+    bool scanRestOfArray(twjson::Node& out);
+    bool scanRestOfDictionary(twjson::Node& out);
+    bool scanRestOfString(twjson::Node& out);
+    bool scanEscapedString(const char* start, twjson::Node& out);
     bool scanUnicodeChar(char16_t& out);
     bool scanHexQuad(char16_t& out);
-    bool scanNumber(TWJsonValue& out);
+    bool scanNumber(twjson::Node& out);
     bool scanIsAtEnd();
     bool enterContainer();
     void skipWhitespace();
 
+    void push(const twjson::Node& node);
+    // The nodes pushed since base, as one run in the document; the stack drops back to base.
+    twjson::Node* takeItems(std::size_t base);
+    // Adds a member to the dictionary whose members start at base, or replaces the value of an
+    // earlier member of the same key.
+    void addMember(std::size_t base, std::unique_ptr<twjson::KeyIndex>& index,
+                   const twjson::Node& key, const twjson::Node& value);
+
     const char* c_ = nullptr;
     const char* end_ = nullptr;  // the terminating NUL
-    // The input, shared by every number of the result (numbers wrap its bytes).
-    std::shared_ptr<const QByteArray> source_;
-    // Elements of the arrays still open, innermost last.
-    std::vector<TWJsonValue> pending_;
-
-    // Recently seen object keys: documents repeat their keys, and a key met again is shared
-    // instead of decoded and allocated anew. Emptied for every input.
-    struct KeySlot {
-        const char* bytes = nullptr;
-        qsizetype length = 0;
-        QString key;
-    };
-    static constexpr std::size_t kKeySlots = 256;
-    std::vector<KeySlot> keyCache_ = std::vector<KeySlot>(kKeySlots);
+    twjson::Document* doc_ = nullptr;
+    // Elements and members of the containers still open, innermost last; grown with realloc,
+    // which moves large blocks by remapping pages rather than copying them.
+    twjson::Node* stack_ = nullptr;
+    std::size_t top_ = 0;
+    std::size_t capacity_ = 0;
+    // Strings with escapes are decoded here.
+    std::string scratch_;
 };
 
 // Whether bytes are well-formed UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).

@@ -1,15 +1,19 @@
 #include "Classes/TWJSON/TWJsonValue.h"
 
-#include <QHash>
 #include <QLocale>
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
+#include <string>
+
+#include "Classes/TWJSON/TWJsonDocument.h"
+#include "Classes/TWJSON/TWJsonText.h"
+
+using twjson::Document;
+using twjson::Node;
+using twjson::Tag;
 
 namespace {
-
-// Small dictionaries are searched linearly; past this size a hash index takes over.
-constexpr std::size_t kIndexThreshold = 12;
-// Fresh containers start small: most objects and arrays of real documents are.
-constexpr std::size_t kDictionaryCapacity = 7;
 
 std::string kindName(TWJsonValue::Type type) {
     switch (type) {
@@ -31,10 +35,30 @@ std::string kindName(TWJsonValue::Type type) {
     return "a value";
 }
 
-const std::vector<TWJsonValue> kNoElements;
-const std::vector<TWJsonMember> kNoMembers;
 const std::shared_ptr<const TWJsonCustom> kNoCustom;
-const QString kNoText;
+
+// Compaction waits until the waste is worth a copy.
+constexpr std::size_t kWasteWorthCompacting = 64 * 1024;
+
+Node keyNode(Document& doc, const QString& key) {
+    std::string bytes;
+    twjson::appendWtf8(bytes, key);
+    return doc.text(true, bytes);
+}
+
+// A key to look for: short keys live in the node, longer ones point into bytes.
+Node probeKey(const QString& key, std::string& bytes) {
+    twjson::appendWtf8(bytes, key);
+    if (bytes.size() <= twjson::kShortTextBytes)
+        return Node::shortText(Tag::ShortString, bytes.data(), bytes.size());
+    return Node::of(Tag::LongString, bytes.data(), bytes.size());
+}
+
+TWJsonValue newDocument(const Node& root) {
+    auto* doc = new Document;
+    doc->root = root;
+    return twjson::Access::adoptRoot(doc);
+}
 
 }  // namespace
 
@@ -42,69 +66,54 @@ std::optional<TWJsonValue> TWJsonCustom::proxyForJson() const {
     return std::nullopt;
 }
 
-struct TWJsonValue::Container {
-    std::vector<TWJsonValue> elements;
-    std::vector<TWJsonMember> members;
-    std::unique_ptr<QHash<QString, std::size_t>> index;
-    std::shared_ptr<const TWJsonCustom> custom;
+TWJsonValue::TWJsonValue(const TWJsonValue& other) noexcept : doc_(other.doc_), node_(other.node_) {
+    Document::retain(doc_);
+}
 
-    Container() = default;
-    Container(const Container& other)
-        : elements(other.elements), members(other.members), custom(other.custom) {
-        if (other.index)
-            index = std::make_unique<QHash<QString, std::size_t>>(*other.index);
-    }
+TWJsonValue::TWJsonValue(TWJsonValue&& other) noexcept : doc_(other.doc_), node_(other.node_) {
+    other.doc_ = nullptr;
+    other.node_ = &twjson::kNullNode;
+}
 
-    std::ptrdiff_t find(const QString& key) const {
-        if (index) {
-            auto it = index->constFind(key);
-            return it == index->constEnd() ? -1 : static_cast<std::ptrdiff_t>(*it);
-        }
-        for (std::size_t i = 0; i < members.size(); ++i) {
-            if (!members[i].nonStringKey && members[i].key == key) {
-                return static_cast<std::ptrdiff_t>(i);
-            }
-        }
-        return -1;
-    }
+TWJsonValue& TWJsonValue::operator=(const TWJsonValue& other) noexcept {
+    Document::retain(other.doc_);
+    Document::release(doc_);
+    doc_ = other.doc_;
+    node_ = other.node_;
+    return *this;
+}
 
-    void add(TWJsonMember&& member) {
-        members.push_back(std::move(member));
-        if (index) {
-            index->insert(members.back().key, members.size() - 1);
-        } else if (members.size() > kIndexThreshold) {
-            index = std::make_unique<QHash<QString, std::size_t>>();
-            index->reserve(static_cast<qsizetype>(members.size() * 2));
-            for (std::size_t i = 0; i < members.size(); ++i) {
-                if (!members[i].nonStringKey)
-                    index->insert(members[i].key, i);
-            }
-        }
+TWJsonValue& TWJsonValue::operator=(TWJsonValue&& other) noexcept {
+    if (this != &other) {
+        Document::release(doc_);
+        doc_ = other.doc_;
+        node_ = other.node_;
+        other.doc_ = nullptr;
+        other.node_ = &twjson::kNullNode;
     }
-};
+    return *this;
+}
+
+TWJsonValue::~TWJsonValue() {
+    Document::release(doc_);
+}
 
 TWJsonValue TWJsonValue::boolean(bool b) {
     TWJsonValue v;
-    v.type_ = Type::Boolean;
-    v.bool_ = b;
+    v.node_ = b ? &twjson::kTrueNode : &twjson::kFalseNode;
+    return v;
+}
+
+TWJsonValue TWJsonValue::text(bool string, const QString& s) {
+    std::string bytes;
+    twjson::appendWtf8(bytes, s);
+    TWJsonValue v = newDocument(twjson::kNullNode);
+    v.doc_->root = v.doc_->text(string, bytes);
     return v;
 }
 
 TWJsonValue TWJsonValue::number(const QString& decimalText) {
-    TWJsonValue v;
-    v.type_ = Type::Number;
-    v.text_ = decimalText.isNull() ? QStringLiteral("") : decimalText;
-    return v;
-}
-
-TWJsonValue TWJsonValue::number(std::shared_ptr<const QByteArray> source, quint32 offset,
-                                quint32 length) {
-    TWJsonValue v;
-    v.type_ = Type::Number;
-    v.sliceOffset_ = offset;
-    v.sliceLength_ = length;
-    v.shared_ = std::move(source);
-    return v;
+    return text(false, decimalText);
 }
 
 TWJsonValue TWJsonValue::number(qint64 n) {
@@ -116,111 +125,205 @@ TWJsonValue TWJsonValue::number(double d) {
 }
 
 TWJsonValue TWJsonValue::string(const QString& s) {
-    TWJsonValue v;
-    v.type_ = Type::String;
-    v.text_ = s;
-    return v;
-}
-
-TWJsonValue TWJsonValue::string(QString&& s) {
-    TWJsonValue v;
-    v.type_ = Type::String;
-    v.text_ = std::move(s);
-    return v;
+    return text(true, s);
 }
 
 TWJsonValue TWJsonValue::array() {
-    TWJsonValue v;
-    v.type_ = Type::Array;
-    v.shared_ = std::make_shared<Container>();
-    return v;
+    return newDocument(Node::of(Tag::Array));
 }
 
-TWJsonValue TWJsonValue::array(std::vector<TWJsonValue>&& elements) {
-    TWJsonValue v;
-    v.type_ = Type::Array;
-    auto c = std::make_shared<Container>();
-    c->elements = std::move(elements);
-    v.shared_ = std::move(c);
+TWJsonValue TWJsonValue::array(const std::vector<TWJsonValue>& elements) {
+    TWJsonValue v = array();
+    v.reserve(static_cast<qsizetype>(elements.size()));
+    for (const TWJsonValue& element : elements)
+        v.append(element);
     return v;
 }
 
 TWJsonValue TWJsonValue::dictionary() {
-    TWJsonValue v;
-    v.type_ = Type::Dictionary;
-    auto c = std::make_shared<Container>();
-    c->members.reserve(kDictionaryCapacity);
-    v.shared_ = std::move(c);
-    return v;
+    return newDocument(Node::of(Tag::Dictionary));
 }
 
 TWJsonValue TWJsonValue::custom(std::shared_ptr<const TWJsonCustom> object) {
-    TWJsonValue v;
-    v.type_ = Type::Custom;
-    auto c = std::make_shared<Container>();
-    c->custom = std::move(object);
-    v.shared_ = std::move(c);
+    TWJsonValue v = newDocument(Node::of(Tag::Custom));
+    v.doc_->ensureExtras().customs.push_back(std::move(object));
     return v;
 }
 
-namespace {
-
-QLatin1String slice(const std::shared_ptr<const void>& shared, quint32 offset, quint32 length) {
-    const auto* source = static_cast<const QByteArray*>(shared.get());
-    return QLatin1String(source->constData() + offset, length);
+TWJsonValue::Type TWJsonValue::type() const {
+    switch (node_->tag()) {
+        case Tag::Null:
+        case Tag::OtherKey:
+            return Type::Null;
+        case Tag::False:
+        case Tag::True:
+            return Type::Boolean;
+        case Tag::ShortNumber:
+        case Tag::LongNumber:
+            return Type::Number;
+        case Tag::ShortString:
+        case Tag::LongString:
+            return Type::String;
+        case Tag::Array:
+            return Type::Array;
+        case Tag::Dictionary:
+            return Type::Dictionary;
+        case Tag::Custom:
+            return Type::Custom;
+    }
+    return Type::Null;
 }
 
-}  // namespace
-
 QString TWJsonValue::numberText() const {
-    if (type_ != Type::Number)
-        return QString();
-    return shared_ ? QString(slice(shared_, sliceOffset_, sliceLength_)) : text_;
+    return node_->isNumber() ? twjson::qstringFromWtf8(node_->text()) : QString();
 }
 
 void TWJsonValue::appendNumberText(QString& out) const {
-    if (type_ != Type::Number)
-        return;
-    if (shared_) {
-        out.append(slice(shared_, sliceOffset_, sliceLength_));
-    } else {
-        out.append(text_);
-    }
+    if (node_->isNumber())
+        out.append(numberText());
 }
 
-// Containers are shared between copies; the first write to a shared one copies it.
-TWJsonValue::Container& TWJsonValue::mutableContainer() {
-    if (!shared_) {
-        shared_ = std::make_shared<Container>();
-    } else if (shared_.use_count() > 1) {
-        shared_ = std::make_shared<Container>(*container());
+QString TWJsonValue::stringValue() const {
+    return node_->isString() ? twjson::qstringFromWtf8(node_->text()) : QString();
+}
+
+const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {
+    return node_->tag() == Tag::Custom ? doc_->extras->customs[node_->count()] : kNoCustom;
+}
+
+qsizetype TWJsonValue::count() const {
+    const Tag tag = node_->tag();
+    return tag == Tag::Array || tag == Tag::Dictionary ? static_cast<qsizetype>(node_->count()) : 0;
+}
+
+TWJsonValue TWJsonValue::at(qsizetype index) const {
+    if (node_->tag() != Tag::Array)
+        throw std::invalid_argument("TWJsonValue::at: " + kindName(type()) + " has no elements");
+    if (index < 0 || static_cast<std::uint64_t>(index) >= node_->count()) {
+        throw std::out_of_range("TWJsonValue::at: index " + std::to_string(index) +
+                                " beyond bounds of " + std::to_string(count()) + " elements");
     }
-    return *const_cast<Container*>(container());
+    return twjson::Access::at(doc_, node_->items() + index);
+}
+
+std::optional<TWJsonValue> TWJsonValue::valueForKey(const QString& key) const {
+    if (node_->tag() != Tag::Dictionary) {
+        throw std::invalid_argument("TWJsonValue::valueForKey: " + kindName(type()) +
+                                    " has no members");
+    }
+    std::string bytes;
+    const std::uint64_t at = twjson::findMember(doc_, *node_, probeKey(key, bytes));
+    if (at == twjson::kNotFound)
+        return std::nullopt;
+    return twjson::Access::at(doc_, &twjson::valueAt(*node_, at));
+}
+
+QStringList TWJsonValue::keys() const {
+    QStringList list;
+    for (const TWJsonMember& m : members())
+        list << m.key;
+    return list;
+}
+
+TWJsonMembers TWJsonValue::members() const {
+    return TWJsonMembers(*this);
+}
+
+TWJsonElements TWJsonValue::elements() const {
+    return TWJsonElements(*this);
+}
+
+// Writes go to a document this handle holds alone, at its root; anything else is copied first.
+Document* TWJsonValue::writableDocument(std::uint64_t extra) {
+    if (doc_ && node_ == &doc_->root && doc_->references.load(std::memory_order_acquire) == 1)
+        return doc_;
+    auto* fresh = new Document;
+    fresh->root = twjson::copyInto(*fresh, doc_, *node_, extra);
+    fresh->rootCapacity = fresh->root.count() + extra;
+    Document::release(doc_);
+    doc_ = fresh;
+    node_ = &fresh->root;
+    return fresh;
+}
+
+// Moves the root's elements or members to storage with room for capacity of them.
+void TWJsonValue::resizeRoot(Document& doc, std::uint64_t capacity) {
+    Node& root = doc.root;
+    const std::uint64_t count = root.count();
+    const std::uint64_t width = root.tag() == Tag::Array ? 1 : 2;
+    Node* items = doc.arena.allocateNodes(capacity * width);
+    if (count)
+        std::memcpy(items, root.items(), count * width * sizeof(Node));
+    doc.garbage += doc.rootCapacity * width * sizeof(Node);
+    if (doc.extras) {
+        auto& indexes = doc.extras->indexes;
+        if (auto it = indexes.find(root.items()); it != indexes.end()) {
+            twjson::KeyIndex index = std::move(it->second);
+            indexes.erase(it);
+            indexes.emplace(items, std::move(index));
+        }
+    }
+    root = Node::of(root.tag(), items, count);
+    doc.rootCapacity = capacity;
+}
+
+// Makes room for one more element or member at the root, doubling its storage when full.
+void TWJsonValue::growRoot(Document& doc) {
+    if (doc.root.count() == doc.rootCapacity)
+        resizeRoot(doc, std::max<std::uint64_t>(4, doc.rootCapacity * 2));
+}
+
+void TWJsonValue::compactIfWasteful() {
+    if (doc_->garbage < kWasteWorthCompacting || doc_->garbage * 2 < doc_->arena.bytesHeld())
+        return;
+    auto* fresh = new Document;
+    fresh->root = twjson::copyInto(*fresh, doc_, doc_->root);
+    fresh->rootCapacity = fresh->root.count();
+    Document::release(doc_);
+    doc_ = fresh;
+    node_ = &fresh->root;
 }
 
 void TWJsonValue::append(const TWJsonValue& value) {
-    if (type_ == Type::Array)
-        mutableContainer().elements.push_back(value);
-}
-
-void TWJsonValue::append(TWJsonValue&& value) {
-    if (type_ == Type::Array)
-        mutableContainer().elements.push_back(std::move(value));
+    if (node_->tag() != Tag::Array)
+        return;
+    Document& doc = *writableDocument(1);
+    // The copy comes first: value may be this very array.
+    const Node element = twjson::copyInto(doc, value.doc_, *value.node_);
+    growRoot(doc);
+    const std::uint64_t count = doc.root.count();
+    doc.root.mutableItems()[count] = element;
+    doc.root = Node::of(Tag::Array, doc.root.items(), count + 1);
 }
 
 void TWJsonValue::insert(const QString& key, const TWJsonValue& value) {
-    insert(QString(key), TWJsonValue(value));
-}
-
-void TWJsonValue::insert(QString&& key, TWJsonValue&& value) {
-    if (type_ != Type::Dictionary)
+    if (node_->tag() != Tag::Dictionary)
         return;
-    Container& c = mutableContainer();
-    if (const std::ptrdiff_t at = c.find(key); at >= 0) {
-        c.members[static_cast<std::size_t>(at)].value = std::move(value);
+    Document& doc = *writableDocument(1);
+    const Node member = twjson::copyInto(doc, value.doc_, *value.node_);
+    const Node name = keyNode(doc, key);
+    const std::uint64_t at = twjson::findMember(&doc, doc.root, name);
+    if (at != twjson::kNotFound) {
+        Node& old = doc.root.mutableItems()[2 * at + 1];
+        doc.garbage += twjson::footprint(old) + twjson::footprint(name);
+        old = member;
+        compactIfWasteful();
         return;
     }
-    c.add(TWJsonMember{std::move(key), std::move(value), nullptr});
+    growRoot(doc);
+    const std::uint64_t count = doc.root.count();
+    Node* items = doc.root.mutableItems();
+    items[2 * count] = name;
+    items[2 * count + 1] = member;
+    doc.root = Node::of(Tag::Dictionary, items, count + 1);
+    if (count + 1 > twjson::kIndexThreshold) {
+        auto& indexes = doc.ensureExtras().indexes;
+        if (auto it = indexes.find(items); it != indexes.end()) {
+            it->second.add(items, count);
+        } else {
+            indexes.emplace(items, twjson::KeyIndex::over(items, count + 1));
+        }
+    }
 }
 
 void TWJsonValue::insertWithNonStringKey(const TWJsonValue& key, const TWJsonValue& value) {
@@ -228,98 +331,136 @@ void TWJsonValue::insertWithNonStringKey(const TWJsonValue& key, const TWJsonVal
         insert(key.stringValue(), value);
         return;
     }
-    if (type_ != Type::Dictionary)
+    if (node_->tag() != Tag::Dictionary)
         return;
-    Container& c = mutableContainer();
-    c.members.push_back(
-        TWJsonMember{key.numberText(), value, std::make_shared<const TWJsonValue>(key)});
-    c.index.reset();  // positions changed meaning; linear search serves until the next rebuild
+    Document& doc = *writableDocument(1);
+    const Node member = twjson::copyInto(doc, value.doc_, *value.node_);
+    auto& otherKeys = doc.ensureExtras().otherKeys;
+    otherKeys.push_back(key);
+    growRoot(doc);
+    const std::uint64_t count = doc.root.count();
+    Node* items = doc.root.mutableItems();
+    items[2 * count] = Node::of(Tag::OtherKey, nullptr, otherKeys.size() - 1);
+    items[2 * count + 1] = member;
+    doc.root = Node::of(Tag::Dictionary, items, count + 1);
 }
 
 void TWJsonValue::reserve(qsizetype n) {
-    if (type_ == Type::Array)
-        mutableContainer().elements.reserve(static_cast<std::size_t>(n));
-    if (type_ == Type::Dictionary)
-        mutableContainer().members.reserve(static_cast<std::size_t>(n));
+    const Tag tag = node_->tag();
+    if ((tag != Tag::Array && tag != Tag::Dictionary) || n <= count())
+        return;
+    const auto wanted = static_cast<std::uint64_t>(n);
+    Document& doc = *writableDocument(wanted - node_->count());
+    if (doc.rootCapacity < wanted)
+        resizeRoot(doc, wanted);
 }
 
-const QString& TWJsonValue::stringValue() const {
-    return type_ == Type::String ? text_ : kNoText;
+namespace {
+
+bool sameNodes(const Document* da, const Node& a, const Document* db, const Node& b);
+
+QString otherKeyText(const Document* doc, const Node& key) {
+    return doc->extras->otherKeys[key.count()].numberText();
 }
 
-const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {
-    return type_ == Type::Custom ? container()->custom : kNoCustom;
-}
-
-qsizetype TWJsonValue::count() const {
-    if (type_ == Type::Array)
-        return static_cast<qsizetype>(container()->elements.size());
-    if (type_ == Type::Dictionary)
-        return static_cast<qsizetype>(container()->members.size());
-    return 0;
-}
-
-const TWJsonValue& TWJsonValue::at(qsizetype index) const {
-    if (type_ != Type::Array)
-        throw std::invalid_argument("TWJsonValue::at: " + kindName(type_) + " has no elements");
-    if (index < 0 || static_cast<std::size_t>(index) >= container()->elements.size()) {
-        throw std::out_of_range("TWJsonValue::at: index " + std::to_string(index) +
-                                " beyond bounds of " + std::to_string(count()) + " elements");
+bool sameMemberKeys(const Document* da, const Node& a, const Document* db, const Node& b) {
+    if (a.tag() == Tag::OtherKey || b.tag() == Tag::OtherKey) {
+        const QString ta =
+            a.tag() == Tag::OtherKey ? otherKeyText(da, a) : twjson::qstringFromWtf8(a.text());
+        const QString tb =
+            b.tag() == Tag::OtherKey ? otherKeyText(db, b) : twjson::qstringFromWtf8(b.text());
+        return ta == tb;
     }
-    return container()->elements[static_cast<std::size_t>(index)];
+    return a.text() == b.text();
 }
 
-const TWJsonValue* TWJsonValue::valueForKey(const QString& key) const {
-    if (type_ != Type::Dictionary) {
-        throw std::invalid_argument("TWJsonValue::valueForKey: " + kindName(type_) +
-                                    " has no members");
-    }
-    const std::ptrdiff_t at = container()->find(key);
-    return at < 0 ? nullptr : &container()->members[static_cast<std::size_t>(at)].value;
-}
-
-QStringList TWJsonValue::keys() const {
-    QStringList list;
-    for (const auto& m : members())
-        list << m.key;
-    return list;
-}
-
-const std::vector<TWJsonMember>& TWJsonValue::members() const {
-    return type_ == Type::Dictionary ? container()->members : kNoMembers;
-}
-
-const std::vector<TWJsonValue>& TWJsonValue::elements() const {
-    return type_ == Type::Array ? container()->elements : kNoElements;
-}
-
-bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
-    if (a.type_ != b.type_)
-        return false;
-    switch (a.type_) {
-        case TWJsonValue::Type::Null:
-            return true;
-        case TWJsonValue::Type::Boolean:
-            return a.bool_ == b.bool_;
-        case TWJsonValue::Type::Number:
-            return a.numberText() == b.numberText();
-        case TWJsonValue::Type::String:
-            return a.text_ == b.text_;
-        case TWJsonValue::Type::Array:
-            return a.elements() == b.elements();
-        case TWJsonValue::Type::Dictionary: {
-            const auto& am = a.members();
-            const auto& bm = b.members();
-            if (am.size() != bm.size())
+bool sameNodes(const Document* da, const Node& a, const Document* db, const Node& b) {
+    switch (a.tag()) {
+        case Tag::Null:
+        case Tag::False:
+        case Tag::True:
+            return a.tag() == b.tag();
+        case Tag::ShortNumber:
+        case Tag::LongNumber:
+            return b.isNumber() && a.text() == b.text();
+        case Tag::ShortString:
+        case Tag::LongString:
+            return b.isString() && a.text() == b.text();
+        case Tag::Custom:
+            return b.tag() == Tag::Custom &&
+                   da->extras->customs[a.count()] == db->extras->customs[b.count()];
+        case Tag::OtherKey:
+            return false;
+        case Tag::Array:
+            if (b.tag() != Tag::Array || a.count() != b.count())
                 return false;
-            for (std::size_t i = 0; i < am.size(); ++i) {
-                if (am[i].key != bm[i].key || !(am[i].value == bm[i].value))
+            for (std::uint64_t i = 0; i < a.count(); ++i) {
+                if (!sameNodes(da, a.items()[i], db, b.items()[i]))
                     return false;
             }
             return true;
-        }
-        case TWJsonValue::Type::Custom:
-            return a.customObject() == b.customObject();
+        case Tag::Dictionary:
+            if (b.tag() != Tag::Dictionary || a.count() != b.count())
+                return false;
+            for (std::uint64_t i = 0; i < a.count(); ++i) {
+                if (!sameMemberKeys(da, twjson::keyAt(a, i), db, twjson::keyAt(b, i)) ||
+                    !sameNodes(da, twjson::valueAt(a, i), db, twjson::valueAt(b, i)))
+                    return false;
+            }
+            return true;
     }
     return false;
+}
+
+}  // namespace
+
+bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
+    return sameNodes(a.doc_, *a.node_, b.doc_, *b.node_);
+}
+
+TWJsonValue TWJsonElements::iterator::operator*() const {
+    return twjson::Access::at(doc_, at_);
+}
+
+TWJsonElements::TWJsonElements(const TWJsonValue& owner) : owner_(owner) {}
+
+TWJsonElements::iterator TWJsonElements::begin() const {
+    const Node& node = twjson::Access::node(owner_);
+    return node.tag() == Tag::Array ? iterator(twjson::Access::document(owner_), node.items())
+                                    : iterator();
+}
+
+TWJsonElements::iterator TWJsonElements::end() const {
+    const Node& node = twjson::Access::node(owner_);
+    return node.tag() == Tag::Array
+               ? iterator(twjson::Access::document(owner_), node.items() + node.count())
+               : iterator();
+}
+
+TWJsonMember TWJsonMembers::iterator::operator*() const {
+    TWJsonMember member;
+    if (at_->tag() == Tag::OtherKey) {
+        const TWJsonValue& key = doc_->extras->otherKeys[at_->count()];
+        member.key = key.numberText();
+        member.nonStringKey = std::make_shared<const TWJsonValue>(key);
+    } else {
+        member.key = twjson::qstringFromWtf8(at_->text());
+    }
+    member.value = twjson::Access::at(doc_, at_ + 1);
+    return member;
+}
+
+TWJsonMembers::TWJsonMembers(const TWJsonValue& owner) : owner_(owner) {}
+
+TWJsonMembers::iterator TWJsonMembers::begin() const {
+    const Node& node = twjson::Access::node(owner_);
+    return node.tag() == Tag::Dictionary ? iterator(twjson::Access::document(owner_), node.items())
+                                         : iterator();
+}
+
+TWJsonMembers::iterator TWJsonMembers::end() const {
+    const Node& node = twjson::Access::node(owner_);
+    return node.tag() == Tag::Dictionary
+               ? iterator(twjson::Access::document(owner_), node.items() + 2 * node.count())
+               : iterator();
 }

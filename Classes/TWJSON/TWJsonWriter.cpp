@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <numeric>
 #include <stdexcept>
+#include <string>
+
+#include "Classes/TWJSON/TWJsonDocument.h"
+#include "Classes/TWJSON/TWJsonText.h"
+
+using twjson::Document;
+using twjson::Node;
+using twjson::Tag;
 
 namespace {
-
-inline bool needsEscape(char16_t unit) {
-    return unit < 0x20 || unit == '"' || unit == '\\';
-}
 
 constexpr char kHex[] = "0123456789abcdef";
 
@@ -16,57 +20,213 @@ constexpr char kHex[] = "0123456789abcdef";
 // indent of a human-readable container): there is no sensible indentation for it.
 constexpr quint64 kImpossibleDepth = quint64(1) << 32;
 
+constexpr qsizetype kFirstOutputUnits = 256;
+// Output that ends with more unused room than this is trimmed before it is handed out.
+constexpr qsizetype kTolerableSlack = 4096;
+
+// Output written through a cursor into a buffer that doubles when full. Text is the QString or
+// QByteArray handed out; Unit its code unit.
+template <typename Text, typename Unit>
+class Sink {
+public:
+    Sink() { grow(kFirstOutputUnits); }
+
+    void put(char ch) {
+        if (next_ == end_)
+            grow(1);
+        *next_++ = static_cast<Unit>(static_cast<unsigned char>(ch));
+    }
+    void ascii(const char* bytes, std::size_t n) {
+        room(n);
+        for (std::size_t i = 0; i < n; ++i)
+            next_[i] = static_cast<Unit>(static_cast<unsigned char>(bytes[i]));
+        next_ += n;
+    }
+    void repeat(char ch, std::size_t n) {
+        room(n);
+        std::fill(next_, next_ + n, static_cast<Unit>(ch));
+        next_ += n;
+    }
+    // Text of a document.
+    void text(std::string_view wtf8);
+
+    void reset() { next_ = begin(); }
+    Text take() {
+        text_.truncate(next_ - begin());
+        if (text_.capacity() - text_.size() > kTolerableSlack)
+            text_.squeeze();
+        return std::move(text_);
+    }
+
+private:
+    Unit* begin() { return reinterpret_cast<Unit*>(text_.data()); }
+    void room(std::size_t n) {
+        if (static_cast<std::size_t>(end_ - next_) < n)
+            grow(n);
+    }
+    void grow(std::size_t n) {
+        const qsizetype used = next_ ? next_ - begin() : 0;
+        text_.resize(std::max<qsizetype>(used + static_cast<qsizetype>(n), 2 * text_.size()));
+        next_ = begin() + used;
+        end_ = begin() + text_.size();
+    }
+
+    Text text_;
+    Unit* next_ = nullptr;
+    Unit* end_ = nullptr;
+};
+
+using Utf16Sink = Sink<QString, char16_t>;
+using Utf8Sink = Sink<QByteArray, char>;
+
+template <>
+void Utf16Sink::text(std::string_view wtf8) {
+    room(wtf8.size());
+    next_ = twjson::decodeWtf8(wtf8.data(), wtf8.size(), next_);
+}
+
+template <>
+void Utf8Sink::text(std::string_view wtf8) {
+    std::size_t lone;
+    while ((lone = twjson::findLoneSurrogate(wtf8)) != std::string_view::npos) {
+        ascii(wtf8.data(), lone);
+        ascii("\xEF\xBF\xBD", 3);
+        wtf8.remove_prefix(lone + 3);
+    }
+    ascii(wtf8.data(), wtf8.size());
+}
+
+template <typename SinkType>
+void appendString(std::string_view text, SinkType& out) {
+    out.put('"');
+    const char* p = text.data();
+    const char* end = p + text.size();
+    for (;;) {
+        // Ordinary stretches go in whole; only the bytes that need it are escaped.
+        const char* stop = twjson::endOfPlainRun(p, end);
+        out.text(std::string_view(p, static_cast<std::size_t>(stop - p)));
+        if (stop == end)
+            break;
+        switch (*stop) {
+            case '"':
+                out.ascii("\\\"", 2);
+                break;
+            case '\\':
+                out.ascii("\\\\", 2);
+                break;
+            case '\t':
+                out.ascii("\\t", 2);
+                break;
+            case '\n':
+                out.ascii("\\n", 2);
+                break;
+            case '\r':
+                out.ascii("\\r", 2);
+                break;
+            case '\b':
+                out.ascii("\\b", 2);
+                break;
+            case '\f':
+                out.ascii("\\f", 2);
+                break;
+            default: {
+                const char escaped[] = {
+                    '\\', 'u', '0', '0', kHex[(*stop >> 4) & 0xF], kHex[*stop & 0xF]};
+                out.ascii(escaped, 6);
+            }
+        }
+        p = stop + 1;
+    }
+    out.put('"');
+}
+
+// The text a member's key is sorted and reported by; a key that is not a string goes by its
+// number text, if it has one.
+std::string_view keyText(const Document* doc, const Node& key, std::string& holder) {
+    if (key.tag() != Tag::OtherKey)
+        return key.text();
+    holder.clear();
+    twjson::appendWtf8(holder, doc->extras->otherKeys[key.count()].numberText());
+    return holder;
+}
+
 }  // namespace
 
 QString TWJsonWriter::stringWithFragment(const TWJsonValue& value) {
-    clearErrorTrace();
-    depth_ = 0;
-    QString out;
-    out.reserve(128);
-    if (!appendValue(value, out))
-        return QString();
-    return out;
+    Utf16Sink out;
+    return writeFragment(value, out) ? out.take() : QString();
 }
 
 QString TWJsonWriter::stringWithObject(const TWJsonValue& value) {
+    Utf16Sink out;
+    return writeObject(value, out) ? out.take() : QString();
+}
+
+QByteArray TWJsonWriter::utf8WithFragment(const TWJsonValue& value) {
+    Utf8Sink out;
+    return writeFragment(value, out) ? out.take() : QByteArray();
+}
+
+QByteArray TWJsonWriter::utf8WithObject(const TWJsonValue& value) {
+    Utf8Sink out;
+    return writeObject(value, out) ? out.take() : QByteArray();
+}
+
+template <typename SinkType>
+bool TWJsonWriter::writeFragment(const TWJsonValue& value, SinkType& out) {
+    clearErrorTrace();
+    depth_ = 0;
+    out.reset();
+    return appendValue(twjson::Access::document(value), twjson::Access::node(value), out);
+}
+
+template <typename SinkType>
+bool TWJsonWriter::writeObject(const TWJsonValue& value, SinkType& out) {
     if (value.isDictionary() || value.isArray())
-        return stringWithFragment(value);
+        return writeFragment(value, out);
     if (value.isCustom()) {
         if (auto proxy = value.customObject()->proxyForJson()) {
-            QString text = stringWithObject(*proxy);
-            if (!text.isNull())
-                return text;
+            if (writeObject(*proxy, out))
+                return true;
         }
     }
     clearErrorTrace();
     addErrorWithCode(TWJsonErrorFragment, QStringLiteral("Not valid type for JSON"));
-    return QString();
+    return false;
 }
 
-bool TWJsonWriter::appendValue(const TWJsonValue& value, QString& out) {
-    switch (value.type()) {
-        case TWJsonValue::Type::Dictionary:
-            return appendDictionary(value, out);
-        case TWJsonValue::Type::Array:
-            return appendArray(value, out);
-        case TWJsonValue::Type::String:
-            return appendString(value.stringValue(), out);
-        case TWJsonValue::Type::Boolean:
-            out.append(value.boolValue() ? QLatin1String("true") : QLatin1String("false"));
+template <typename SinkType>
+bool TWJsonWriter::appendValue(const Document* doc, const Node& value, SinkType& out) {
+    switch (value.tag()) {
+        case Tag::Dictionary:
+            return appendDictionary(doc, value, out);
+        case Tag::Array:
+            return appendArray(doc, value, out);
+        case Tag::ShortString:
+        case Tag::LongString:
+            appendString(value.text(), out);
             return true;
-        case TWJsonValue::Type::Number:
-            value.appendNumberText(out);
+        case Tag::True:
+            out.ascii("true", 4);
             return true;
-        case TWJsonValue::Type::Null:
-            out.append(QLatin1String("null"));
+        case Tag::False:
+            out.ascii("false", 5);
             return true;
-        case TWJsonValue::Type::Custom:
+        case Tag::ShortNumber:
+        case Tag::LongNumber:
+            out.text(value.text());
+            return true;
+        case Tag::Null:
+        case Tag::OtherKey:
+            out.ascii("null", 4);
+            return true;
+        case Tag::Custom:
             break;
     }
-    const auto& object = value.customObject();
+    const auto& object = doc->extras->customs[value.count()];
     if (auto proxy = object->proxyForJson()) {
         // The substitute's own failure stays in the trace, but does not fail this value.
-        appendValue(*proxy, out);
+        appendValue(twjson::Access::document(*proxy), twjson::Access::node(*proxy), out);
         return true;
     }
     addErrorWithCode(
@@ -83,129 +243,83 @@ bool TWJsonWriter::enterContainer() {
     return true;
 }
 
-QString TWJsonWriter::indent() const {
-    QString text;
-    appendIndent(text);
-    return text;
-}
-
-void TWJsonWriter::appendIndent(QString& out) const {
+template <typename SinkType>
+void TWJsonWriter::appendIndent(SinkType& out) const {
     if (depth_ >= kImpossibleDepth)
         throw std::length_error("TWJsonWriter: impossible indent");
-    out.append(QLatin1Char('\n'));
-    out.append(QString(static_cast<qsizetype>(2 * depth_), QLatin1Char(' ')));
+    out.put('\n');
+    out.repeat(' ', static_cast<std::size_t>(2 * depth_));
 }
 
-bool TWJsonWriter::appendArray(const TWJsonValue& array, QString& out) {
+template <typename SinkType>
+bool TWJsonWriter::appendArray(const Document* doc, const Node& array, SinkType& out) {
     if (!enterContainer())
         return false;
-    out.append(QLatin1Char('['));
-    bool first = true;
-    for (const TWJsonValue& element : array.elements()) {
-        if (!first)
-            out.append(QLatin1Char(','));
-        first = false;
+    out.put('[');
+    const Node* elements = array.items();
+    const std::uint64_t count = array.count();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        if (i > 0)
+            out.put(',');
         if (humanReadable_)
             appendIndent(out);
-        if (!appendValue(element, out))
+        if (!appendValue(doc, elements[i], out))
             return false;
     }
     --depth_;
-    if (humanReadable_ && array.count() > 0)
+    if (humanReadable_ && count > 0)
         appendIndent(out);
-    out.append(QLatin1Char(']'));
+    out.put(']');
     return true;
 }
 
-bool TWJsonWriter::appendDictionary(const TWJsonValue& dictionary, QString& out) {
+template <typename SinkType>
+bool TWJsonWriter::appendDictionary(const Document* doc, const Node& dictionary, SinkType& out) {
     if (!enterContainer())
         return false;
-    out.append(QLatin1Char('{'));
-    const QLatin1String separator = humanReadable_ ? QLatin1String(" : ") : QLatin1String(":");
-    const auto& members = dictionary.members();
+    out.put('{');
+    const std::uint64_t count = dictionary.count();
     // Members in insertion order need no index list; sorted ones are walked through one.
-    std::vector<std::size_t> order;
+    std::vector<std::uint64_t> order;
     if (sortKeys_) {
-        order.resize(members.size());
+        std::vector<std::string> holders(count);
+        std::vector<std::string_view> texts(count);
+        for (std::uint64_t i = 0; i < count; ++i)
+            texts[i] = keyText(doc, twjson::keyAt(dictionary, i), holders[i]);
+        order.resize(count);
         std::iota(order.begin(), order.end(), 0);
-        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-            return members[a].key < members[b].key;
+        std::stable_sort(order.begin(), order.end(), [&](std::uint64_t a, std::uint64_t b) {
+            return twjson::compareAsUtf16(texts[a], texts[b]) < 0;
         });
     }
-    for (std::size_t n = 0; n < members.size(); ++n) {
-        const TWJsonMember& member = members[sortKeys_ ? order[n] : n];
+    for (std::uint64_t n = 0; n < count; ++n) {
+        const std::uint64_t i = sortKeys_ ? order[n] : n;
+        const Node& key = twjson::keyAt(dictionary, i);
         if (n > 0)
-            out.append(QLatin1Char(','));
+            out.put(',');
         if (humanReadable_)
             appendIndent(out);
-        if (member.nonStringKey) {
+        if (key.tag() == Tag::OtherKey) {
             addErrorWithCode(TWJsonErrorUnsupported,
                              QStringLiteral("JSON object key must be string"));
             return false;
         }
-        appendString(member.key, out);
-        out.append(separator);
-        if (!appendValue(member.value, out)) {
-            addErrorWithCode(
-                TWJsonErrorUnsupported,
-                QStringLiteral("Unsupported value for key %1 in object").arg(member.key));
+        appendString(key.text(), out);
+        if (humanReadable_) {
+            out.ascii(" : ", 3);
+        } else {
+            out.put(':');
+        }
+        if (!appendValue(doc, twjson::valueAt(dictionary, i), out)) {
+            addErrorWithCode(TWJsonErrorUnsupported,
+                             QStringLiteral("Unsupported value for key %1 in object")
+                                 .arg(twjson::qstringFromWtf8(key.text())));
             return false;
         }
     }
     --depth_;
-    if (humanReadable_ && !members.empty())
+    if (humanReadable_ && count > 0)
         appendIndent(out);
-    out.append(QLatin1Char('}'));
-    return true;
-}
-
-bool TWJsonWriter::appendString(const QString& string, QString& out) {
-    out.append(QLatin1Char('"'));
-    const char16_t* units = reinterpret_cast<const char16_t*>(string.utf16());
-    const qsizetype length = string.size();
-    const char16_t* end = units + length;
-    const char16_t* first = std::find_if(units, end, needsEscape);
-    if (first == end) {
-        out.append(string);
-    } else {
-        // Ordinary stretches go in whole; only the units that need it are escaped.
-        const char16_t* run = units;
-        for (const char16_t* p = first; p != end; ++p) {
-            if (!needsEscape(*p))
-                continue;
-            out.append(QStringView(run, p - run));
-            run = p + 1;
-            switch (*p) {
-                case '"':
-                    out.append(QLatin1String("\\\""));
-                    break;
-                case '\\':
-                    out.append(QLatin1String("\\\\"));
-                    break;
-                case '\t':
-                    out.append(QLatin1String("\\t"));
-                    break;
-                case '\n':
-                    out.append(QLatin1String("\\n"));
-                    break;
-                case '\r':
-                    out.append(QLatin1String("\\r"));
-                    break;
-                case '\b':
-                    out.append(QLatin1String("\\b"));
-                    break;
-                case '\f':
-                    out.append(QLatin1String("\\f"));
-                    break;
-                default: {
-                    const char escaped[] = {'\\',          'u', '0', '0', kHex[(*p >> 4) & 0xF],
-                                            kHex[*p & 0xF]};
-                    out.append(QLatin1String(escaped, 6));
-                }
-            }
-        }
-        out.append(QStringView(run, end - run));
-    }
-    out.append(QLatin1Char('"'));
+    out.put('}');
     return true;
 }

@@ -1,9 +1,14 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 #include "Classes/TWJSON/TWJsonBase.h"
 #include "Classes/TWJSON/TWJsonValue.h"
+
+namespace twjson {
+struct Document;
+}  // namespace twjson
 
 // Writes values as JSON text: compact ({"a":[1,2]}) or, with humanReadable, one element or
 // member a line, two spaces a level, " : " between key and value. Numbers are written as the
@@ -14,13 +19,10 @@ public:
     QString stringWithObject(const TWJsonValue& value);
     // Text of any writable value; null on failure.
     QString stringWithFragment(const TWJsonValue& value);
-
-    bool appendValue(const TWJsonValue& value, QString& out);
-    bool appendArray(const TWJsonValue& array, QString& out);
-    bool appendDictionary(const TWJsonValue& dictionary, QString& out);
-    bool appendString(const QString& string, QString& out);
-    // A line feed and two spaces per level of the current depth.
-    QString indent() const;
+    // The same texts as UTF-8 bytes, where a lone surrogate, which has no UTF-8 form, becomes
+    // U+FFFD; null on failure.
+    QByteArray utf8WithObject(const TWJsonValue& value);
+    QByteArray utf8WithFragment(const TWJsonValue& value);
 
     bool humanReadable() const { return humanReadable_; }
     void setHumanReadable(bool on) { humanReadable_ = on; }
@@ -28,8 +30,19 @@ public:
     void setSortKeys(bool on) { sortKeys_ = on; }
 
 private:
+    template <typename Sink>
+    bool writeObject(const TWJsonValue& value, Sink& out);
+    template <typename Sink>
+    bool writeFragment(const TWJsonValue& value, Sink& out);
+    template <typename Sink>
+    bool appendValue(const twjson::Document* doc, const twjson::Node& value, Sink& out);
+    template <typename Sink>
+    bool appendArray(const twjson::Document* doc, const twjson::Node& array, Sink& out);
+    template <typename Sink>
+    bool appendDictionary(const twjson::Document* doc, const twjson::Node& dictionary, Sink& out);
+    template <typename Sink>
+    void appendIndent(Sink& out) const;
     bool enterContainer();
-    void appendIndent(QString& out) const;
 
     bool sortKeys_ = false;
     bool humanReadable_ = false;

@@ -1,5 +1,6 @@
 // Parse and write throughput of our codec beside RapidJSON (DOM), nlohmann::json and
-// QJsonDocument, on the same three documents, in one process.
+// QJsonDocument, on the same documents, in one process: three generated ones, and any *.json
+// file of the directory given with --documents DIR.
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
@@ -7,8 +8,14 @@
 
 #include <QByteArray>
 #include <QJsonDocument>
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iostream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "Classes/TWJSON/TWJSON.h"
 #include "bench/json/Documents.h"
@@ -16,7 +23,7 @@
 namespace {
 
 struct Document {
-    const char* name;
+    std::string name;
     std::string text;
 };
 
@@ -69,6 +76,14 @@ void writeTWJSON(benchmark::State& state, const Document& doc) {
     const TWJsonValue value = *parser.objectWithUTF8(QByteArray::fromStdString(doc.text));
     TWJsonWriter writer;
     for (auto _ : state)
+        benchmark::DoNotOptimize(writer.utf8WithObject(value));
+}
+
+void writeTWJSONString(benchmark::State& state, const Document& doc) {
+    TWJsonParser parser;
+    const TWJsonValue value = *parser.objectWithUTF8(QByteArray::fromStdString(doc.text));
+    TWJsonWriter writer;
+    for (auto _ : state)
         benchmark::DoNotOptimize(writer.stringWithObject(value));
 }
 
@@ -97,20 +112,57 @@ void writeQJsonDocument(benchmark::State& state, const Document& doc) {
 
 using Runner = void (*)(benchmark::State&, const Document&);
 
+// Takes "--documents DIR" out of the arguments, adding DIR's *.json files (in name order).
+bool addDocumentsFromArguments(int& argc, char** argv, std::vector<Document>& documents) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--documents") != 0)
+            continue;
+        if (i + 1 >= argc) {
+            std::cerr << "json_bench: --documents needs a directory\n";
+            return false;
+        }
+        std::vector<std::filesystem::path> files;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(argv[i + 1], error)) {
+            if (entry.path().extension() == ".json")
+                files.push_back(entry.path());
+        }
+        if (error) {
+            std::cerr << "json_bench: cannot list " << argv[i + 1] << ": " << error.message()
+                      << "\n";
+            return false;
+        }
+        std::sort(files.begin(), files.end());
+        for (const auto& file : files) {
+            std::ifstream in(file, std::ios::binary);
+            std::ostringstream text;
+            text << in.rdbuf();
+            documents.push_back({file.stem().string(), text.str()});
+        }
+        std::copy(argv + i + 2, argv + argc, argv + i);
+        argc -= 2;
+        --i;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    static const std::vector<Document> documents = {
+    static std::vector<Document> documents = {
         {"feed", jsonbench::feedDocument()},
         {"catalog", jsonbench::catalogDocument()},
         {"coordinates", jsonbench::coordinatesDocument()},
     };
+    if (!addDocumentsFromArguments(argc, argv, documents))
+        return 2;
     const std::pair<const char*, Runner> parsers[] = {{"TWJSON", parseTWJSON},
                                                       {"TWJSONString", parseTWJSONString},
                                                       {"RapidJSON", parseRapidJSON},
                                                       {"nlohmann", parseNlohmann},
                                                       {"QJsonDocument", parseQJsonDocument}};
     const std::pair<const char*, Runner> writers[] = {{"TWJSON", writeTWJSON},
+                                                      {"TWJSONString", writeTWJSONString},
                                                       {"RapidJSON", writeRapidJSON},
                                                       {"nlohmann", writeNlohmann},
                                                       {"QJsonDocument", writeQJsonDocument}};

@@ -140,10 +140,10 @@ TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
     };
     for (const Page& p : pages) {
         const TWJsonValue v = json(client_->Get(("/api/search" + auth(p.query)).c_str()));
-        const TWJsonValue* response = v.valueForKey("Response");
-        ASSERT_NE(response, nullptr) << p.query;
+        const auto response = v.valueForKey("Response");
+        ASSERT_TRUE(response.has_value()) << p.query;
         EXPECT_EQ(response->valueForKey("totalRecords")->numberText(), p.total) << p.query;
-        const TWJsonValue* results = response->valueForKey("Results");
+        const auto results = response->valueForKey("Results");
         ASSERT_EQ(results->count(), p.results) << p.query;
         if (p.results > 0) {
             EXPECT_EQ(results->at(0).valueForKey("content")->stringValue(), p.firstContent)

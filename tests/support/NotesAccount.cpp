@@ -46,9 +46,9 @@ QStringList NotesAccount::find(const QString& words) {
         ("/api/search" + query() + "&results=100&query=" + words.toStdString()).c_str());
     QStringList texts;
     const auto answer = JSONValue(res ? QString::fromStdString(res->body) : QString());
-    const TWJsonValue* response = answer ? answer->valueForKey("Response") : nullptr;
-    const TWJsonValue* results = response ? response->valueForKey("Results") : nullptr;
-    for (const TWJsonValue& result : results ? results->elements() : std::vector<TWJsonValue>())
+    const auto response = answer ? answer->valueForKey("Response") : std::nullopt;
+    const auto results = response ? response->valueForKey("Results") : std::nullopt;
+    for (const TWJsonValue& result : results.value_or(TWJsonValue::array()).elements())
         texts << result.valueForKey("content")->stringValue();
     return texts;
 }
