@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "Classes/TWJSON/TWJsonText.h"
+
 namespace twjson {
 
 namespace {
@@ -133,6 +135,14 @@ Node Document::text(bool string, std::string_view bytes) {
     return Node::of(string ? Tag::LongString : Tag::LongNumber, copy, bytes.size());
 }
 
+Node Document::text(bool string, QStringView text) {
+    std::string bytes;
+    appendWtf8(bytes, text);
+    if (findLoneSurrogate(bytes) != std::string_view::npos)
+        loneSurrogates = true;
+    return this->text(string, bytes);
+}
+
 std::uint64_t findMember(const Document* doc, const Node& dictionary, const Node& key) {
     const std::uint64_t count = dictionary.count();
     if (count > kIndexThreshold && doc) {
@@ -147,6 +157,8 @@ std::uint64_t findMember(const Document* doc, const Node& dictionary, const Node
 }
 
 Node copyInto(Document& to, const Document* from, const Node& node, std::uint64_t extra) {
+    if (from && from->loneSurrogates)
+        to.loneSurrogates = true;
     switch (node.tag()) {
         case Tag::Null:
         case Tag::False:

@@ -95,6 +95,8 @@ struct Document {
     std::uint64_t rootCapacity = 0;
     // Arena bytes no node reaches any more.
     std::size_t garbage = 0;
+    // Whether some text may hold a lone surrogate, which UTF-8 output has to replace.
+    bool loneSurrogates = false;
     Arena arena;
     std::unique_ptr<Extras> extras;
 
@@ -102,6 +104,8 @@ struct Document {
     const KeyIndex* indexOf(const Node& dictionary) const;
     // A number or string node of this text, short when it fits, else copied into the arena.
     Node text(bool string, std::string_view bytes);
+    // The same for text of the caller's, which may hold lone surrogates.
+    Node text(bool string, QStringView text);
 
     static void retain(Document* doc) {
         if (doc)

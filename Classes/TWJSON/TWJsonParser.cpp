@@ -38,6 +38,7 @@ constexpr std::size_t kHandOverBytes = 1024 * 1024;
 bool isValidUTF8(const char* bytes, qsizetype length) {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes);
     const unsigned char* end = p + length;
+    auto continuation = [](unsigned char b) { return (b & 0xC0) == 0x80; };
     while (p < end) {
         // ASCII goes eight bytes at a time.
         while (end - p >= 8) {
@@ -52,30 +53,27 @@ bool isValidUTF8(const char* bytes, qsizetype length) {
         const unsigned char lead = *p;
         if (lead < 0x80) {
             ++p;
-            continue;
-        }
-        int extra;
-        unsigned int min;
-        unsigned int cp;
-        if ((lead & 0xE0) == 0xC0) {
-            extra = 1, min = 0x80, cp = lead & 0x1F;
-        } else if ((lead & 0xF0) == 0xE0) {
-            extra = 2, min = 0x800, cp = lead & 0x0F;
-        } else if ((lead & 0xF8) == 0xF0) {
-            extra = 3, min = 0x10000, cp = lead & 0x07;
+        } else if (lead < 0xC2) {
+            return false;  // a continuation byte, or an overlong two-byte form
+        } else if (lead < 0xE0) {
+            if (end - p < 2 || !continuation(p[1]))
+                return false;
+            p += 2;
+        } else if (lead < 0xF0) {
+            if (end - p < 3 || !continuation(p[1]) || !continuation(p[2]))
+                return false;
+            if ((lead == 0xE0 && p[1] < 0xA0) || (lead == 0xED && p[1] >= 0xA0))
+                return false;  // overlong, or a surrogate
+            p += 3;
+        } else if (lead < 0xF5) {
+            if (end - p < 4 || !continuation(p[1]) || !continuation(p[2]) || !continuation(p[3]))
+                return false;
+            if ((lead == 0xF0 && p[1] < 0x90) || (lead == 0xF4 && p[1] >= 0x90))
+                return false;  // overlong, or past U+10FFFF
+            p += 4;
         } else {
             return false;
         }
-        if (end - p <= extra)
-            return false;
-        for (int i = 1; i <= extra; ++i) {
-            if ((p[i] & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (p[i] & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        p += extra + 1;
     }
     return true;
 }
@@ -447,6 +445,8 @@ bool TWJsonParser::scanEscapedString(const char* start, Node& out) {
                                          QStringLiteral("Broken unicode character"));
                         return false;
                     }
+                    if (unit >= 0xD800 && unit <= 0xDFFF)
+                        doc_->loneSurrogates = true;
                     --c_;
                     break;
                 default:

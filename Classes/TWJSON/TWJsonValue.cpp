@@ -40,12 +40,6 @@ const std::shared_ptr<const TWJsonCustom> kNoCustom;
 // Compaction waits until the waste is worth a copy.
 constexpr std::size_t kWasteWorthCompacting = 64 * 1024;
 
-Node keyNode(Document& doc, const QString& key) {
-    std::string bytes;
-    twjson::appendWtf8(bytes, key);
-    return doc.text(true, bytes);
-}
-
 // A key to look for: short keys live in the node, longer ones point into bytes.
 Node probeKey(const QString& key, std::string& bytes) {
     twjson::appendWtf8(bytes, key);
@@ -61,6 +55,37 @@ TWJsonValue newDocument(const Node& root) {
 }
 
 }  // namespace
+
+template <>
+TWJsonValue TWJsonElements::iterator::operator*() const {
+    return twjson::Access::at(doc_, at_);
+}
+
+template <>
+TWJsonMember TWJsonMembers::iterator::operator*() const {
+    TWJsonMember member;
+    if (at_->tag() == Tag::OtherKey) {
+        const TWJsonValue& key = doc_->extras->otherKeys[at_->count()];
+        member.key = key.numberText();
+        member.nonStringKey = std::make_shared<const TWJsonValue>(key);
+    } else {
+        member.key = twjson::qstringFromWtf8(at_->text());
+    }
+    member.value = twjson::Access::at(doc_, at_ + 1);
+    return member;
+}
+
+template <typename Item>
+typename TWJsonRange<Item>::iterator TWJsonRange<Item>::at(qsizetype index) const {
+    const Node& node = twjson::Access::node(owner_);
+    const Tag kind = kStep == 2 ? Tag::Dictionary : Tag::Array;
+    return node.tag() == kind
+               ? iterator(twjson::Access::document(owner_), node.items() + kStep * index)
+               : iterator();
+}
+
+template class TWJsonRange<TWJsonValue>;
+template class TWJsonRange<TWJsonMember>;
 
 std::optional<TWJsonValue> TWJsonCustom::proxyForJson() const {
     return std::nullopt;
@@ -105,10 +130,8 @@ TWJsonValue TWJsonValue::boolean(bool b) {
 }
 
 TWJsonValue TWJsonValue::text(bool string, const QString& s) {
-    std::string bytes;
-    twjson::appendWtf8(bytes, s);
     TWJsonValue v = newDocument(twjson::kNullNode);
-    v.doc_->root = v.doc_->text(string, bytes);
+    v.doc_->root = v.doc_->text(string, QStringView(s));
     return v;
 }
 
@@ -301,7 +324,7 @@ void TWJsonValue::insert(const QString& key, const TWJsonValue& value) {
         return;
     Document& doc = *writableDocument(1);
     const Node member = twjson::copyInto(doc, value.doc_, *value.node_);
-    const Node name = keyNode(doc, key);
+    const Node name = doc.text(true, QStringView(key));
     const std::uint64_t at = twjson::findMember(&doc, doc.root, name);
     if (at != twjson::kNotFound) {
         Node& old = doc.root.mutableItems()[2 * at + 1];
@@ -416,51 +439,4 @@ bool sameNodes(const Document* da, const Node& a, const Document* db, const Node
 
 bool operator==(const TWJsonValue& a, const TWJsonValue& b) {
     return sameNodes(a.doc_, *a.node_, b.doc_, *b.node_);
-}
-
-TWJsonValue TWJsonElements::iterator::operator*() const {
-    return twjson::Access::at(doc_, at_);
-}
-
-TWJsonElements::TWJsonElements(const TWJsonValue& owner) : owner_(owner) {}
-
-TWJsonElements::iterator TWJsonElements::begin() const {
-    const Node& node = twjson::Access::node(owner_);
-    return node.tag() == Tag::Array ? iterator(twjson::Access::document(owner_), node.items())
-                                    : iterator();
-}
-
-TWJsonElements::iterator TWJsonElements::end() const {
-    const Node& node = twjson::Access::node(owner_);
-    return node.tag() == Tag::Array
-               ? iterator(twjson::Access::document(owner_), node.items() + node.count())
-               : iterator();
-}
-
-TWJsonMember TWJsonMembers::iterator::operator*() const {
-    TWJsonMember member;
-    if (at_->tag() == Tag::OtherKey) {
-        const TWJsonValue& key = doc_->extras->otherKeys[at_->count()];
-        member.key = key.numberText();
-        member.nonStringKey = std::make_shared<const TWJsonValue>(key);
-    } else {
-        member.key = twjson::qstringFromWtf8(at_->text());
-    }
-    member.value = twjson::Access::at(doc_, at_ + 1);
-    return member;
-}
-
-TWJsonMembers::TWJsonMembers(const TWJsonValue& owner) : owner_(owner) {}
-
-TWJsonMembers::iterator TWJsonMembers::begin() const {
-    const Node& node = twjson::Access::node(owner_);
-    return node.tag() == Tag::Dictionary ? iterator(twjson::Access::document(owner_), node.items())
-                                         : iterator();
-}
-
-TWJsonMembers::iterator TWJsonMembers::end() const {
-    const Node& node = twjson::Access::node(owner_);
-    return node.tag() == Tag::Dictionary
-               ? iterator(twjson::Access::document(owner_), node.items() + 2 * node.count())
-               : iterator();
 }

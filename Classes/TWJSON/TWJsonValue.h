@@ -6,6 +6,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
 #include "Classes/TWJSON/TWJsonNode.h"
@@ -28,8 +29,10 @@ public:
     virtual std::optional<TWJsonValue> proxyForJson() const;
 };
 
-class TWJsonElements;
-class TWJsonMembers;
+template <typename Item>
+class TWJsonRange;
+using TWJsonElements = TWJsonRange<TWJsonValue>;
+using TWJsonMembers = TWJsonRange<TWJsonMember>;
 
 // A decoded JSON value: null, boolean, number (kept as the exact decimal text it was made from),
 // string, array, or dictionary (members in insertion order, a repeated key replacing the earlier
@@ -133,27 +136,31 @@ struct TWJsonMember {
     std::shared_ptr<const TWJsonValue> nonStringKey;  // set only for a key that is not a string
 };
 
-// The elements of an array, read in order.
-class TWJsonElements {
+// The elements of an array (Item TWJsonValue) or the members of a dictionary (Item
+// TWJsonMember), read in order. The range keeps the document alive while it is walked.
+template <typename Item>
+class TWJsonRange {
+    static constexpr std::ptrdiff_t kStep = std::is_same_v<Item, TWJsonMember> ? 2 : 1;
+
 public:
     class iterator {
     public:
         using iterator_category = std::forward_iterator_tag;
-        using value_type = TWJsonValue;
+        using value_type = Item;
         using difference_type = std::ptrdiff_t;
         using pointer = void;
-        using reference = TWJsonValue;
+        using reference = Item;
 
         iterator() = default;
         iterator(const twjson::Document* doc, const twjson::Node* at) : doc_(doc), at_(at) {}
-        TWJsonValue operator*() const;
+        Item operator*() const;
         iterator& operator++() {
-            ++at_;
+            at_ += kStep;
             return *this;
         }
         iterator operator++(int) {
             iterator before = *this;
-            ++at_;
+            at_ += kStep;
             return before;
         }
         friend bool operator==(const iterator& a, const iterator& b) { return a.at_ == b.at_; }
@@ -163,52 +170,14 @@ public:
         const twjson::Node* at_ = nullptr;
     };
 
-    explicit TWJsonElements(const TWJsonValue& owner);
-    iterator begin() const;
-    iterator end() const;
+    explicit TWJsonRange(const TWJsonValue& owner) : owner_(owner) {}
+    iterator begin() const { return at(0); }
+    iterator end() const { return at(owner_.count()); }
     qsizetype size() const { return owner_.count(); }
     bool empty() const { return size() == 0; }
 
 private:
-    TWJsonValue owner_;  // keeps the document alive while the range is walked
-};
+    iterator at(qsizetype index) const;
 
-// The members of a dictionary, read in insertion order.
-class TWJsonMembers {
-public:
-    class iterator {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = TWJsonMember;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = TWJsonMember;
-
-        iterator() = default;
-        iterator(const twjson::Document* doc, const twjson::Node* at) : doc_(doc), at_(at) {}
-        TWJsonMember operator*() const;
-        iterator& operator++() {
-            at_ += 2;
-            return *this;
-        }
-        iterator operator++(int) {
-            iterator before = *this;
-            at_ += 2;
-            return before;
-        }
-        friend bool operator==(const iterator& a, const iterator& b) { return a.at_ == b.at_; }
-
-    private:
-        const twjson::Document* doc_ = nullptr;
-        const twjson::Node* at_ = nullptr;
-    };
-
-    explicit TWJsonMembers(const TWJsonValue& owner);
-    iterator begin() const;
-    iterator end() const;
-    qsizetype size() const { return owner_.count(); }
-    bool empty() const { return size() == 0; }
-
-private:
     TWJsonValue owner_;
 };

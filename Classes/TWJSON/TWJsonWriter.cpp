@@ -1,9 +1,12 @@
 #include "Classes/TWJSON/TWJsonWriter.h"
 
 #include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 
 #include "Classes/TWJSON/TWJsonDocument.h"
 #include "Classes/TWJSON/TWJsonText.h"
@@ -15,6 +18,10 @@ using twjson::Tag;
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
+// The two-character escapes, by the byte each stands for; other control bytes get "\u00XX".
+constexpr std::pair<char, const char*> kShortEscapes[] = {
+    {'"', "\\\""}, {'\\', "\\\\"}, {'\t', "\\t"}, {'\n', "\\n"},
+    {'\r', "\\r"}, {'\b', "\\b"},  {'\f', "\\f"}};
 
 // A depth this large can only come from the counter wrapping below zero (no limit set, closing
 // indent of a human-readable container): there is no sensible indentation for it.
@@ -38,8 +45,12 @@ public:
     }
     void ascii(const char* bytes, std::size_t n) {
         room(n);
-        for (std::size_t i = 0; i < n; ++i)
-            next_[i] = static_cast<Unit>(static_cast<unsigned char>(bytes[i]));
+        if constexpr (std::is_same_v<Unit, char>) {
+            std::memcpy(next_, bytes, n);
+        } else {
+            for (std::size_t i = 0; i < n; ++i)
+                next_[i] = static_cast<Unit>(static_cast<unsigned char>(bytes[i]));
+        }
         next_ += n;
     }
     void repeat(char ch, std::size_t n) {
@@ -47,8 +58,8 @@ public:
         std::fill(next_, next_ + n, static_cast<Unit>(ch));
         next_ += n;
     }
-    // Text of a document.
-    void text(std::string_view wtf8);
+    // Text of a document, which may hold lone surrogates only where the document says so.
+    void text(std::string_view wtf8, bool loneSurrogates);
 
     void reset() { next_ = begin(); }
     Text take() {
@@ -80,15 +91,15 @@ using Utf16Sink = Sink<QString, char16_t>;
 using Utf8Sink = Sink<QByteArray, char>;
 
 template <>
-void Utf16Sink::text(std::string_view wtf8) {
+void Utf16Sink::text(std::string_view wtf8, bool) {
     room(wtf8.size());
     next_ = twjson::decodeWtf8(wtf8.data(), wtf8.size(), next_);
 }
 
 template <>
-void Utf8Sink::text(std::string_view wtf8) {
+void Utf8Sink::text(std::string_view wtf8, bool loneSurrogates) {
     std::size_t lone;
-    while ((lone = twjson::findLoneSurrogate(wtf8)) != std::string_view::npos) {
+    while (loneSurrogates && (lone = twjson::findLoneSurrogate(wtf8)) != std::string_view::npos) {
         ascii(wtf8.data(), lone);
         ascii("\xEF\xBF\xBD", 3);
         wtf8.remove_prefix(lone + 3);
@@ -97,43 +108,24 @@ void Utf8Sink::text(std::string_view wtf8) {
 }
 
 template <typename SinkType>
-void appendString(std::string_view text, SinkType& out) {
+void appendString(std::string_view text, bool loneSurrogates, SinkType& out) {
     out.put('"');
     const char* p = text.data();
     const char* end = p + text.size();
     for (;;) {
         // Ordinary stretches go in whole; only the bytes that need it are escaped.
         const char* stop = twjson::endOfPlainRun(p, end);
-        out.text(std::string_view(p, static_cast<std::size_t>(stop - p)));
+        out.text(std::string_view(p, static_cast<std::size_t>(stop - p)), loneSurrogates);
         if (stop == end)
             break;
-        switch (*stop) {
-            case '"':
-                out.ascii("\\\"", 2);
-                break;
-            case '\\':
-                out.ascii("\\\\", 2);
-                break;
-            case '\t':
-                out.ascii("\\t", 2);
-                break;
-            case '\n':
-                out.ascii("\\n", 2);
-                break;
-            case '\r':
-                out.ascii("\\r", 2);
-                break;
-            case '\b':
-                out.ascii("\\b", 2);
-                break;
-            case '\f':
-                out.ascii("\\f", 2);
-                break;
-            default: {
-                const char escaped[] = {
-                    '\\', 'u', '0', '0', kHex[(*stop >> 4) & 0xF], kHex[*stop & 0xF]};
-                out.ascii(escaped, 6);
-            }
+        const auto shortEscape = std::find_if(std::begin(kShortEscapes), std::end(kShortEscapes),
+                                              [&](const auto& e) { return e.first == *stop; });
+        if (shortEscape != std::end(kShortEscapes)) {
+            out.ascii(shortEscape->second, 2);
+        } else {
+            const char escaped[] = {
+                '\\', 'u', '0', '0', kHex[(*stop >> 4) & 0xF], kHex[*stop & 0xF]};
+            out.ascii(escaped, 6);
         }
         p = stop + 1;
     }
@@ -204,7 +196,7 @@ bool TWJsonWriter::appendValue(const Document* doc, const Node& value, SinkType&
             return appendArray(doc, value, out);
         case Tag::ShortString:
         case Tag::LongString:
-            appendString(value.text(), out);
+            appendString(value.text(), doc->loneSurrogates, out);
             return true;
         case Tag::True:
             out.ascii("true", 4);
@@ -214,7 +206,7 @@ bool TWJsonWriter::appendValue(const Document* doc, const Node& value, SinkType&
             return true;
         case Tag::ShortNumber:
         case Tag::LongNumber:
-            out.text(value.text());
+            out.text(value.text(), doc->loneSurrogates);
             return true;
         case Tag::Null:
         case Tag::OtherKey:
@@ -304,7 +296,7 @@ bool TWJsonWriter::appendDictionary(const Document* doc, const Node& dictionary,
                              QStringLiteral("JSON object key must be string"));
             return false;
         }
-        appendString(key.text(), out);
+        appendString(key.text(), doc->loneSurrogates, out);
         if (humanReadable_) {
             out.ascii(" : ", 3);
         } else {

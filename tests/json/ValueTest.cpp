@@ -144,7 +144,8 @@ TEST(ValueTest, TextKeepsEveryUnitAndUtf8OutputReplacesLoneSurrogates) {
         QByteArray utf8;
     } cases[] = {
         {"LoneSurrogatesFromQString", TWJsonValue::string(lone), lone,
-         "\"a\xEF\xBF\xBD" "b\xEF\xBF\xBD\""},
+         "\"a\xEF\xBF\xBD"
+         "b\xEF\xBF\xBD\""},
         {"PairFromQString", TWJsonValue::string(pair), pair, "\"\xF0\x9F\x98\x80\""},
         {"TwoEscapesMakingAPair", parsed(R"("\ud836\udc00\ud837\udc00")"),
          QString(QChar(0xD800)) + QChar(0xDC00), "\"\xF0\x90\x80\x80\""},
@@ -177,7 +178,8 @@ TEST(ValueTest, SharedDocumentsAreSafeAcrossThreads) {
             for (int round = 0; round < 20; ++round) {
                 for (int i = 0; i < 200; ++i) {
                     const TWJsonValue element = shared.at(i);
-                    if (element.valueForKey("s")->stringValue() != QString("string number %1").arg(i))
+                    if (element.valueForKey("s")->stringValue() !=
+                        QString("string number %1").arg(i))
                         ++mismatches;
                 }
             }
