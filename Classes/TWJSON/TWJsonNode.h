@@ -51,6 +51,15 @@ struct Node {
         return node;
     }
 
+    // A string made from a null QString: empty, but told apart from "" where it is read back
+    // as a QString. It is marked in byte 13, which an empty short text leaves zero.
+    static Node nullString() {
+        Node node = shortText(Tag::ShortString, "", 0);
+        node.w1 |= std::uint64_t(1) << 40;
+        return node;
+    }
+    bool isNullString() const { return *this == nullString(); }
+
     bool isShortText() const { return tag() == Tag::ShortNumber || tag() == Tag::ShortString; }
     bool isString() const { return tag() == Tag::ShortString || tag() == Tag::LongString; }
     bool isNumber() const { return tag() == Tag::ShortNumber || tag() == Tag::LongNumber; }

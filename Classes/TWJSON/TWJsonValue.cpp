@@ -148,7 +148,7 @@ TWJsonValue TWJsonValue::number(double d) {
 }
 
 TWJsonValue TWJsonValue::string(const QString& s) {
-    return text(true, s);
+    return s.isNull() ? newDocument(Node::nullString()) : text(true, s);
 }
 
 TWJsonValue TWJsonValue::array() {
@@ -207,7 +207,9 @@ void TWJsonValue::appendNumberText(QString& out) const {
 }
 
 QString TWJsonValue::stringValue() const {
-    return node_->isString() ? twjson::qstringFromWtf8(node_->text()) : QString();
+    if (!node_->isString() || node_->isNullString())
+        return QString();
+    return twjson::qstringFromWtf8(node_->text());
 }
 
 const std::shared_ptr<const TWJsonCustom>& TWJsonValue::customObject() const {

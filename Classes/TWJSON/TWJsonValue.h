@@ -69,7 +69,8 @@ public:
     static TWJsonValue number(const QString& decimalText);
     static TWJsonValue number(qint64 n);
     static TWJsonValue number(double d);
-    // A null QString makes an empty string.
+    // A null QString gives a string value whose stringValue() is null again; it equals "" and is
+    // written as "".
     static TWJsonValue string(const QString& s);
     static TWJsonValue array();
     static TWJsonValue array(const std::vector<TWJsonValue>& elements);

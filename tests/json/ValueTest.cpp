@@ -161,6 +161,12 @@ TEST(ValueTest, TextKeepsEveryUnitAndUtf8OutputReplacesLoneSurrogates) {
         TWJsonWriter writer;
         EXPECT_EQ(writer.utf8WithFragment(c.value), c.utf8) << c.name;
     }
+    // Absent text stays absent, yet equals and is written as the empty string.
+    const TWJsonValue absent = TWJsonValue::string(QString());
+    EXPECT_TRUE(absent.stringValue().isNull());
+    EXPECT_FALSE(parsed("\"\"").stringValue().isNull());
+    EXPECT_TRUE(absent == parsed("\"\""));
+    EXPECT_EQ(written(absent), "\"\"");
 }
 
 // One document's children read from several threads while its owner keeps editing a copy.
