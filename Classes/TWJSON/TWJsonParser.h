@@ -33,8 +33,12 @@ public:
     std::optional<TWJsonValue> objectWithUTF8(const QByteArray& utf8);
 
     TWJsonParser() = default;
-    TWJsonParser(const TWJsonParser&) = delete;
-    TWJsonParser& operator=(const TWJsonParser&) = delete;
+    // A copy takes the settings and the trace; its working memory starts empty.
+    TWJsonParser(const TWJsonParser& other) : TWJsonBase(other) {}
+    TWJsonParser& operator=(const TWJsonParser& other) {
+        TWJsonBase::operator=(other);
+        return *this;
+    }
     ~TWJsonParser() override;
 
 private:
