@@ -201,11 +201,6 @@ QString TWJsonValue::numberText() const {
     return node_->isNumber() ? twjson::qstringFromWtf8(node_->text()) : QString();
 }
 
-void TWJsonValue::appendNumberText(QString& out) const {
-    if (node_->isNumber())
-        out.append(numberText());
-}
-
 QString TWJsonValue::stringValue() const {
     if (!node_->isString() || node_->isNullString())
         return QString();

@@ -94,8 +94,6 @@ public:
 
     bool boolValue() const { return node_->tag() == twjson::Tag::True; }
     QString numberText() const;
-    // Appends the number's text, without a temporary string.
-    void appendNumberText(QString& out) const;
     // The text of a string; a null string for any other value.
     QString stringValue() const;
     const std::shared_ptr<const TWJsonCustom>& customObject() const;
