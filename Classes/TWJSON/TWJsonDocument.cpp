@@ -27,8 +27,9 @@ Arena::~Arena() {
         std::free(block);
 }
 
-void Arena::adopt(void* block) {
+void Arena::adopt(void* block, std::size_t bytes) {
     blocks_.push_back(block);
+    held_ += bytes;
 }
 
 void* Arena::allocateInNewBlock(std::size_t bytes, std::size_t align) {

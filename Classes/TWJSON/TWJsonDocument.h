@@ -35,8 +35,8 @@ public:
     Node* allocateNodes(std::uint64_t n) {
         return static_cast<Node*>(allocate(static_cast<std::size_t>(n) * sizeof(Node)));
     }
-    // Takes a block from malloc, freed with the arena.
-    void adopt(void* block);
+    // Takes a block of bytes from malloc, freed with the arena.
+    void adopt(void* block, std::size_t bytes);
     // Bytes of every block held.
     std::size_t bytesHeld() const { return held_; }
 

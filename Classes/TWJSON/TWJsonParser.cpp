@@ -260,13 +260,14 @@ Node* TWJsonParser::takeItems(std::size_t base) {
             throw std::bad_alloc();
         if (base)
             std::memcpy(fresh, stack_, base * sizeof(Node));
-        void* block = std::realloc(stack_, top_ * sizeof(Node));
+        const std::size_t bytes = top_ * sizeof(Node);
+        void* block = std::realloc(stack_, bytes);
         if (!block)
             block = stack_;
         stack_ = fresh;
         capacity_ = keep;
         top_ = base;
-        doc_->arena.adopt(block);
+        doc_->arena.adopt(block, bytes);
         return static_cast<Node*>(block) + base;
     }
     Node* items = doc_->arena.allocateNodes(n);
