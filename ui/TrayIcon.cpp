@@ -12,6 +12,7 @@
 
 #include "agent/StatusItem.h"
 #include "foundation/RunLoop.h"
+#include "ui/TrayMenuMirror.h"
 
 namespace ui {
 namespace {
@@ -24,11 +25,34 @@ QIcon imageNamed(const QString& name) {
 // every piece of a running download: the tray shows the item's newest state at most ten times
 // a second.
 constexpr qint64 kShortestUpdateMs = 100;
+// Some panels tell that the menu opened and never that it closed. Without a sign of life from
+// the menu for this long, it counts as closed, so that nothing waits on it for ever.
+constexpr int kLongestIdleMenuMs = 10000;
 
 class TrayBinding {
 public:
-    // The application holds the icon among its children, where tests can find it.
-    TrayBinding() : tray_(std::make_unique<QSystemTrayIcon>(QCoreApplication::instance())) {}
+    // The application holds the icon among its children, where tests can find it. The tray keeps
+    // one menu, ours, for its whole life.
+    TrayBinding() : tray_(std::make_unique<QSystemTrayIcon>(QCoreApplication::instance())) {
+        tray_->setContextMenu(mirror_.menu());
+        mirror_.onChosen = [this] { menuClosed(); };
+        mirror_.onActivity = [this] {
+            if (hold_)
+                idle_.start();
+        };
+        QObject::connect(mirror_.menu(), &QMenu::aboutToShow, &context_, [this] { menuOpened(); });
+        QObject::connect(mirror_.menu(), &QMenu::aboutToHide, &context_, [this] { menuClosed(); });
+        // A click on the icon itself ends the menu's tracking; the context click is the one that
+        // opens it.
+        QObject::connect(tray_.get(), &QSystemTrayIcon::activated, &context_,
+                         [this](QSystemTrayIcon::ActivationReason reason) {
+                             if (reason != QSystemTrayIcon::Context)
+                                 menuClosed();
+                         });
+        idle_.setSingleShot(true);
+        idle_.setInterval(kLongestIdleMenuMs);
+        QObject::connect(&idle_, &QTimer::timeout, &context_, [this] { menuClosed(); });
+    }
 
     void sync(StatusItem& item) {
         item_ = &item;
@@ -55,25 +79,26 @@ private:
             showCurrentImage();
         }
         tray_->setVisible(item_->isEnabled());
-        if (item_->menu() != menu_) {
-            menu_ = item_->menu();
-            tray_->setContextMenu(menu_);
-            if (menu_)
-                watchMenu(menu_);
-        }
+        mirror_.mirror(item_->menu());
     }
 
-    void watchMenu(QMenu* menu) {
-        QObject::connect(menu, &QMenu::aboutToShow, menu, [this] {
-            menuOpen_ = true;
+    // While the menu is open the default run-loop mode is held: a check never starts under the
+    // person's pointer.
+    void menuOpened() {
+        menuOpen_ = true;
+        if (!hold_)
             hold_.emplace();
-            showCurrentImage();
-        });
-        QObject::connect(menu, &QMenu::aboutToHide, menu, [this] {
-            menuOpen_ = false;
-            hold_.reset();
-            showCurrentImage();
-        });
+        idle_.start();
+        showCurrentImage();
+    }
+
+    void menuClosed() {
+        idle_.stop();
+        if (!menuOpen_)
+            return;
+        menuOpen_ = false;
+        hold_.reset();
+        showCurrentImage();
     }
 
     void showCurrentImage() {
@@ -81,6 +106,7 @@ private:
         tray_->setIcon(imageNamed(alternate ? alternateImage_ : image_));
     }
 
+    TrayMenuMirror mirror_;  // outlives the tray that shows it
     std::unique_ptr<QSystemTrayIcon> tray_;
     StatusItem* item_ = nullptr;  // the item owns this binding
     QObject context_;
@@ -88,8 +114,8 @@ private:
     bool updatePending_ = false;
     QString image_;
     QString alternateImage_;
-    QPointer<QMenu> menu_;  // null once the controller has let it go
     bool menuOpen_ = false;
+    QTimer idle_;
     std::optional<foundation::RunLoop::DefaultModeHold> hold_;
 };
 

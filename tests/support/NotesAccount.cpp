@@ -36,6 +36,12 @@ std::string NotesAccount::create(const QString& text) {
     return res && res->status == 200 ? res->body : std::string();
 }
 
+bool NotesAccount::update(const std::string& key, const QString& text) {
+    auto res = client_->Post(("/api/note" + query(key)).c_str(), base64(text),
+                             "application/x-www-form-urlencoded");
+    return res && res->status == 200;
+}
+
 QString NotesAccount::text(const std::string& key) {
     auto res = client_->Get(("/api/note" + query(key)).c_str());
     return res && res->status == 200 ? QString::fromStdString(res->body) : QString();

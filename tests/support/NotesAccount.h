@@ -22,6 +22,8 @@ public:
 
     // The new note's key; empty when the service refused.
     std::string create(const QString& text);
+    // Replaces the note's text; false when the service refused.
+    bool update(const std::string& key, const QString& text);
     // The note's text; null when there is no such note.
     QString text(const std::string& key);
     // The texts of the live notes that hold the words, newest first.

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+#include <QImage>
+#include <QRect>
+#include <QString>
+#include <QStringList>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "tests/support/QtPrinters.h"
+
+struct xcb_connection_t;
+
+namespace testsupport {
+
+// An X display of the test's own: an Xvfb server on a free display number, with no window
+// manager, and the few things a person does on a desktop, done the way the desktop does them
+// (closing a window asks it through WM_DELETE_WINDOW; pointer and keys go through the X server's
+// XTEST, driven by xdotool). The server dies with the test process, even one that crashes.
+class VirtualDisplay {
+public:
+    using Window = std::uint32_t;
+
+    VirtualDisplay();
+    ~VirtualDisplay();
+    VirtualDisplay(const VirtualDisplay&) = delete;
+    VirtualDisplay& operator=(const VirtualDisplay&) = delete;
+
+    // ":N"; empty when the server could not be started.
+    QString name() const { return name_; }
+    bool isRunning() const { return !name_.isEmpty(); }
+    // Ends the server at once, as a session that ends takes its display away.
+    void kill();
+
+    // Mapped windows whose title is this, anywhere in the window tree.
+    std::vector<Window> viewableWindowsTitled(const QString& title);
+    // Whether the window exists and is not withdrawn (mapped; minimised counts as mapped).
+    bool isViewable(Window window);
+    // Whether an XEmbed tray (a system tray manager) serves the screen.
+    bool hasTrayManager();
+    // The window that a tray's client embeds (it carries _XEMBED_INFO), mapped; none when no
+    // icon is docked.
+    std::optional<Window> dockedTrayIcon();
+    // Mapped pop-up menus, topmost last.
+    std::vector<Window> popupMenus();
+    // The window's place on the screen.
+    QRect geometry(Window window);
+    // Asks the window to close, as a window manager's close button does.
+    void requestClose(Window window);
+    // What the screen shows in this rectangle.
+    QImage grab(const QRect& area);
+
+    // Runs xdotool with these arguments on this display; true when it succeeded.
+    bool xdotool(const QStringList& arguments);
+    // A click (button 1 left, 3 right) in the middle of the window.
+    bool click(Window window, int button = 1);
+
+private:
+    bool connect();
+    std::vector<Window> allWindows();
+    std::uint32_t atom(const char* name);
+    QString title(Window window);
+
+    pid_t pid_ = -1;
+    QString name_;
+    xcb_connection_t* connection_ = nullptr;
+    Window root_ = 0;
+};
+
+}  // namespace testsupport
