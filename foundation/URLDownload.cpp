@@ -9,11 +9,13 @@
 #include <QNetworkRequest>
 #include <QPointer>
 #include <QScopeGuard>
+#include <QSet>
 #include <QTimer>
 #include <algorithm>
 #include <cstdio>
 #include <deque>
 
+#include "foundation/PartialFiles.h"
 #include "foundation/RunLoop.h"
 
 namespace foundation {
@@ -34,6 +36,11 @@ constexpr int kReadDelayMs = 100;
 constexpr std::size_t kManagers = 8;
 
 int gInFlight = 0;
+// Transfers from their start until their last event or their cancel.
+QSet<URLDownload*>& running() {
+    static QSet<URLDownload*> set;
+    return set;
+}
 
 struct Manager {
     QNetworkAccessManager* manager;
@@ -220,12 +227,12 @@ void URLDownload::Private::destinationDecided() {
     const QFileInfo target(destination);
     static int serial = 0;
     for (int attempt = 0; attempt < 100 && !part.isOpen(); ++attempt) {
-        part.setFileName(target.dir().filePath(QStringLiteral(".%1.%2-%3.part")
-                                                   .arg(target.fileName())
-                                                   .arg(QCoreApplication::applicationPid())
-                                                   .arg(++serial)));
-        if (part.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+        part.setFileName(target.dir().filePath(PartialFiles::nameFor(
+            target.fileName(), QCoreApplication::applicationPid(), ++serial)));
+        if (part.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+            PartialFiles::track(part.fileName());
             break;
+        }
         const bool taken = target.dir().exists() && QFileInfo::exists(part.fileName());
         part.setFileName(QString());  // not ours: never to be removed
         if (!taken)
@@ -282,6 +289,7 @@ void URLDownload::Private::complete() {
                    QStringLiteral("Cannot write %1").arg(destination)));
         return;
     }
+    PartialFiles::untrack(part.fileName());
     part.setFileName(QString());
     stage = Stage::Over;
     silence.stop();
@@ -319,6 +327,7 @@ void URLDownload::Private::deliver(Event event, bool last) {
             std::shared_ptr<URLDownload> keep = self;
             if (last) {
                 --gInFlight;
+                running().remove(q);
                 self.reset();
             }
             if (delegateIsObject && !delegateObject) {
@@ -356,12 +365,14 @@ void URLDownload::Private::removePart() {
         return;
     part.close();
     part.remove();
+    PartialFiles::untrack(part.fileName());
     part.setFileName(QString());
 }
 
 URLDownload::URLDownload() : d_(std::make_unique<Private>(this)) {}
 
 URLDownload::~URLDownload() {
+    running().remove(this);
     d_->removePart();
 }
 
@@ -373,6 +384,7 @@ void URLDownload::startTransfer(const URLRequest& request, URLDownloadDelegate* 
     d_->self = shared_from_this();
     d_->silence.setInterval(silenceMilliseconds(request.timeoutInterval));
     ++gInFlight;
+    running().insert(this);
     const QString scheme = request.url.scheme().toLower();
     if (!request.url.isValid() || request.url.host().isEmpty() ||
         (scheme != QLatin1String("http") && scheme != QLatin1String("https"))) {
@@ -404,7 +416,14 @@ void URLDownload::cancel() {
     d_->dropReply();
     d_->removePart();
     --gInFlight;
+    running().remove(this);
     std::shared_ptr<URLDownload> keep = std::move(d_->self);
+}
+
+void URLDownload::cancelAll() {
+    const QSet<URLDownload*> all = running();
+    for (URLDownload* download : all)
+        download->cancel();
 }
 
 int URLDownload::inFlightCount() {

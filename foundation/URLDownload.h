@@ -71,6 +71,8 @@ public:
 
     // Transfers started and not yet over, for a caller that waits until everything is quiet.
     static int inFlightCount();
+    // Cancels every transfer not yet over, begun or not: the process is about to end.
+    static void cancelAll();
 
 protected:
     URLDownload();

@@ -250,7 +250,10 @@ TEST(URLDownloadTest, LargeBodyArrivesWholeInFewPieces) {
     EXPECT_LE(dataEvents, 64) << "one data event per read, not per network packet";
 }
 
-TEST(URLDownloadTest, CancelStopsSilentlyAndLeavesNothing) {
+// One transfer cancelled, or every transfer of a process that is about to end.
+class CancelTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CancelTest, StopsSilentlyAndLeavesNothing) {
     FixtureServer server;
     server.on("GET", "/x", server.stallMidBody(100000, 1000));
     QTemporaryDir dir;
@@ -262,7 +265,11 @@ TEST(URLDownloadTest, CancelStopsSilentlyAndLeavesNothing) {
     ASSERT_TRUE(waitUntil([&] { return recorder.events.contains("data"); }));
     EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 1)
         << "the partial file";
-    download->cancel();
+    if (GetParam()) {
+        URLDownload::cancelAll();
+    } else {
+        download->cancel();
+    }
     server.releaseStalled();
     testsupport::settle(200);
     EXPECT_EQ(recorder.events,
@@ -270,5 +277,8 @@ TEST(URLDownloadTest, CancelStopsSilentlyAndLeavesNothing) {
     EXPECT_TRUE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).isEmpty());
     EXPECT_EQ(URLDownload::inFlightCount(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(URLDownloadTest, CancelTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "All" : "One"; });
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <algorithm>
+
 #include "tests/support/Wait.h"
 
 namespace testsupport {
@@ -158,7 +160,9 @@ FixtureServer::Handler FixtureServer::stallMidBody(std::size_t total, std::size_
                                      std::unique_lock lock(mutex_);
                                      stallCv_.wait(lock, [this] { return stallReleased_; });
                                      lock.unlock();
-                                     const std::string rest(total - offset, 'r');
+                                     // In pieces: the client may be gone, and the rest large.
+                                     const std::string rest(
+                                         std::min<std::size_t>(total - offset, 64 * 1024), 'r');
                                      return sink.write(rest.data(), rest.size());
                                  });
     };
