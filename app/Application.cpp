@@ -12,12 +12,17 @@
 #include "app/PasswordFile.h"
 #include "foundation/Log.h"
 #include "foundation/NotificationCenter.h"
+#include "foundation/PartialFiles.h"
+#include "foundation/Paths.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
+#include "platform/AgentInstance.h"
 #include "ui/AboutPanel.h"
 #include "ui/FolderDialogPresenter.h"
 #include "ui/MainInterface.h"
 #include "ui/MessageBoxPresenter.h"
+#include "ui/NoTrayFallback.h"
+#include "ui/TrayAvailability.h"
 #include "ui/TrayIcon.h"
 
 namespace {
@@ -40,6 +45,8 @@ const QString kLoginFailed = QStringLiteral("LWSimplenoteLoginLoginFailureNotifi
 
 Application::Application(const Options& options) : options_(options) {
     if (!options_.headless) {
+        // Before the tray icon exists: Qt picks its kind of tray here.
+        tray_ = std::make_unique<ui::TrayAvailability>();
         ui::installTrayStatusBar();
         ui::installMessageBoxPresenter();
         ui::installFolderDialogPresenter();
@@ -47,11 +54,22 @@ Application::Application(const Options& options) : options_(options) {
     interface_ = std::make_unique<MainInterface>();
     AppController& controller = interface_->controller();
     controller.setApplicationActions(ui::orderFrontStandardAboutPanel, [this] { terminate(); });
-    if (options_.headless)
+    if (options_.headless) {
         controller.setDownloadReporter(&reporter_);
+    } else {
+        const auto showPreferences = [this] { interface_->controller().showPreferences(nullptr); };
+        noTray_ = std::make_unique<ui::NoTrayFallback>(*tray_, interface_->window(),
+                                                       interface_->noTrayNotice(), showPreferences);
+        AgentInstance::session().setShowPreferences(showPreferences);
+    }
+    // The session manager's "quit" (at logout) reaches the application object as a Quit event.
+    QCoreApplication::instance()->installEventFilter(this);
 }
 
 Application::~Application() {
+    if (!options_.headless)
+        AgentInstance::session().setShowPreferences(nullptr);
+    QCoreApplication::instance()->removeEventFilter(this);
     foundation::NotificationCenter::defaultCenter().removeObserver(this);
 }
 
@@ -73,7 +91,13 @@ bool Application::start() {
         watchLogin();
 
     controller.awakeFromNib();
+    // Before the first check (it follows the login's answer): what an agent that was killed
+    // left behind in the download folder goes.
+    foundation::PartialFiles::removeStale(
+        foundation::expandingTildeInPath(controller.downloadDirectory()));
     controller.applicationDidFinishLaunching();
+    if (noTray_)
+        noTray_->start();
 
     // Start-up disables the account fields exactly when it begins a login.
     if (options_.headless && controller.emailField()->isEnabled()) {
@@ -84,6 +108,25 @@ bool Application::start() {
         return false;
     }
     return true;
+}
+
+// A second agent in one session would download every link twice: when one already runs, it is
+// asked to show its window instead. Without a session bus the agent runs regardless.
+bool Application::becomeTheSessionAgent(int* exitStatus) {
+    AgentInstance& session = AgentInstance::session();
+    // The running agent may end between the two steps: then the name is free again.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (session.claim() != AgentInstance::RunningElsewhere)
+            return true;
+        if (session.showRunningAgent()) {
+            *exitStatus = 0;
+            return false;
+        }
+    }
+    printError(
+        QStringLiteral("ferrybox: another Ferrybox runs in this session and does not answer"));
+    *exitStatus = 1;
+    return false;
 }
 
 // Nobody is there to correct the account, so a failed login ends a headless run; with --once a
@@ -127,9 +170,22 @@ void Application::finishWhenIdle() {
 }
 
 void Application::terminate() {
-    if (interface_->controller().applicationShouldTerminate() == AppController::TerminateNow) {
-        QCoreApplication::exit(exitStatus_);
+    if (interface_->controller().applicationShouldTerminate() == AppController::TerminateNow)
+        quit();
+}
+
+// Whatever else would still happen, no partial file is left in the download folder.
+void Application::quit() {
+    foundation::URLDownload::cancelAll();
+    QCoreApplication::exit(exitStatus_);
+}
+
+bool Application::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == QCoreApplication::instance() && event->type() == QEvent::Quit) {
+        quit();
+        return true;
     }
+    return QObject::eventFilter(watched, event);
 }
 
 void Application::installSignalHandlers() {
@@ -141,7 +197,7 @@ void Application::installSignalHandlers() {
     QObject::connect(notifier, &QSocketNotifier::activated, this, [this] {
         char byte;
         [[maybe_unused]] auto got = ::read(signalPipe[0], &byte, 1);
-        terminate();
+        quit();
     });
     struct sigaction action {};
     action.sa_handler = onSignal;

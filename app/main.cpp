@@ -71,9 +71,12 @@ int main(int argc, char** argv) {
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("ferrybox"),
                                                  QIcon(QStringLiteral(":/images/ntwrk_16.png"))));
 
+    int status = 0;
+    if (!options->headless && !Application::becomeTheSessionAgent(&status))
+        return status;
     Application agent(*options);
     if (!agent.start())
         return agent.exitStatus();
-    const int status = QApplication::exec();
+    status = QApplication::exec();
     return status != 0 ? status : agent.exitStatus();
 }

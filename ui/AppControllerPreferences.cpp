@@ -125,6 +125,7 @@ void AppController::showPreferences(QObject*) {
         frame.moveCenter(screen->availableGeometry().center());
         prefsWindow_->move(frame.topLeft());
     }
+    prefsWindow_->setWindowState(prefsWindow_->windowState() & ~Qt::WindowMinimized);
     prefsWindow_->show();
     prefsWindow_->raise();
     prefsWindow_->activateWindow();

@@ -21,6 +21,10 @@ MainInterface::MainInterface() : form_(std::make_unique<Ui::PreferencesWindow>()
 
 MainInterface::~MainInterface() = default;
 
+QWidget& MainInterface::noTrayNotice() {
+    return *form_->noTrayNotice;
+}
+
 void MainInterface::connectOutlets() {
     auto& c = controller_;
     c.setPrefsWindow(&window_);
@@ -57,6 +61,7 @@ void MainInterface::connectActions() {
         {form_->useGrowlButton, "toggleGrowl:"},
         {form_->intervalHelpButton, "showIntervalHelp:"},
         {form_->changeDirectoryButton, "changeDownloadDirectory:"},
+        {form_->quitButton, "terminate:"},
     };
     for (const auto& [button, action] : buttons) {
         QObject::connect(button, &QAbstractButton::clicked, &controller_,

@@ -24,6 +24,9 @@ public:
     QMainWindow& window() { return window_; }
     PrefWindowDelegate& windowDelegate() { return delegate_; }
     LoginItemController& loginItemController() { return loginItems_; }
+    // Shown at the top of the window while the desktop has no tray: why there is no icon, and
+    // a Quit button.
+    QWidget& noTrayNotice();
 
 private:
     void connectOutlets();

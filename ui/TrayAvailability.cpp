@@ -6,6 +6,7 @@
 #include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
+#include <QGuiApplication>
 #include <QSystemTrayIcon>
 
 namespace ui {
@@ -50,6 +51,13 @@ TrayAvailability::TrayAvailability(QObject* parent) : QObject(parent) {
             bus.connect(kWatcher, kWatcherPath, kWatcher, QString::fromLatin1(signal), this,
                         SLOT(recheck()));
         return;
+    }
+    // Qt's X11 platform tells of a tray that comes or goes with a signal of its native interface
+    // (a QObject, though its class is not public); it is what Qt docks the icon on, so the two
+    // agree at once. Other platforms are asked now and then.
+    if (QGuiApplication::platformName() == QLatin1String("xcb")) {
+        auto* native = reinterpret_cast<QObject*>(QGuiApplication::platformNativeInterface());
+        QObject::connect(native, SIGNAL(systemTrayWindowChanged(QScreen*)), this, SLOT(recheck()));
     }
     poll_.setInterval(kXTrayPollMs);
     QObject::connect(&poll_, &QTimer::timeout, this, &TrayAvailability::recheck);

@@ -33,7 +33,9 @@ class TrayBinding {
 public:
     // The application holds the icon among its children, where tests can find it. The tray keeps
     // one menu, ours, for its whole life.
-    TrayBinding() : tray_(std::make_unique<QSystemTrayIcon>(QCoreApplication::instance())) {
+    TrayBinding()
+        : mirror_([this] { return item_ ? item_->menu() : nullptr; }),
+          tray_(std::make_unique<QSystemTrayIcon>(QCoreApplication::instance())) {
         tray_->setContextMenu(mirror_.menu());
         mirror_.onChosen = [this] { menuClosed(); };
         mirror_.onActivity = [this] {

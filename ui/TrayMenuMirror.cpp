@@ -29,7 +29,8 @@ QAction* findCommand(const QMenu* menu, const QString& text) {
 
 }  // namespace
 
-TrayMenuMirror::TrayMenuMirror() {
+TrayMenuMirror::TrayMenuMirror(std::function<const QMenu*()> currentSource)
+    : currentSource_(std::move(currentSource)) {
     watch(&menu_);
 }
 
@@ -46,7 +47,6 @@ QString TrayMenuMirror::label(const QString& text, bool exportedOverDBus) {
 }
 
 void TrayMenuMirror::mirror(const QMenu* source) {
-    source_ = source;
     mirrorInto(&menu_, source, menu_.platformMenu() != nullptr);
 }
 
@@ -61,17 +61,14 @@ void TrayMenuMirror::mirrorInto(QMenu* target, const QMenu* source, bool exporte
         QAction* copy = copies[kept];
         QAction* item = items[kept];
         if (kindOf(copy) != kindOf(item) ||
-            (kindOf(item) == Kind::Command && texts_.value(copy) != item->text())) {
+            (kindOf(item) == Kind::Command && copy->data().toString() != item->text())) {
             break;
         }
         update(copy, item, exportedOverDBus);
     }
     for (qsizetype i = kept; i < copies.size(); ++i) {
         QAction* copy = copies[i];
-        items_.remove(copy);
-        texts_.remove(copy);
         if (QMenu* submenu = copy->menu()) {
-            mirrorInto(submenu, nullptr, exportedOverDBus);
             delete submenu;  // and with it its item
         } else {
             delete copy;
@@ -103,10 +100,9 @@ QAction* TrayMenuMirror::copyOf(QMenu* target, QAction* item, bool exportedOverD
 }
 
 void TrayMenuMirror::update(QAction* copy, QAction* item, bool exportedOverDBus) {
-    items_.insert(copy, item);
     if (item->isSeparator())
         return;
-    texts_.insert(copy, item->text());
+    copy->setData(item->text());
     copy->setText(label(item->text(), exportedOverDBus));
     copy->setEnabled(item->isEnabled());
     copy->setVisible(item->isVisible());
@@ -117,13 +113,9 @@ void TrayMenuMirror::update(QAction* copy, QAction* item, bool exportedOverDBus)
 void TrayMenuMirror::choose(QAction* copy) {
     if (onChosen)
         onChosen();
-    // The controller may have rebuilt its menu since this copy was made: then its command of
-    // the same text is the one meant.
-    QPointer<QAction> item = items_.value(copy);
-    QPointer<const QMenu> source = source_;
-    const QString text = texts_.value(copy);
-    QTimer::singleShot(0, &menu_, [item, source, text] {
-        if (QAction* chosen = item ? item.data() : findCommand(source, text))
+    const QString text = copy->data().toString();
+    QTimer::singleShot(0, &menu_, [this, text] {
+        if (QAction* chosen = findCommand(currentSource_(), text))
             chosen->trigger();
     });
 }

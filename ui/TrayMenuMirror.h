@@ -1,8 +1,6 @@
 #pragma once
 
-#include <QHash>
 #include <QMenu>
-#include <QPointer>
 #include <functional>
 
 namespace ui {
@@ -17,12 +15,14 @@ namespace ui {
 // item. An item that stays where it was keeps its identity, so a panel showing the menu while
 // progress changes reads the new texts and its clicks still reach the right command.
 //
-// A chosen item sends the controller's own item's action, from the next turn of the event loop:
+// A chosen item sends the action of the command of the same text in the controller's current
+// menu (the copy may be up to a tenth of a second older), from the next turn of the event loop:
 // a panel that waits for the answer to its click is not held up by an alert that the action
 // opens.
 class TrayMenuMirror {
 public:
-    TrayMenuMirror();
+    // currentSource answers the controller's newest menu.
+    explicit TrayMenuMirror(std::function<const QMenu*()> currentSource);
     ~TrayMenuMirror();
     TrayMenuMirror(const TrayMenuMirror&) = delete;
     TrayMenuMirror& operator=(const TrayMenuMirror&) = delete;
@@ -50,11 +50,9 @@ private:
     void choose(QAction* copy);
     void watch(QMenu* menu);
 
+    std::function<const QMenu*()> currentSource_;
+    // Each copy keeps the text it was made from as its data.
     QMenu menu_;
-    QPointer<const QMenu> source_;
-    // Each copy's item in the controller's menu, and the text it was made from.
-    QHash<QAction*, QPointer<QAction>> items_;
-    QHash<QAction*, QString> texts_;
 };
 
 }  // namespace ui

@@ -14,6 +14,8 @@
 #include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
 #include "tests/support/Wait.h"
+#include "ui/NoTrayFallback.h"
+#include "ui/TrayAvailability.h"
 
 namespace agenttest {
 namespace {
@@ -134,6 +136,31 @@ TEST_F(PreferencesTest, OpenAtLoginCheckboxListsTheAgent) {
     EXPECT_EQ(storedDefault("openAtLogin"), QVariant("yes"));
     control<QCheckBox>("openAtLoginButton")->click();
     EXPECT_FALSE(QFile::exists(home_->path() + "/.config/autostart/ferrybox.desktop"));
+}
+
+// Without a tray (the offscreen platform has none) the window is the agent's face: it shows at
+// start-up with the notice that says why, and closing it only minimises it; its Quit button is
+// the Quit command. How this looks on a real display is the desktop tier's to show.
+TEST_F(PreferencesTest, WithoutATrayTheWindowSaysWhyAndStays) {
+    ui::TrayAvailability tray;
+    ASSERT_FALSE(tray.isAvailable());
+    int quits = 0;
+    controller().setApplicationActions([] {}, [&] { ++quits; });
+    ui::NoTrayFallback fallback(tray, interface().window(), interface().noTrayNotice(),
+                                [this] { controller().showPreferences(nullptr); });
+    startWithAccount("me@example.org", "secret");
+    fallback.start();
+    EXPECT_TRUE(interface().window().isVisible());
+    EXPECT_TRUE(interface().noTrayNotice().isVisible());
+    EXPECT_FALSE(control<QLabel>("noTrayLabel")->text().isEmpty());
+
+    interface().window().close();
+    EXPECT_TRUE(waitUntil(
+        [this] { return interface().window().isVisible() && interface().window().isMinimized(); }));
+    controller().showPreferences(nullptr);
+    EXPECT_FALSE(interface().window().isMinimized());
+    control<QPushButton>("quitButton")->click();
+    EXPECT_EQ(quits, 1);
 }
 
 }  // namespace

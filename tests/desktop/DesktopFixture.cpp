@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QImage>
 
 #include "tests/support/StopProcess.h"
 #include "tests/support/Wait.h"
@@ -49,8 +50,10 @@ void DesktopTest::SetUp() {
     ASSERT_TRUE(notes_->isRunning());
     ASSERT_TRUE(notes_->addUser(kEmail, kPassword));
     account_ = std::make_unique<testsupport::NotesAccount>(*notes_, kEmail, kPassword);
-    downloadNoteKey_ = account_->create(QStringLiteral("Ferrybox_Downloads\n"));
-    ASSERT_FALSE(downloadNoteKey_.empty());
+    if (withDownloadNote_) {
+        downloadNoteKey_ = account_->create(QStringLiteral("Ferrybox_Downloads\n"));
+        ASSERT_FALSE(downloadNoteKey_.empty());
+    }
 
     writeFile(home_.filePath(QStringLiteral("password")), kPassword.toUtf8() + "\n",
               QFile::ReadOwner | QFile::WriteOwner);
@@ -59,6 +62,8 @@ void DesktopTest::SetUp() {
     writeFile(home_.filePath(QStringLiteral("bin/xdg-open")),
               "#!/bin/sh\nprintf '%s\\n' \"$1\" >>\"$HOME/opened\"\n",
               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QObject::connect(&agent_, &QProcess::readyReadStandardOutput,
+                     [this] { agentLog_ += agent_.readAllStandardOutput(); });
     QDir().mkpath(home_.filePath(QStringLiteral("runtime")));
     QFile::setPermissions(home_.filePath(QStringLiteral("runtime")),
                           QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -144,8 +149,6 @@ void DesktopTest::startAgent(const QStringList& arguments) {
     }
     agent_.setProcessEnvironment(env);
     agent_.setProcessChannelMode(QProcess::MergedChannels);
-    QObject::connect(&agent_, &QProcess::readyReadStandardOutput,
-                     [this] { agentLog_ += agent_.readAllStandardOutput(); });
     agent_.start(agentBinary(),
                  QStringList{QStringLiteral("--email"), kEmail, QStringLiteral("--password-file"),
                              home_.filePath(QStringLiteral("password"))} +
@@ -158,13 +161,16 @@ int DesktopTest::runSecondAgent() {
     second.setProcessEnvironment(agent_.processEnvironment());
     second.setProcessChannelMode(QProcess::MergedChannels);
     second.start(agentBinary(), QStringList{});
-    if (!second.waitForFinished(10000)) {
+    // The panel and the notification service of this desktop answer from this process's loop.
+    const bool finished = waitUntil([&] { return second.state() == QProcess::NotRunning; }, 10000);
+    if (!finished) {
         second.kill();
         second.waitForFinished(2000);
-        return -1;
     }
     agentLog_ += "--- the second agent:\n" + second.readAll();
-    return second.exitStatus() == QProcess::NormalExit ? second.exitCode() : -1;
+    if (!finished || second.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return second.exitCode();
 }
 
 std::optional<int> DesktopTest::waitForAgentExit(int timeoutMs) {
@@ -201,11 +207,11 @@ std::optional<testsupport::VirtualDisplay::Window> DesktopTest::preferencesWindo
     return windows.front();
 }
 
-bool DesktopTest::answerAlert(bool withDefaultButton) {
+bool DesktopTest::answerAlert(const QString& title, bool withDefaultButton) {
     std::vector<testsupport::VirtualDisplay::Window> alerts;
     if (!waitUntil(
             [&] {
-                alerts = display_.viewableWindowsTitled(QStringLiteral("Ferrybox"));
+                alerts = display_.viewableWindowsTitled(title);
                 return !alerts.empty();
             },
             10000)) {
@@ -234,11 +240,53 @@ bool DesktopTest::menuHas(const QString& line) {
     return waitForMenu([&](const QStringList& lines) { return lines.contains(line); });
 }
 
-int DesktopTest::notificationsTitled(const QString& summary) const {
+int DesktopTest::notificationsNamed(const QString& name) const {
     int count = 0;
     for (const auto& n : notifications_.notifications())
-        count += n.summary == summary ? 1 : 0;
+        count += n.hints.value("x-ferrybox-notification-name").toString() == name ? 1 : 0;
     return count;
+}
+
+QString DesktopTest::dockedIconName() {
+    const auto icon = display_.dockedTrayIcon();
+    if (!icon)
+        return QString();
+    const QImage shown = display_.grab(display_.geometry(*icon));
+    // The tray draws the 16-pixel image in the middle of its place; its opaque pixels tell.
+    const QPoint origin((shown.width() - 16) / 2, (shown.height() - 16) / 2);
+    const QStringList names = QDir(imageFolder()).entryList({QStringLiteral("*.png")});
+    for (const QString& name : names) {
+        const QImage image(QDir(imageFolder()).filePath(name));
+        bool same = true;
+        for (int y = 0; y < 16 && same; ++y) {
+            for (int x = 0; x < 16 && same; ++x) {
+                const QRgb pixel = image.pixel(x, y);
+                same = qAlpha(pixel) != 255 ||
+                       (shown.pixel(origin + QPoint(x, y)) & 0xffffff) == (pixel & 0xffffff);
+            }
+        }
+        if (same)
+            return name;
+    }
+    return QStringLiteral("?");
+}
+
+bool DesktopTest::openDockedDownloadsSubmenu() {
+    const auto icon = display_.dockedTrayIcon();
+    // At the icon's lower left corner: the menu, which opens there, leaves the icon in sight.
+    const QRect place = icon ? display_.geometry(*icon) : QRect();
+    if (!icon ||
+        !display_.xdotool({QStringLiteral("mousemove"), QString::number(place.left() + 1),
+                           QString::number(place.bottom()), QStringLiteral("click"),
+                           QStringLiteral("3")}) ||
+        !waitUntil([this] { return display_.popupMenus().size() == 1; }, 5000)) {
+        return false;
+    }
+    // Up from the top wraps to Quit; then Preferences..., About Ferrybox, the downloads.
+    return display_.xdotool({QStringLiteral("key"), QStringLiteral("Up"), QStringLiteral("Up"),
+                             QStringLiteral("Up"), QStringLiteral("Up"),
+                             QStringLiteral("Right")}) &&
+           waitUntil([this] { return display_.popupMenus().size() == 2; }, 5000);
 }
 
 QString DesktopTest::imageFolder() const {

@@ -30,6 +30,9 @@ constexpr qint64 kMiB = 1024 * 1024;
 // a loopback file server, in a home folder of its own. Links to open go to a stand-in xdg-open
 // that records them.
 class DesktopTest : public ::testing::Test {
+public:
+    testsupport::VirtualDisplay& display() { return display_; }
+
 protected:
     void SetUp() override;
     void TearDown() override;
@@ -65,15 +68,25 @@ protected:
 
     // The preferences window when it is mapped.
     std::optional<testsupport::VirtualDisplay::Window> preferencesWindow();
-    // Answers the open alert titled "Ferrybox" with its default button (Return) or by
-    // dismissing it (Escape); false when no alert opened.
-    bool answerAlert(bool withDefaultButton);
+    // Answers the alert of this title with its default button (Return) or by dismissing it
+    // (Escape); false when no such alert opened.
+    bool answerAlert(const QString& title, bool withDefaultButton = true);
     // Waits until the tray's menu (as the StatusNotifier host reads it) satisfies pred.
     bool waitForMenu(const std::function<bool(const QStringList&)>& pred, int timeoutMs = 10000);
     bool menuHas(const QString& line);
-    int notificationsTitled(const QString& summary) const;
+    // Which of the agent's images the docked XEmbed icon shows ("down_16.png"), as read off the
+    // screen; empty without a docked icon, "?" for anything else.
+    QString dockedIconName();
+    // Opens the XEmbed icon's menu with a right click, then the downloads submenu by keys (from
+    // the top the fourth item up, as a person would); false when no submenu opened.
+    bool openDockedDownloadsSubmenu();
+    // Notifications the agent sent under this name ("Download complete").
+    int notificationsNamed(const QString& name) const;
 
     QString imageFolder() const;
+
+    // Whether the account has its download note before the agent starts.
+    bool withDownloadNote_ = true;
 
     testsupport::VirtualDisplay display_;
     testsupport::NotificationRecorder notifications_;

@@ -79,6 +79,12 @@ void VirtualDisplay::kill() {
     }
 }
 
+void VirtualDisplay::setBackground(std::uint32_t rgb) {
+    xcb_change_window_attributes(connection_, root_, XCB_CW_BACK_PIXEL, &rgb);
+    xcb_clear_area(connection_, 0, root_, 0, 0, 0, 0);
+    xcb_flush(connection_);
+}
+
 bool VirtualDisplay::connect() {
     connection_ = xcb_connect(name_.toLocal8Bit().constData(), nullptr);
     if (xcb_connection_has_error(connection_))
@@ -138,10 +144,23 @@ bool VirtualDisplay::isViewable(Window window) {
 std::vector<VirtualDisplay::Window> VirtualDisplay::viewableWindowsTitled(const QString& wanted) {
     std::vector<Window> out;
     for (Window window : allWindows()) {
-        if (isViewable(window) && title(window) == wanted)
+        if (isViewable(window) && !isPopup(window) && title(window) == wanted)
             out.push_back(window);
     }
     return out;
+}
+
+bool VirtualDisplay::isMinimized(Window window) {
+    const std::uint32_t netState = atom("_NET_WM_STATE");
+    const std::uint32_t hidden = atom("_NET_WM_STATE_HIDDEN");
+    auto value = reply(xcb_get_property_reply(
+        connection_, xcb_get_property(connection_, 0, window, netState, XCB_ATOM_ATOM, 0, 32),
+        nullptr));
+    if (!value)
+        return false;
+    const auto* states = static_cast<const std::uint32_t*>(xcb_get_property_value(value.get()));
+    const int count = xcb_get_property_value_length(value.get()) / 4;
+    return std::find(states, states + count, hidden) != states + count;
 }
 
 bool VirtualDisplay::hasTrayManager() {
@@ -150,9 +169,17 @@ bool VirtualDisplay::hasTrayManager() {
     return owner && owner->owner != XCB_NONE;
 }
 
+// Qt marks its top-level windows for XEmbed too: the icon is the one inside another window.
 std::optional<VirtualDisplay::Window> VirtualDisplay::dockedTrayIcon() {
     const std::uint32_t xembedInfo = atom("_XEMBED_INFO");
-    for (Window window : allWindows()) {
+    auto tree =
+        reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr));
+    const std::vector<Window> all = allWindows();
+    const xcb_window_t* topLevels = tree ? xcb_query_tree_children(tree.get()) : nullptr;
+    const int topLevelCount = tree ? xcb_query_tree_children_length(tree.get()) : 0;
+    for (Window window : all) {
+        if (std::find(topLevels, topLevels + topLevelCount, window) != topLevels + topLevelCount)
+            continue;
         auto value = reply(xcb_get_property_reply(
             connection_, xcb_get_property(connection_, 0, window, xembedInfo, XCB_ATOM_ANY, 0, 2),
             nullptr));
@@ -162,9 +189,9 @@ std::optional<VirtualDisplay::Window> VirtualDisplay::dockedTrayIcon() {
     return std::nullopt;
 }
 
+// Pop-ups are top-level windows; an embedded tray icon bypasses the window manager too, but
+// inside its tray's window.
 std::vector<VirtualDisplay::Window> VirtualDisplay::popupMenus() {
-    const std::uint32_t type = atom("_NET_WM_WINDOW_TYPE");
-    const std::uint32_t popup = atom("_NET_WM_WINDOW_TYPE_POPUP_MENU");
     std::vector<Window> out;
     auto tree =
         reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr));
@@ -172,17 +199,17 @@ std::vector<VirtualDisplay::Window> VirtualDisplay::popupMenus() {
         return out;
     const xcb_window_t* children = xcb_query_tree_children(tree.get());
     for (int i = 0; i < xcb_query_tree_children_length(tree.get()); ++i) {
-        auto value = reply(xcb_get_property_reply(
-            connection_, xcb_get_property(connection_, 0, children[i], type, XCB_ATOM_ATOM, 0, 16),
-            nullptr));
-        if (!value || !isViewable(children[i]))
-            continue;
-        const auto* types = static_cast<const std::uint32_t*>(xcb_get_property_value(value.get()));
-        const int count = xcb_get_property_value_length(value.get()) / 4;
-        if (std::find(types, types + count, popup) != types + count)
+        if (isViewable(children[i]) && isPopup(children[i]))
             out.push_back(children[i]);
     }
     return out;
+}
+
+// A window that bypasses the window manager: a menu, a tooltip.
+bool VirtualDisplay::isPopup(Window window) {
+    auto attributes = reply(xcb_get_window_attributes_reply(
+        connection_, xcb_get_window_attributes(connection_, window), nullptr));
+    return attributes && attributes->override_redirect;
 }
 
 QRect VirtualDisplay::geometry(Window window) {
@@ -208,7 +235,9 @@ void VirtualDisplay::requestClose(Window window) {
     xcb_flush(connection_);
 }
 
-QImage VirtualDisplay::grab(const QRect& area) {
+QImage VirtualDisplay::grab(const QRect& wanted) {
+    const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
+    const QRect area = wanted & QRect(0, 0, screen->width_in_pixels, screen->height_in_pixels);
     auto image = reply(
         xcb_get_image_reply(connection_,
                             xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, root_, area.x(),

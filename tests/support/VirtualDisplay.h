@@ -31,25 +31,29 @@ public:
     // ":N"; empty when the server could not be started.
     QString name() const { return name_; }
     bool isRunning() const { return !name_.isEmpty(); }
+    // Paints the desktop's background in this colour (0xRRGGBB).
+    void setBackground(std::uint32_t rgb);
     // Ends the server at once, as a session that ends takes its display away.
     void kill();
 
-    // Mapped windows whose title is this, anywhere in the window tree.
+    // Mapped windows (not pop-ups) whose title is this, anywhere in the window tree.
     std::vector<Window> viewableWindowsTitled(const QString& title);
     // Whether the window exists and is not withdrawn (mapped; minimised counts as mapped).
     bool isViewable(Window window);
     // Whether an XEmbed tray (a system tray manager) serves the screen.
     bool hasTrayManager();
+    // Whether the window asks to be shown minimised (iconic), as a window manager reads it.
+    bool isMinimized(Window window);
     // The window that a tray's client embeds (it carries _XEMBED_INFO), mapped; none when no
     // icon is docked.
     std::optional<Window> dockedTrayIcon();
-    // Mapped pop-up menus, topmost last.
+    // Mapped pop-ups: a menu, a submenu beside it.
     std::vector<Window> popupMenus();
     // The window's place on the screen.
     QRect geometry(Window window);
     // Asks the window to close, as a window manager's close button does.
     void requestClose(Window window);
-    // What the screen shows in this rectangle.
+    // What the screen shows in this rectangle, cut to the screen.
     QImage grab(const QRect& area);
 
     // Runs xdotool with these arguments on this display; true when it succeeded.
@@ -61,6 +65,7 @@ private:
     bool connect();
     std::vector<Window> allWindows();
     std::uint32_t atom(const char* name);
+    bool isPopup(Window window);
     QString title(Window window);
 
     pid_t pid_ = -1;
