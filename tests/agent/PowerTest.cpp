@@ -1,7 +1,9 @@
 // Turning the agent on and off: the login, the check timer, the confirmation when downloads run,
 // the failure family and the quit guard.
 #include <QCheckBox>
+#include <QCoreApplication>
 #include <QDir>
+#include <QEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
@@ -9,6 +11,7 @@
 #include <QWidget>
 #include <cmath>
 
+#include "app/Application.h"
 #include "foundation/Timer.h"
 #include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
@@ -207,6 +210,22 @@ TEST_F(RunningAgentTest, QuitGuardAsksOnlyWhileDownloading) {
     EXPECT_EQ(controller().applicationShouldTerminate(), AppController::TerminateNow);
     EXPECT_EQ(controller().downloadList().size(), 1u) << "quitting does not cancel first";
     EXPECT_EQ(downloadFolder().size(), 1);
+}
+
+// The session manager's quit at logout reaches the application object as a Quit event: the
+// agent ends at once, without the question, and its transfers stop with their partial files.
+TEST_F(RunningAgentTest, TheSessionsQuitEndsTransfersWithoutAsking) {
+    Options options;
+    options.headless = true;
+    Application application(options);
+    addDownload();
+    // What the application's own controller would ask about.
+    application.interface().controller().setDownloadList(controller().downloadList());
+    QEvent quit(QEvent::Quit);
+    QCoreApplication::sendEvent(QCoreApplication::instance(), &quit);
+    EXPECT_TRUE(alerts.empty());
+    EXPECT_TRUE(downloadFolder().isEmpty());
+    EXPECT_EQ(foundation::URLDownload::inFlightCount(), 0);
 }
 
 struct FailureCase {

@@ -102,5 +102,17 @@ TEST_F(DesktopTest, WithoutATrayTheWindowStaysWithinReach) {
     EXPECT_TRUE(agentRunning());
 }
 
+// A panel that goes away (closed, crashed) takes the icon with it: the window comes back.
+TEST_F(DesktopTest, APanelThatGoesAwayBringsTheWindowBack) {
+    startTray(Tray::StatusNotifier);
+    startAgent();
+    ASSERT_TRUE(waitForMenu(
+        [](const QStringList& lines) { return lines.startsWith("Check For Downloads Now"); }));
+    ASSERT_FALSE(preferencesWindow());
+    host_->unregister();
+    EXPECT_TRUE(waitUntil([this] { return preferencesWindow().has_value(); }, 10000));
+    EXPECT_TRUE(agentRunning());
+}
+
 }  // namespace
 }  // namespace desktoptest
