@@ -21,13 +21,26 @@ class AgentService : public QObject {
     Q_CLASSINFO("D-Bus Interface", "org.ferrybox.Agent")
 
 public:
-    std::function<void()> showPreferences;
+    // A request that comes before the agent has its window is kept for it.
+    void setShowPreferences(std::function<void()> handler) {
+        showPreferences_ = std::move(handler);
+        if (pending_ && showPreferences_) {
+            pending_ = false;
+            showPreferences_();
+        }
+    }
 
 public Q_SLOTS:
     void ShowPreferences() {
-        if (showPreferences)
-            showPreferences();
+        if (showPreferences_)
+            showPreferences_();
+        else
+            pending_ = true;
     }
+
+private:
+    std::function<void()> showPreferences_;
+    bool pending_ = false;
 };
 
 class DBusAgentInstance : public AgentInstance {
@@ -49,7 +62,7 @@ public:
     }
 
     void setShowPreferences(std::function<void()> handler) override {
-        service_.showPreferences = std::move(handler);
+        service_.setShowPreferences(std::move(handler));
     }
 
     bool showRunningAgent() override {

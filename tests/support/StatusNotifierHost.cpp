@@ -14,6 +14,12 @@
 
 namespace testsupport {
 
+struct StatusNotifierHost::MenuNode {
+    int id = 0;
+    QVariantMap properties;
+    QList<MenuNode> children;
+};
+
 namespace {
 
 const QString kWatcher = QStringLiteral("org.kde.StatusNotifierWatcher");
@@ -21,11 +27,7 @@ const QString kItemInterface = QStringLiteral("org.kde.StatusNotifierItem");
 const QString kMenuInterface = QStringLiteral("com.canonical.dbusmenu");
 const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
 
-struct MenuNode {
-    int id = 0;
-    QVariantMap properties;
-    QList<MenuNode> children;
-};
+using MenuNode = StatusNotifierHost::MenuNode;
 
 // A dbusmenu layout node: (ia{sv}av), each child a variant holding another node.
 void readNode(const QDBusArgument& argument, MenuNode& node) {
@@ -162,17 +164,21 @@ QStringList StatusNotifierHost::registeredItems() const {
     return hasItem() ? QStringList{itemService_ + itemPath_} : QStringList{};
 }
 
+QVariant StatusNotifierHost::itemProperty(const QString& name) const {
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(itemService_, itemPath_, kProperties, QStringLiteral("Get"));
+    call << kItemInterface << name;
+    const QDBusMessage reply = QDBusConnection(connectionName_).call(call, QDBus::Block, 5000);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return QVariant();
+    return reply.arguments().first().value<QDBusVariant>().variant();
+}
+
 QString StatusNotifierHost::iconName() {
     if (!hasItem())
         return QString();
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(itemService_, itemPath_, kProperties, QStringLiteral("Get"));
-    call << kItemInterface << QStringLiteral("IconPixmap");
-    const QDBusMessage reply = QDBusConnection(connectionName_).call(call, QDBus::Block, 5000);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return QString();
-    const QVariant value = reply.arguments().first().value<QDBusVariant>().variant();
-    const QImage shown = smallImage(value.value<QDBusArgument>());
+    const QImage shown =
+        smallImage(itemProperty(QStringLiteral("IconPixmap")).value<QDBusArgument>());
     if (shown.isNull())
         return QStringLiteral("?");
     const QStringList names = QDir(imageFolder_).entryList({QStringLiteral("*.png")});
@@ -187,63 +193,48 @@ QString StatusNotifierHost::iconName() {
     return QStringLiteral("?");
 }
 
-QString StatusNotifierHost::menuPath() const {
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(itemService_, itemPath_, kProperties, QStringLiteral("Get"));
-    call << kItemInterface << QStringLiteral("Menu");
-    const QDBusMessage reply = QDBusConnection(connectionName_).call(call, QDBus::Block, 5000);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return QString();
-    return reply.arguments()
-        .first()
-        .value<QDBusVariant>()
-        .variant()
-        .value<QDBusObjectPath>()
-        .path();
+QDBusMessage StatusNotifierHost::menuMessage(const QString& method,
+                                             const QVariantList& arguments) const {
+    const QString path = itemProperty(QStringLiteral("Menu")).value<QDBusObjectPath>().path();
+    QDBusMessage call = QDBusMessage::createMethodCall(itemService_, path, kMenuInterface, method);
+    call.setArguments(arguments);
+    return call;
 }
 
 QDBusMessage StatusNotifierHost::menuCall(const QString& method,
                                           const QVariantList& arguments) const {
-    const QString path = menuPath();
-    if (path.isEmpty())
-        return QDBusMessage();
-    QDBusMessage call = QDBusMessage::createMethodCall(itemService_, path, kMenuInterface, method);
-    call.setArguments(arguments);
-    return QDBusConnection(connectionName_).call(call, QDBus::Block, 5000);
+    return QDBusConnection(connectionName_)
+        .call(menuMessage(method, arguments), QDBus::Block, 5000);
+}
+
+bool StatusNotifierHost::readLayout(MenuNode& root) const {
+    if (!hasItem())
+        return false;
+    const QDBusMessage reply = menuCall(QStringLiteral("GetLayout"), {0, -1, QStringList()});
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() < 2)
+        return false;
+    readNode(reply.arguments().at(1).value<QDBusArgument>(), root);
+    return true;
 }
 
 QStringList StatusNotifierHost::menuLines() {
-    if (!hasItem())
-        return {};
-    const QDBusMessage reply = menuCall(QStringLiteral("GetLayout"), {0, -1, QStringList()});
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() < 2)
-        return {};
     MenuNode root;
-    readNode(reply.arguments().at(1).value<QDBusArgument>(), root);
     QStringList lines;
-    addLines(root, QString(), lines);
+    if (readLayout(root))
+        addLines(root, QString(), lines);
     return lines;
-}
-
-int StatusNotifierHost::idOf(const QString& label) {
-    const QDBusMessage reply = menuCall(QStringLiteral("GetLayout"), {0, -1, QStringList()});
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() < 2)
-        return 0;
-    MenuNode root;
-    readNode(reply.arguments().at(1).value<QDBusArgument>(), root);
-    return findId(root, label);
 }
 
 // A panel does not wait for the application to act on a click: the event is sent, not called.
 bool StatusNotifierHost::click(const QString& label) {
-    const int id = idOf(label);
+    MenuNode root;
+    const int id = readLayout(root) ? findId(root, label) : 0;
     if (id == 0)
         return false;
-    QDBusMessage event = QDBusMessage::createMethodCall(itemService_, menuPath(), kMenuInterface,
-                                                        QStringLiteral("Event"));
-    event << id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0)) << uint(0);
-    event.setAutoStartService(false);
-    return QDBusConnection(connectionName_).send(event);
+    return QDBusConnection(connectionName_)
+        .send(menuMessage(
+            QStringLiteral("Event"),
+            {id, QStringLiteral("clicked"), QVariant::fromValue(QDBusVariant(0)), uint(0)}));
 }
 
 void StatusNotifierHost::openMenu() {

@@ -21,6 +21,8 @@ class StatusNotifierHost : public QObject {
     Q_PROPERTY(int ProtocolVersion READ protocolVersion)
 
 public:
+    struct MenuNode;  // one item of a dbusmenu layout, with its submenu
+
     // imageFolder holds the agent's tray images, by which the shown icon is named.
     explicit StatusNotifierHost(const QString& imageFolder);
     ~StatusNotifierHost() override;
@@ -61,9 +63,10 @@ Q_SIGNALS:
     void StatusNotifierHostUnregistered();
 
 private:
+    QVariant itemProperty(const QString& name) const;
+    QDBusMessage menuMessage(const QString& method, const QVariantList& arguments) const;
     QDBusMessage menuCall(const QString& method, const QVariantList& arguments) const;
-    QString menuPath() const;
-    int idOf(const QString& label);
+    bool readLayout(MenuNode& root) const;
 
     QString connectionName_;
     QString imageFolder_;

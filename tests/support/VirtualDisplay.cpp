@@ -99,21 +99,20 @@ std::uint32_t VirtualDisplay::atom(const char* name) {
     return r ? r->atom : 0;
 }
 
-std::vector<VirtualDisplay::Window> VirtualDisplay::allWindows() {
-    std::vector<Window> out;
-    std::vector<Window> pending{root_};
-    while (!pending.empty()) {
-        const Window parent = pending.back();
-        pending.pop_back();
-        auto tree =
-            reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, parent), nullptr));
-        if (!tree)
-            continue;
-        const xcb_window_t* children = xcb_query_tree_children(tree.get());
-        for (int i = 0; i < xcb_query_tree_children_length(tree.get()); ++i) {
-            out.push_back(children[i]);
-            pending.push_back(children[i]);
-        }
+std::vector<VirtualDisplay::Window> VirtualDisplay::children(Window parent) {
+    auto tree =
+        reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, parent), nullptr));
+    if (!tree)
+        return {};
+    const xcb_window_t* first = xcb_query_tree_children(tree.get());
+    return std::vector<Window>(first, first + xcb_query_tree_children_length(tree.get()));
+}
+
+std::vector<VirtualDisplay::Window> VirtualDisplay::descendants(Window ancestor) {
+    std::vector<Window> out = children(ancestor);
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        const std::vector<Window> more = children(out[i]);
+        out.insert(out.end(), more.begin(), more.end());
     }
     return out;
 }
@@ -143,7 +142,7 @@ bool VirtualDisplay::isViewable(Window window) {
 
 std::vector<VirtualDisplay::Window> VirtualDisplay::viewableWindowsTitled(const QString& wanted) {
     std::vector<Window> out;
-    for (Window window : allWindows()) {
+    for (Window window : descendants(root_)) {
         if (isViewable(window) && !isPopup(window) && title(window) == wanted)
             out.push_back(window);
     }
@@ -172,19 +171,14 @@ bool VirtualDisplay::hasTrayManager() {
 // Qt marks its top-level windows for XEmbed too: the icon is the one inside another window.
 std::optional<VirtualDisplay::Window> VirtualDisplay::dockedTrayIcon() {
     const std::uint32_t xembedInfo = atom("_XEMBED_INFO");
-    auto tree =
-        reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr));
-    const std::vector<Window> all = allWindows();
-    const xcb_window_t* topLevels = tree ? xcb_query_tree_children(tree.get()) : nullptr;
-    const int topLevelCount = tree ? xcb_query_tree_children_length(tree.get()) : 0;
-    for (Window window : all) {
-        if (std::find(topLevels, topLevels + topLevelCount, window) != topLevels + topLevelCount)
-            continue;
-        auto value = reply(xcb_get_property_reply(
-            connection_, xcb_get_property(connection_, 0, window, xembedInfo, XCB_ATOM_ANY, 0, 2),
-            nullptr));
-        if (value && value->type != XCB_ATOM_NONE && isViewable(window))
-            return window;
+    for (Window topLevel : children(root_)) {
+        for (Window window : descendants(topLevel)) {
+            auto value = reply(xcb_get_property_reply(
+                connection_,
+                xcb_get_property(connection_, 0, window, xembedInfo, XCB_ATOM_ANY, 0, 2), nullptr));
+            if (value && value->type != XCB_ATOM_NONE && isViewable(window))
+                return window;
+        }
     }
     return std::nullopt;
 }
@@ -193,14 +187,9 @@ std::optional<VirtualDisplay::Window> VirtualDisplay::dockedTrayIcon() {
 // inside its tray's window.
 std::vector<VirtualDisplay::Window> VirtualDisplay::popupMenus() {
     std::vector<Window> out;
-    auto tree =
-        reply(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr));
-    if (!tree)
-        return out;
-    const xcb_window_t* children = xcb_query_tree_children(tree.get());
-    for (int i = 0; i < xcb_query_tree_children_length(tree.get()); ++i) {
-        if (isViewable(children[i]) && isPopup(children[i]))
-            out.push_back(children[i]);
+    for (Window window : children(root_)) {
+        if (isViewable(window) && isPopup(window))
+            out.push_back(window);
     }
     return out;
 }

@@ -63,7 +63,8 @@ public:
 
 private:
     bool connect();
-    std::vector<Window> allWindows();
+    std::vector<Window> children(Window parent);
+    std::vector<Window> descendants(Window ancestor);
     std::uint32_t atom(const char* name);
     bool isPopup(Window window);
     QString title(Window window);

@@ -10,6 +10,7 @@
 #include "platform/KCKeychainItem.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/PrivateKeyring.h"
+#include "tests/support/Wait.h"
 
 namespace {
 
@@ -176,17 +177,30 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(HeadlessTest, TerminateSignalQuitsThroughTheGuard) {
+// SIGTERM (a logout, systemctl stop) ends a run at once, without the quit guard's question, and
+// the file that was coming in leaves no partial file behind.
+TEST_F(HeadlessTest, TerminateSignalQuitsWithoutAskingOrPartialFiles) {
+    server_.on("GET", "/big.bin", server_.stallMidBody(1000000, 1000));
+    server_.on(
+        "GET", "/api/search",
+        FixtureServer::respond(
+            200, R"({"Response": {"Results": [{"key": "k", "content": "Ferrybox_Downloads\n)" +
+                     server_.baseUrl().toStdString() + R"(/big.bin"}]}})"));
     QProcess process;
     process.setProcessEnvironment(environment());
     process.start(binary(), {"--headless", "--email", "me@example.org", "--password-file",
                              passwordFile("secret", kPrivate)});
     ASSERT_TRUE(process.waitForStarted());
-    ASSERT_TRUE(server_.waitForRequests(1, 10000));
+    const QDir folder(home_.path() + "/Downloads/Ferrybox");
+    ASSERT_TRUE(testsupport::waitUntil(
+        [&] { return folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).size() == 1; },
+        10000));
     ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
     ASSERT_TRUE(process.waitForFinished(10000));
     EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_FALSE(QString::fromUtf8(process.readAllStandardError()).contains("alert:"));
+    EXPECT_TRUE(folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).isEmpty());
 }
 
 // The resolver, which the agent never calls, from the command line: its three lines, or the
