@@ -174,9 +174,11 @@ void Application::terminate() {
         quit();
 }
 
-// Whatever else would still happen, no partial file is left in the download folder.
+// Nothing goes on after the decision to quit: no partial file is left in the download folder, and
+// a request still under way (a note's push, say) is given up as the process's end would.
 void Application::quit() {
     foundation::URLDownload::cancelAll();
+    foundation::URLConnection::cancelAll();
     QCoreApplication::exit(exitStatus_);
 }
 

@@ -4,6 +4,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSet>
 
 #include "foundation/RunLoop.h"
 
@@ -13,6 +14,11 @@ namespace {
 
 constexpr int kMaxRedirects = 16;
 int gInFlight = 0;
+// Exchanges from their start until their last event or their cancel.
+QSet<URLConnection*>& running() {
+    static QSet<URLConnection*> set;
+    return set;
+}
 
 QNetworkAccessManager& network() {
     static auto* manager = new QNetworkAccessManager();
@@ -160,6 +166,7 @@ void URLConnection::Private::deliver(Event event, bool last) {
                 // connection in a table of its own) is let go so that neither keeps the other.
                 cancelled = true;
                 --gInFlight;
+                running().remove(q);
                 q->delegate_.reset();
                 self.reset();
             }
@@ -191,7 +198,9 @@ URLConnection::URLConnection(const URLRequest& request,
       delegate_(std::move(delegate)),
       d_(std::make_unique<Private>(this, request)) {}
 
-URLConnection::~URLConnection() = default;
+URLConnection::~URLConnection() {
+    running().remove(this);
+}
 
 void URLConnection::start() {
     if (d_->started)
@@ -199,6 +208,7 @@ void URLConnection::start() {
     d_->started = true;
     d_->self = shared_from_this();
     ++gInFlight;
+    running().insert(this);
     d_->send();
 }
 
@@ -208,8 +218,15 @@ void URLConnection::cancel() {
     d_->cancelled = true;
     d_->dropReply();
     --gInFlight;
+    running().remove(this);
     delegate_.reset();
     std::shared_ptr<URLConnection> keep = std::move(d_->self);
+}
+
+void URLConnection::cancelAll() {
+    const QSet<URLConnection*> all = running();
+    for (URLConnection* connection : all)
+        connection->cancel();
 }
 
 int URLConnection::inFlightCount() {

@@ -70,6 +70,8 @@ public:
 
     // Exchanges started and not yet over, for a caller that waits until the network is quiet.
     static int inFlightCount();
+    // Cancels every exchange not yet over: the process is about to end.
+    static void cancelAll();
 
 private:
     URLConnection(const URLRequest& request, std::shared_ptr<URLConnectionDelegate> delegate);

@@ -3,7 +3,6 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 #include <QGuiApplication>
@@ -47,14 +46,15 @@ TrayAvailability::TrayAvailability(QObject* parent) : QObject(parent) {
         QObject::connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
                          &TrayAvailability::recheck);
         for (const char* signal :
-             {"StatusNotifierHostRegistered", "StatusNotifierHostUnregistered"})
+             {"StatusNotifierHostRegistered", "StatusNotifierHostUnregistered"}) {
             bus.connect(kWatcher, kWatcherPath, kWatcher, QString::fromLatin1(signal), this,
                         SLOT(recheck()));
+        }
         return;
     }
     // Qt's X11 platform tells of a tray that comes or goes with a signal of its native interface
     // (a QObject, though its class is not public); it is what Qt docks the icon on, so the two
-    // agree at once. Other platforms are asked now and then.
+    // agree at once. Asking every two seconds covers the rest.
     if (QGuiApplication::platformName() == QLatin1String("xcb")) {
         auto* native = reinterpret_cast<QObject*>(QGuiApplication::platformNativeInterface());
         QObject::connect(native, SIGNAL(systemTrayWindowChanged(QScreen*)), this, SLOT(recheck()));

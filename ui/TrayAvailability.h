@@ -11,8 +11,7 @@ namespace ui {
 // Qt shows the icon through one of two kinds of tray, chosen once per process when it first
 // looks: a StatusNotifierItem host on the session bus when one is registered then, else an
 // XEmbed system tray on the X display. Only the chosen kind can show the icon, so only that kind
-// is watched: the bus's watcher service and its host signals, or the X tray's selection, which Qt
-// can only be asked about, every two seconds.
+// is watched: the bus's watcher service and its host signals, or the X display's tray.
 class TrayAvailability : public QObject {
     Q_OBJECT
 
@@ -21,7 +20,6 @@ public:
     explicit TrayAvailability(QObject* parent = nullptr);
 
     bool isAvailable() const { return available_; }
-    bool usesStatusNotifierHost() const { return viaBus_; }
 
 Q_SIGNALS:
     void availabilityChanged(bool available);

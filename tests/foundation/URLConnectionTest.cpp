@@ -115,7 +115,10 @@ TEST(URLConnectionTest, PostCarriesMethodAndBodyAsGiven) {
     EXPECT_EQ(requests[0].headers.count("Authorization"), 0u);
 }
 
-TEST(URLConnectionTest, CancelledExchangeStaysSilent) {
+// One exchange cancelled, or every exchange of a process that is about to end.
+class CancelledExchangeTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CancelledExchangeTest, StaysSilentAndLetsGo) {
     FixtureServer server;
     server.on("GET", "/start", server.stall());
     auto delegate = std::make_shared<RecordingDelegate>();
@@ -125,12 +128,20 @@ TEST(URLConnectionTest, CancelledExchangeStaysSilent) {
     connection->start();
     ASSERT_TRUE(server.waitForRequests(1));
     EXPECT_EQ(URLConnection::inFlightCount(), 1);
-    connection->cancel();
+    if (GetParam()) {
+        URLConnection::cancelAll();
+    } else {
+        connection->cancel();
+    }
     server.releaseStalled();
     testsupport::settle(200);
     EXPECT_TRUE(delegate->events.isEmpty()) << delegate->events.join(" | ").toStdString();
     EXPECT_EQ(URLConnection::inFlightCount(), 0);
+    EXPECT_EQ(delegate.use_count(), 1) << "the delegate is let go";
 }
+
+INSTANTIATE_TEST_SUITE_P(URLConnectionTest, CancelledExchangeTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "All" : "One"; });
 
 TEST(HTTPURLResponseTest, ReasonPhrasesInLowerCase) {
     EXPECT_EQ(foundation::HTTPURLResponse::localizedStringForStatusCode(404), "not found");

@@ -197,9 +197,10 @@ TEST_F(HeadlessTest, TerminateSignalQuitsWithoutAskingOrPartialFiles) {
         10000));
     ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
     ASSERT_TRUE(process.waitForFinished(10000));
+    const QString err = QString::fromUtf8(process.readAllStandardError());
     EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 0);
-    EXPECT_FALSE(QString::fromUtf8(process.readAllStandardError()).contains("alert:"));
+    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
+    EXPECT_FALSE(err.contains("alert:"));
     EXPECT_TRUE(folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).isEmpty());
 }
 
