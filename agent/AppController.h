@@ -119,6 +119,8 @@ public:
     // Told of every transfer's begin, progress and end, besides the menu and the notifications
     // (the headless run's lines on standard error). Not owned; null for none.
     void setDownloadReporter(DownloadReporter* reporter) { downloadReporter_ = reporter; }
+    // Told whenever the error label gets a text, so that the window shows the pane holding it.
+    void setErrorShownHandler(std::function<void()> handler) { errorShown_ = std::move(handler); }
 
     // --- outlets
     QWidget* prefsWindow() const { return prefsWindow_; }
@@ -191,6 +193,7 @@ private:
     void armCheckTimer();
     void setStartButtonAction(const QString& title, const QString& action);
     void startSpinner(bool on);
+    void showError(const QString& text);
     void turnOffAfterFailure(const QString& detail, const QString& labelText);
     void removeFromDownloadList(const FXDownload* download);
     void searchForLogNote(foundation::NotificationCenter::Block onSuccess,
@@ -231,4 +234,5 @@ private:
     DownloadReporter* downloadReporter_ = nullptr;
     std::function<void()> orderFrontStandardAboutPanel_;
     std::function<void()> terminate_;
+    std::function<void()> errorShown_;
 };

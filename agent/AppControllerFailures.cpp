@@ -12,7 +12,7 @@ const QString kPullLabel = QStringLiteral("Error retrieving download note from S
 void AppController::turnOffAfterFailure(const QString& detail, const QString& labelText) {
     ++failuresReported_;
     sendGrowlNotification(QStringLiteral("error"), detail);
-    errorLabel_->setText(labelText);
+    showError(labelText);
     turnFerryboxOff(nullptr);
 }
 

@@ -74,7 +74,7 @@ void AppController::turnFerryboxOn(QObject*) {
 
 void AppController::loginSucceeded(const foundation::Notification&) {
     setStartButtonAction(QStringLiteral("Stop Ferrybox"), kTurnOff);
-    errorLabel_->setText(QString());
+    showError(QString());
     downloadLabel_->setEnabled(true);
     keepLogButton_->setEnabled(true);
     startSpinner(false);
@@ -107,7 +107,7 @@ void AppController::armCheckTimer() {
 void AppController::loginFailed(const foundation::Notification&) {
     emailField_->setEnabled(true);
     passwordField_->setEnabled(true);
-    errorLabel_->setText(QStringLiteral("Error logging in to Simplenote."));
+    showError(QStringLiteral("Error logging in to Simplenote."));
     startSpinner(false);
     showPreferencesWindow();
 }
@@ -164,6 +164,12 @@ void AppController::setStartButtonAction(const QString& title, const QString& ac
 void AppController::startSpinner(bool on) {
     loginSpinner_->setRange(0, on ? 0 : 1);
     loginSpinner_->setVisible(on);
+}
+
+void AppController::showError(const QString& text) {
+    errorLabel_->setText(text);
+    if (!text.isEmpty() && errorShown_)
+        errorShown_();
 }
 
 void AppController::showPreferencesWindow() {

@@ -1,5 +1,5 @@
-// Login items on Linux desktops: an entry in the XDG autostart folder, following the desktop
-// entry specification, that starts the program by its absolute path.
+// Login items on Linux desktops: an entry in the XDG autostart folder, in the Desktop Entry
+// format, that starts the program by its absolute path.
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>

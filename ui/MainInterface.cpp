@@ -1,9 +1,8 @@
 #include "ui/MainInterface.h"
 
 #include <QActionGroup>
-#include <QIntValidator>
-#include <limits>
 
+#include "ui/IntervalInput.h"
 #include "ui_PreferencesWindow.h"
 
 // Resources of a static library must be registered by hand, and outside any namespace.
@@ -40,13 +39,12 @@ void MainInterface::connectOutlets() {
     c.setIntervalField(form_->intervalField);
     c.setLoginSpinner(form_->loginSpinner);
     c.setPrefsToolbar(form_->prefsToolbar);
-    c.setAppMenu(form_->appMenu);
+    appMenu_.setTitle(QStringLiteral("Ferrybox"));
+    c.setAppMenu(&appMenu_);
     c.setOpenAtLoginButton(form_->openAtLoginButton);
     c.setDirectoryField(form_->directoryField);
     loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
-    // Whole minutes, one at least.
-    form_->intervalField->setValidator(
-        new QIntValidator(1, std::numeric_limits<int>::max(), form_->intervalField));
+    new IntervalInput(form_->intervalField, [this] { return controller_.interval().toString(); });
 }
 
 void MainInterface::connectActions() {
@@ -74,14 +72,24 @@ void MainInterface::connectActions() {
     QObject::connect(form_->openAtLoginButton, &QAbstractButton::clicked, &loginItems_,
                      [this] { loginItems_.addToLoginItems(form_->openAtLoginButton); });
 
-    // The toolbar selects one pane at a time.
+    // The toolbar selects one pane at a time, and cannot be hidden: it is the way to two of them.
+    form_->prefsToolbar->toggleViewAction()->setEnabled(false);
     auto* panes = new QActionGroup(&window_);
     panes->setExclusive(true);
-    const QList<QAction*> actions{form_->accountAction, form_->downloadsAction,
-                                  form_->optionsAction};
+    const QList<QAction*> actions = paneActions();
     for (int i = 0; i < actions.size(); ++i) {
         panes->addAction(actions[i]);
-        QObject::connect(actions[i], &QAction::triggered, form_->panes,
-                         [this, i] { form_->panes->setCurrentIndex(i); });
+        QObject::connect(actions[i], &QAction::triggered, form_->panes, [this, i] { showPane(i); });
     }
+    // An error is shown where it can be read: on the account pane, beside the account's fields.
+    controller_.setErrorShownHandler([this] { showPane(0); });
+}
+
+QList<QAction*> MainInterface::paneActions() const {
+    return {form_->accountAction, form_->downloadsAction, form_->optionsAction};
+}
+
+void MainInterface::showPane(int index) {
+    paneActions()[index]->setChecked(true);
+    form_->panes->setCurrentIndex(index);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QMenu>
 #include <memory>
 
 #include "agent/AppController.h"
@@ -31,8 +32,13 @@ public:
 private:
     void connectOutlets();
     void connectActions();
+    QList<QAction*> paneActions() const;
+    void showPane(int index);
 
     QMainWindow window_;
+    // The application menu outlet: an unparented menu that nothing shows. A menu bar holding only
+    // it would be empty, and the tray has a menu of its own.
+    QMenu appMenu_;
     std::unique_ptr<Ui::PreferencesWindow> form_;
     AppController controller_;
     PrefWindowDelegate delegate_;

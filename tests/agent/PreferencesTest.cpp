@@ -1,11 +1,19 @@
 // The preferences window used as a person would: each control's action and what it leaves in
 // the settings, the keyring and the agent.
+#include <QApplication>
 #include <QCheckBox>
+#include <QContextMenuEvent>
 #include <QDir>
-#include <QIntValidator>
 #include <QLabel>
 #include <QLineEdit>
+#include <QLocale>
+#include <QMenu>
+#include <QMenuBar>
 #include <QPushButton>
+#include <QScopeGuard>
+#include <QStackedWidget>
+#include <QTest>
+#include <QToolBar>
 #include <QToolButton>
 
 #include "foundation/Log.h"
@@ -42,23 +50,63 @@ TEST_F(PreferencesTest, IntervalTakesEffectAtOnceWhileOn) {
     ASSERT_TRUE(waitForRunning());
     ASSERT_TRUE(waitUntil([this] { return searches() == 1; }));
     const auto first = controller().timer();
-    controller().intervalField()->setText("5");
-    Q_EMIT controller().intervalField()->editingFinished();
+    QLineEdit* field = controller().intervalField();
+    field->selectAll();
+    QTest::keyClicks(field, "5");
+    QTest::keyClick(field, Qt::Key_Return);
     EXPECT_FALSE(first->isValid());
     EXPECT_EQ(controller().timer()->timeInterval(), 300.0);
     EXPECT_TRUE(waitUntil([this] { return searches() == 2; })) << "a check at once";
     EXPECT_EQ(storedDefault("interval").toInt(), 5);
-    EXPECT_EQ(controller().intervalField()->validator()->inherits("QIntValidator"), true);
-    int at = 0;
-    QString zero = "0";
-    EXPECT_NE(controller().intervalField()->validator()->validate(zero, at), QValidator::Acceptable)
-        << "one minute at least";
+}
+
+// The interval as a person types it, one edit after another: digits only, whole minutes from
+// one; an edit that is refused shows the interval in force again, and changes nothing.
+TEST_F(PreferencesTest, TypingTheInterval) {
+    struct Edit {
+        const char* keys;
+        bool byFocusOut;  // else by Return
+        const char* shown;
+        int inForce;
+    };
+    const Edit edits[] = {
+        {"1,440", false, "1440", 1440},  // no group separators
+        {"0", false, "1440", 1440},
+        {"", true, "1440", 1440},
+        {"5", true, "5", 5},
+        {"abc", false, "5", 5},
+        {"-3", false, "3", 3},
+        {"1234567890", false, "123456789", 123456789},
+    };
+    // A locale that writes thousands with a separator.
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    const auto restore = qScopeGuard([] { QLocale::setDefault(QLocale::c()); });
+    interface_ = std::make_unique<MainInterface>();
+    controller().awakeFromNib();
+    QLineEdit* field = controller().intervalField();
+    for (const Edit& edit : edits) {
+        SCOPED_TRACE(edit.keys);
+        field->selectAll();
+        QTest::keyClick(field, Qt::Key_Backspace);
+        QTest::keyClicks(field, edit.keys);
+        if (edit.byFocusOut) {
+            QFocusEvent out(QEvent::FocusOut, Qt::TabFocusReason);
+            QCoreApplication::sendEvent(field, &out);
+        } else {
+            QTest::keyClick(field, Qt::Key_Return);
+        }
+        EXPECT_TRUE(waitUntil([&] { return field->text() == edit.shown; }))
+            << field->text().toStdString();
+        EXPECT_EQ(controller().interval().toInt(), edit.inForce);
+        EXPECT_EQ(storedDefault("interval").toInt(), edit.inForce);
+    }
 }
 
 TEST_F(PreferencesTest, IntervalWhileOffIsOnlySaved) {
     controller().awakeFromNib();
-    controller().intervalField()->setText("7");
-    Q_EMIT controller().intervalField()->editingFinished();
+    controller().intervalField()->selectAll();
+    QTest::keyClicks(controller().intervalField(), "7");
+    QTest::keyClick(controller().intervalField(), Qt::Key_Return);
     EXPECT_EQ(storedDefault("interval").toInt(), 7);
     EXPECT_EQ(controller().timer(), nullptr);
     EXPECT_TRUE(server().requests().empty());
@@ -136,6 +184,43 @@ TEST_F(PreferencesTest, OpenAtLoginCheckboxListsTheAgent) {
     EXPECT_EQ(storedDefault("openAtLogin"), QVariant("yes"));
     control<QCheckBox>("openAtLoginButton")->click();
     EXPECT_FALSE(QFile::exists(home_->path() + "/.config/autostart/ferrybox.desktop"));
+}
+
+// An error is shown on the account pane, whichever pane the window was left on.
+TEST_F(PreferencesTest, AnErrorShowsTheAccountPane) {
+    auto* panes = control<QStackedWidget>("panes");
+    auto* options = interface().window().findChild<QAction*>("optionsAction");
+    auto* account = interface().window().findChild<QAction*>("accountAction");
+    const std::function<void()> failures[] = {
+        [this] {
+            answerLogin("");
+            startWithAccount("me@example.org", "wrong");
+            ASSERT_TRUE(waitUntil([this] { return controller().emailField()->isEnabled(); }));
+        },
+        [this] { controller().turnOffAfterLogPullFailed({}); },
+    };
+    for (const auto& fail : failures) {
+        options->trigger();
+        ASSERT_EQ(panes->currentIndex(), 2);
+        fail();
+        EXPECT_FALSE(controller().errorLabel()->text().isEmpty());
+        EXPECT_EQ(panes->currentIndex(), 0);
+        EXPECT_TRUE(account->isChecked());
+    }
+}
+
+// The pane toolbar cannot be hidden (from the window's context menu, say), and there is no
+// menu bar to carry an empty menu.
+TEST_F(PreferencesTest, ThePaneToolbarStaysAndNoMenuBar) {
+    auto* toolbar = control<QToolBar>("prefsToolbar");
+    QContextMenuEvent click(QContextMenuEvent::Mouse, QPoint(5, 5),
+                            toolbar->mapToGlobal(QPoint(5, 5)));
+    QCoreApplication::sendEvent(toolbar, &click);
+    EXPECT_EQ(QApplication::activePopupWidget(), nullptr);
+    EXPECT_FALSE(toolbar->toggleViewAction()->isEnabled());
+    EXPECT_TRUE(interface().window().findChildren<QMenuBar*>().isEmpty());
+    ASSERT_NE(controller().appMenu(), nullptr);
+    EXPECT_EQ(controller().appMenu()->parent(), nullptr);
 }
 
 // Without a tray (the offscreen platform has none) the window is the agent's face: it shows at
