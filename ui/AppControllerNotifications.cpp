@@ -25,7 +25,11 @@ void AppController::sendGrowlNotification(const QString& kind, const QString& de
         name = QStringLiteral("Error");
         description = QStringLiteral("Error: %1").arg(LWSNObject::orNullText(detail));
     }
-    ui::DesktopNotifications::show(QStringLiteral("Ferrybox"), description, name);
+    // A check every few minutes would fill the desktop's history: its notice shows and goes.
+    ui::DesktopNotifications::show(QStringLiteral("Ferrybox"), description, name,
+                                   kind == QLatin1String("checking")
+                                       ? ui::DesktopNotifications::Transient
+                                       : ui::DesktopNotifications::Kept);
 }
 
 bool AppController::notificationServiceAvailable() const {

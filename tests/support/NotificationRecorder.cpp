@@ -9,9 +9,10 @@ namespace {
 const QString kService = QStringLiteral("org.freedesktop.Notifications");
 }
 
-NotificationRecorder::NotificationRecorder()
+NotificationRecorder::NotificationRecorder(const QStringList& capabilities)
     : connectionName_(
-          QStringLiteral("notification-recorder-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)) {
+          QStringLiteral("notification-recorder-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)),
+      capabilities_(capabilities) {
     const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
     QDBusConnection bus = QDBusConnection::connectToBus(address, connectionName_);
     registered_ = bus.isConnected() &&
@@ -39,7 +40,7 @@ uint NotificationRecorder::Notify(const QString& appName, uint, const QString& a
 }
 
 QStringList NotificationRecorder::GetCapabilities() const {
-    return {QStringLiteral("body")};
+    return capabilities_;
 }
 
 }  // namespace testsupport

@@ -28,7 +28,8 @@ class NotificationRecorder : public QObject {
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
 
 public:
-    NotificationRecorder();
+    // capabilities: what GetCapabilities answers.
+    explicit NotificationRecorder(const QStringList& capabilities = {QStringLiteral("body")});
     ~NotificationRecorder() override;
 
     bool isRegistered() const { return registered_; }
@@ -45,6 +46,7 @@ private:
     QString connectionName_;
     bool registered_ = false;
     QList<RecordedNotification> notifications_;
+    QStringList capabilities_;
 };
 
 }  // namespace testsupport
