@@ -1,6 +1,8 @@
 #include "foundation/UserDefaults.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
 
@@ -15,12 +17,30 @@ std::unique_ptr<UserDefaults>& standardInstance() {
     return instance;
 }
 
+constexpr QFile::Permissions kOwnerOnly = QFile::ReadOwner | QFile::WriteOwner;
+
+// The settings hold the notes service's session token: only their owner may read them, whatever
+// the umask or an earlier version left.
+void keepPrivate(const QString& file) {
+    constexpr QFile::Permissions kOthers = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup |
+                                           QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
+    if (QFileInfo::exists(file) && (QFile::permissions(file) & kOthers))
+        QFile::setPermissions(file, kOwnerOnly);
+}
+
 }  // namespace
 
+// The folder is made private before anything is written into it, so that the settings file is
+// never readable by others, not even for the moment between its creation and its chmod.
 UserDefaults& UserDefaults::standardUserDefaults() {
     auto& instance = standardInstance();
-    if (!instance)
-        instance = std::make_unique<UserDefaults>(defaultFilePath());
+    if (!instance) {
+        const QString file = defaultFilePath();
+        const QString folder = QFileInfo(file).path();
+        QDir().mkpath(folder);
+        QFile::setPermissions(folder, kOwnerOnly | QFile::ExeOwner);
+        instance = std::make_unique<UserDefaults>(file);
+    }
     return *instance;
 }
 
@@ -29,7 +49,9 @@ void UserDefaults::resetStandardUserDefaults() {
 }
 
 UserDefaults::UserDefaults(const QString& filePath)
-    : settings_(std::make_unique<QSettings>(filePath, typedIniFormat())) {}
+    : settings_(std::make_unique<QSettings>(filePath, typedIniFormat())) {
+    keepPrivate(filePath);
+}
 
 UserDefaults::~UserDefaults() = default;
 
@@ -67,6 +89,7 @@ void UserDefaults::removeObjectForKey(const QString& key) {
 
 bool UserDefaults::synchronize() {
     settings_->sync();
+    keepPrivate(settings_->fileName());
     return settings_->status() == QSettings::NoError;
 }
 

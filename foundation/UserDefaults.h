@@ -9,7 +9,8 @@ class QSettings;
 namespace foundation {
 
 // The per-user defaults store: $XDG_CONFIG_HOME/Ferrybox/Ferrybox.conf (INI). A number written
-// reads back as a number and a string as a string, even a string such as "10".
+// reads back as a number and a string as a string, even a string such as "10". The file is
+// readable by its owner only (0600), in a folder that only its owner can enter (0700).
 class UserDefaults {
 public:
     static UserDefaults& standardUserDefaults();

@@ -1,9 +1,11 @@
 // Settings come back with the type they were stored with, across a restart of the store.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
 
 #include "foundation/UserDefaults.h"
 #include "tests/support/TempHome.h"
@@ -82,6 +84,37 @@ TEST(UserDefaultsTest, FileLivesInTheConfigFolderAndReadsPlainly) {
     EXPECT_TRUE(text.contains("interval=10\n")) << text.toStdString();
     EXPECT_TRUE(text.contains("keepLog=\"no\"\n")) << text.toStdString();
     EXPECT_FALSE(text.contains("removed"));
+}
+
+// The settings hold the service's session token. Under the usual umask, a new file and one left
+// readable by an earlier version alike end up readable by their owner only.
+TEST(UserDefaultsTest, TheFileIsTheOwnersOnly) {
+    const mode_t previous = ::umask(022);
+    const auto restore = qScopeGuard([previous] { ::umask(previous); });
+    for (const bool existedLoose : {false, true}) {
+        SCOPED_TRACE(existedLoose ? "left readable" : "new");
+        testsupport::TempHome home;
+        const QString file = UserDefaults::defaultFilePath();
+        const QString folder = QFileInfo(file).path();
+        if (existedLoose) {
+            ASSERT_TRUE(QDir().mkpath(folder));
+            QFile old(file);
+            ASSERT_TRUE(old.open(QIODevice::WriteOnly));
+            old.write("[General]\nsimplenote-authToken=\"old\"\n");
+            old.close();
+            ASSERT_EQ(QFileInfo(file).permissions() & QFile::ReadOther, QFile::ReadOther);
+        }
+        UserDefaults& defaults = UserDefaults::standardUserDefaults();
+        defaults.setObject(QString("token"), "me@example.org-authToken");
+        ASSERT_TRUE(defaults.synchronize());
+        const auto mode = [](const QString& path) {
+            struct stat info {};
+            ::stat(QFile::encodeName(path).constData(), &info);
+            return info.st_mode & 0777;
+        };
+        EXPECT_EQ(mode(file), 0600u);
+        EXPECT_EQ(mode(folder), 0700u);
+    }
 }
 
 }  // namespace
