@@ -6,6 +6,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 
 #include "foundation/UserDefaults.h"
@@ -65,6 +66,67 @@ TEST(LoginItemsTest, PathsThatNeedQuotingAreQuoted) {
     EXPECT_EQ(validate.exitCode(), 0) << validate.readAllStandardOutput().toStdString();
     list.removeItem(entry);
     EXPECT_FALSE(QFile::exists(entry));
+}
+
+// An entry that was there before: one written here for a program that has moved since, one
+// written here that the desktop's start-up settings switched off, and someone else's. Ticking
+// writes the entry afresh for this program, enabled; unticking deletes only an entry written
+// here and leaves someone else's as it was.
+TEST(LoginItemsTest, TickingRenewsUntickingDeletesOnlyOurOwn) {
+    struct Before {
+        const char* name;
+        QByteArray text;
+        bool writtenHere;
+    };
+    const QByteArray ours =
+        "[Desktop Entry]\nType=Application\nName=Ferrybox\n"
+        "X-Ferrybox-Login-Item=true\n";
+    const Before cases[] = {
+        {"moved", ours + "Exec=/old/place/ferrybox\n", true},
+        {"switched off",
+         ours + "Exec=" + QCoreApplication::applicationFilePath().toUtf8() +
+             "\nHidden=true\nX-GNOME-Autostart-enabled=false\n",
+         true},
+        {"someone else's",
+         "[Desktop Entry]\nType=Application\nName=Ferrybox\nExec=ferrybox --headless\n", false},
+    };
+    for (const Before& before : cases) {
+        SCOPED_TRACE(before.name);
+        testsupport::TempHome home;
+        const QString path = home.path() + "/.config/autostart/ferrybox.desktop";
+        const auto put = [&] {
+            QDir().mkpath(QFileInfo(path).path());
+            QFile file(path);
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write(before.text);
+        };
+        const auto text = [&] {
+            QFile file(path);
+            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        };
+        QCheckBox box;
+        LoginItemController controller;
+        controller.setOpenAtLoginButton(&box);
+
+        put();
+        box.setChecked(true);
+        controller.addToLoginItems(&box);
+        const QByteArray written = text();
+        EXPECT_TRUE(
+            written.contains("\nExec=" + QCoreApplication::applicationFilePath().toUtf8() + "\n"))
+            << written.toStdString();
+        EXPECT_TRUE(written.contains("\nX-GNOME-Autostart-enabled=true\n"));
+        EXPECT_FALSE(written.contains("Hidden"));
+
+        put();
+        box.setChecked(false);
+        controller.addToLoginItems(&box);
+        if (before.writtenHere) {
+            EXPECT_FALSE(QFile::exists(path));
+        } else {
+            EXPECT_EQ(text(), before.text);
+        }
+    }
 }
 
 }  // namespace
