@@ -156,6 +156,9 @@ public:
     // Shows the download folder; set at start-up and by each choice of a folder.
     QLabel* directoryField() const { return directoryField_; }
     void setDirectoryField(QLabel* w) { directoryField_ = w; }
+    // Says, under the remember checkbox, when the keyring could not keep the password.
+    QLabel* keyringLabel() const { return keyringLabel_; }
+    void setKeyringLabel(QLabel* w) { keyringLabel_ = w; }
 
     // --- state
     const DownloadList& downloadList() const { return downloadList_; }
@@ -194,6 +197,8 @@ private:
     void setStartButtonAction(const QString& title, const QString& action);
     void startSpinner(bool on);
     void showError(const QString& text);
+    void rememberPassword();
+    void setKeyringNotice(const QString& text);
     void turnOffAfterFailure(const QString& detail, const QString& labelText);
     void removeFromDownloadList(const FXDownload* download);
     void searchForLogNote(foundation::NotificationCenter::Block onSuccess,
@@ -215,6 +220,7 @@ private:
     QMenu* appMenu_ = nullptr;
     QCheckBox* openAtLoginButton_ = nullptr;
     QLabel* directoryField_ = nullptr;
+    QLabel* keyringLabel_ = nullptr;
     DownloadList downloadList_;
     QVariant interval_;
     std::shared_ptr<foundation::Timer> timer_;

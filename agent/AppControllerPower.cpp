@@ -82,10 +82,8 @@ void AppController::loginSucceeded(const foundation::Notification&) {
 
     foundation::UserDefaults::standardUserDefaults().setObject(emailField_->text(),
                                                                QStringLiteral("email"));
-    if (rememberInKeychainButton_->isChecked()) {
-        KCGenericKeychainItem::addGenericKeychainItemForService(
-            QStringLiteral("Ferrybox"), emailField_->text(), passwordField_->text());
-    }
+    if (rememberInKeychainButton_->isChecked())
+        rememberPassword();
     appRunning_ = true;
     armCheckTimer();
 }

@@ -14,6 +14,7 @@
 #include "foundation/NotificationCenter.h"
 #include "foundation/PartialFiles.h"
 #include "foundation/Paths.h"
+#include "foundation/Timer.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
 #include "platform/AgentInstance.h"
@@ -151,22 +152,20 @@ void Application::watchLogin() {
 }
 
 // Called while the login's success is being posted: the first check runs right after, so look
-// for idleness only from the next turn of the event loop on.
+// for idleness only from the next turn of the event loop on. The look is work of the default
+// mode, like the check itself: it waits while the mode is held (a keyring call under way).
 void Application::finishWhenIdle() {
-    auto* poll = new QTimer(this);
-    poll->setInterval(20);
-    QObject::connect(poll, &QTimer::timeout, this, [this, poll] {
+    idlePoll_ = foundation::Timer::create(0.02, true, [this] {
         AppController& controller = interface_->controller();
         if (foundation::URLConnection::inFlightCount() > 0 ||
             foundation::URLDownload::inFlightCount() > 0 || !controller.downloadList().empty()) {
             return;
         }
-        poll->stop();
-        poll->deleteLater();
+        idlePoll_->invalidate();
         exitStatus_ = controller.failuresReported() > 0 || reporter_.failures() > 0 ? 1 : 0;
         terminate();
     });
-    poll->start();
+    idlePoll_->scheduleInDefaultMode();
 }
 
 void Application::terminate() {

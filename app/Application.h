@@ -7,6 +7,9 @@
 #include "app/Options.h"
 
 class MainInterface;
+namespace foundation {
+class Timer;
+}  // namespace foundation
 namespace ui {
 class NoTrayFallback;
 class TrayAvailability;
@@ -48,5 +51,6 @@ private:
     std::unique_ptr<ui::TrayAvailability> tray_;
     std::unique_ptr<MainInterface> interface_;
     std::unique_ptr<ui::NoTrayFallback> noTray_;
+    std::shared_ptr<foundation::Timer> idlePoll_;
     int exitStatus_ = 0;
 };

@@ -5,11 +5,19 @@
 // "protocol", "authtype"), which other programs of the desktop understand. A protocol code is
 // stored as its four characters without trailing blanks ("http", "ftp", "ftpa"), the
 // authentication type of an added item as "dflt". The label is the item's label.
+//
+// Every call is answered within a few seconds: a keyring that takes longer (a hung daemon, a
+// prompt nobody answers) counts as one that cannot be reached, for that call. The desktop goes on
+// showing the agent meanwhile (see foundation::runWithin).
 #include <libsecret/secret.h>
 
+#include <atomic>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <utility>
 
+#include "foundation/BoundedWait.h"
 #include "foundation/Log.h"
 #include "platform/KeychainStore.h"
 
@@ -34,6 +42,8 @@ const SecretSchema* networkSchema() {
 }
 
 const QString kNotFound = QStringLiteral("SECRET_ERROR_NO_SUCH_OBJECT");
+const QString kTimedOut = QStringLiteral("G_IO_ERROR_TIMED_OUT");
+constexpr int kKeyringAnswerMs = 3000;
 
 // Owns one reference to the item.
 struct Handle {
@@ -94,22 +104,93 @@ QString statusName(const GError* error) {
         .arg(error->code);
 }
 
+// Once per run, whichever call finds it so first.
+void tellUnreachable(const QString& why) {
+    static std::atomic<bool> told = false;
+    if (!told.exchange(true)) {
+        foundation::log(QStringLiteral("The keyring cannot be reached (%1): passwords are "
+                                       "neither read from it nor kept in it")
+                            .arg(why));
+    }
+}
+
 // Takes the error: its name, and one line in the log the first time the store cannot be
 // reached at all.
 QString consume(GError* error) {
     const QString name = statusName(error);
-    if (error && error->domain != SECRET_ERROR) {
-        static bool told = false;
-        if (!told) {
-            told = true;
-            foundation::log(QStringLiteral("The keyring cannot be reached (%1): passwords are "
-                                           "neither read from it nor kept in it")
-                                .arg(QString::fromUtf8(error->message)));
-        }
-    }
+    if (error && error->domain != SECRET_ERROR)
+        tellUnreachable(QString::fromUtf8(error->message));
     if (error)
         g_error_free(error);
     return name;
+}
+
+// The call's answer, or the given one when the keyring has not answered in time.
+template <class T>
+T answered(std::function<T()> call, T unanswered) {
+    auto answer = std::make_shared<T>();
+    if (foundation::runWithin(kKeyringAnswerMs,
+                              [call = std::move(call), answer] { *answer = call(); })) {
+        return std::move(*answer);
+    }
+    tellUnreachable(
+        QStringLiteral("it has not answered within %1 seconds").arg(kKeyringAnswerMs / 1000));
+    return unanswered;
+}
+
+KeychainResult unanswered() {
+    KeychainResult result;
+    result.status = kTimedOut;
+    return result;
+}
+
+// Whether the service names a collection as its default: it answers the root path when none.
+bool hasDefaultCollection(SecretService* secrets, GError** error) {
+    GVariant* answer = g_dbus_proxy_call_sync(G_DBUS_PROXY(secrets), "ReadAlias",
+                                              g_variant_new("(s)", SECRET_COLLECTION_DEFAULT),
+                                              G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error);
+    if (!answer)
+        return false;
+    const gchar* path = nullptr;
+    g_variant_get(answer, "(&o)", &path);
+    const bool named = std::strcmp(path, "/") != 0;
+    g_variant_unref(answer);
+    return named;
+}
+
+// The collection new items go to: the one the service names as the default, else one made as
+// libsecret itself makes it, the login collection under that alias. Where neither is to be had,
+// passwords cannot be kept, and the log says so once. Answers null with the status then.
+SecretCollection* defaultCollection(SecretService* secrets, QString* status) {
+    GError* error = nullptr;
+    const bool named = hasDefaultCollection(secrets, &error);
+    if (error) {
+        *status = consume(error);
+        return nullptr;
+    }
+    if (named) {
+        SecretCollection* collection = secret_collection_for_alias_sync(
+            secrets, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+        if (!collection)
+            *status = error ? consume(error) : kNotFound;
+        return collection;
+    }
+    SecretCollection* made =
+        secret_collection_create_sync(secrets, "Login", SECRET_COLLECTION_DEFAULT,
+                                      SECRET_COLLECTION_CREATE_NONE, nullptr, &error);
+    if (made)
+        return made;
+    *status = error ? statusName(error) : kNotFound;
+    static std::atomic<bool> told = false;
+    if (!told.exchange(true)) {
+        foundation::log(QStringLiteral("The keyring has no collection to keep passwords in (none "
+                                       "is its default, and making one failed: %1): passwords "
+                                       "are not remembered")
+                            .arg(error ? QString::fromUtf8(error->message) : *status));
+    }
+    if (error)
+        g_error_free(error);
+    return nullptr;
 }
 
 SecretService* service(GError** error) {
@@ -211,13 +292,10 @@ KeychainResult add(const SecretSchema* schema, const Attributes& attributes, con
         result.status = error ? consume(error) : QStringLiteral("SECRET_ERROR_ALREADY_EXISTS");
         return result;
     }
-    SecretCollection* collection = secret_collection_for_alias_sync(
-        secrets, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+    SecretCollection* collection = defaultCollection(secrets, &result.status);
     g_object_unref(secrets);
-    if (!collection) {
-        result.status = error ? consume(error) : kNotFound;
+    if (!collection)
         return result;
-    }
     SecretValue* secret = secret_value_new(password.constData(), password.size(), "text/plain");
     SecretItem* item =
         secret_item_create_sync(collection, schema, attributes.table, label.toUtf8().constData(),
@@ -259,29 +337,61 @@ class SecretServiceStore : public KeychainStore {
 public:
     KeychainResult findGenericPassword(const QByteArray& service,
                                        const QByteArray& account) override {
-        return find(&kGenericSchema, genericAttributes(service, account), false);
+        return answered<KeychainResult>(
+            [=] { return find(&kGenericSchema, genericAttributes(service, account), false); },
+            unanswered());
     }
     KeychainResult addGenericPassword(const QByteArray& service, const QByteArray& account,
                                       const QByteArray& password) override {
-        return add(&kGenericSchema, genericAttributes(service, account), QString::fromUtf8(service),
-                   password, false);
+        return answered<KeychainResult>(
+            [=] {
+                return add(&kGenericSchema, genericAttributes(service, account),
+                           QString::fromUtf8(service), password, false);
+            },
+            unanswered());
     }
     KeychainResult findInternetPassword(const QByteArray& server, const QByteArray& account,
                                         const QByteArray& path, quint16 port,
                                         quint32 protocol) override {
-        return find(networkSchema(), internetAttributes(server, account, path, port, protocol),
-                    true);
+        return answered<KeychainResult>(
+            [=] {
+                return find(networkSchema(),
+                            internetAttributes(server, account, path, port, protocol), true);
+            },
+            unanswered());
     }
     KeychainResult addInternetPassword(const QByteArray& server, const QByteArray& account,
                                        const QByteArray& password, const QByteArray& path,
                                        quint16 port, quint32 protocol) override {
-        Attributes attributes = internetAttributes(server, account, path, port, protocol);
-        attributes.set("authtype", "dflt");
-        return add(networkSchema(), attributes, QString::fromUtf8(server), password, true);
+        return answered<KeychainResult>(
+            [=] {
+                Attributes attributes = internetAttributes(server, account, path, port, protocol);
+                attributes.set("authtype", "dflt");
+                return add(networkSchema(), attributes, QString::fromUtf8(server), password, true);
+            },
+            unanswered());
     }
 
     QString modifyAttribute(const KeychainItemRef& ref, quint32 tag,
                             const QByteArray& value) override {
+        return answered<QString>([=] { return modifyAttributeNow(ref, tag, value); }, kTimedOut);
+    }
+    QString modifyPasswordData(const KeychainItemRef& ref, const QByteArray& password) override {
+        return answered<QString>([=] { return modifyPasswordDataNow(ref, password); }, kTimedOut);
+    }
+    QString deleteItem(const KeychainItemRef& ref) override {
+        return answered<QString>([=] { return deleteItemNow(ref); }, kTimedOut);
+    }
+    void lock() override {
+        answered<bool>([] { return lockDefaultCollection(true), true; }, false);
+    }
+    void unlock() override {
+        answered<bool>([] { return lockDefaultCollection(false), true; }, false);
+    }
+
+private:
+    static QString modifyAttributeNow(const KeychainItemRef& ref, quint32 tag,
+                                      const QByteArray& value) {
         SecretItem* item = itemOf(ref);
         if (!item)
             return kNotFound;
@@ -306,7 +416,7 @@ public:
         return error ? consume(error) : QString();
     }
 
-    QString modifyPasswordData(const KeychainItemRef& ref, const QByteArray& password) override {
+    static QString modifyPasswordDataNow(const KeychainItemRef& ref, const QByteArray& password) {
         SecretItem* item = itemOf(ref);
         if (!item)
             return kNotFound;
@@ -317,7 +427,7 @@ public:
         return error ? consume(error) : QString();
     }
 
-    QString deleteItem(const KeychainItemRef& ref) override {
+    static QString deleteItemNow(const KeychainItemRef& ref) {
         SecretItem* item = itemOf(ref);
         if (!item)
             return kNotFound;
@@ -325,10 +435,6 @@ public:
         return secret_item_delete_sync(item, nullptr, &error) ? QString() : consume(error);
     }
 
-    void lock() override { lockDefaultCollection(true); }
-    void unlock() override { lockDefaultCollection(false); }
-
-private:
     static void lockDefaultCollection(bool lock) {
         GError* error = nullptr;
         SecretService* secrets = service(&error);

@@ -2,6 +2,7 @@
 // notifications, the interval's help, and showing the window.
 #include <QCheckBox>
 #include <QDir>
+#include <QLabel>
 #include <QLineEdit>
 #include <QScreen>
 #include <QWidget>
@@ -68,6 +69,37 @@ void AppController::controlTextDidEndEditing(QObject*) {
     }
 }
 
+// The item is added after each login, as always. An add is refused when an item is there
+// already, which keeps that item's password: after a change of password every later start would
+// fail, so a password that differs replaces the stored one. An item that can be neither added
+// nor found means the keyring keeps nothing (none runs, it is locked, it has nowhere to put it),
+// and the person is told.
+void AppController::rememberPassword() {
+    const QString email = emailField_->text();
+    const QString password = passwordField_->text();
+    if (KCGenericKeychainItem::addGenericKeychainItemForService(kKeychainService, email,
+                                                                password)) {
+        setKeyringNotice(QString());
+        return;
+    }
+    if (auto item = KCGenericKeychainItem::genericKeychainItemForService(kKeychainService, email)) {
+        if (item->password() != password)
+            item->setPassword(password);
+        setKeyringNotice(QString());
+        return;
+    }
+    setKeyringNotice(
+        QStringLiteral("The keyring could not keep the password: Ferrybox will ask "
+                       "for it at the next start."));
+}
+
+void AppController::setKeyringNotice(const QString& text) {
+    if (!keyringLabel_)
+        return;
+    keyringLabel_->setText(text);
+    keyringLabel_->setVisible(!text.isEmpty());
+}
+
 // Switching off forgets the whole account: the keyring's item, the password and the address.
 void AppController::toggleRememberInKeychain(QObject*) {
     switch (rememberInKeychainButton_->checkState()) {
@@ -86,6 +118,7 @@ void AppController::toggleRememberInKeychain(QObject*) {
             }
             passwordField_->clear();
             emailField_->clear();
+            setKeyringNotice(QString());
             break;
         default:
             foundation::log(QStringLiteral("Error while toggling keychain preference"));

@@ -43,6 +43,7 @@ void MainInterface::connectOutlets() {
     c.setAppMenu(&appMenu_);
     c.setOpenAtLoginButton(form_->openAtLoginButton);
     c.setDirectoryField(form_->directoryField);
+    c.setKeyringLabel(form_->keyringLabel);
     loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
     new IntervalInput(form_->intervalField, [this] { return controller_.interval().toString(); });
 }

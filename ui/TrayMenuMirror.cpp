@@ -1,6 +1,6 @@
 #include "ui/TrayMenuMirror.h"
 
-#include <QTimer>
+#include "foundation/RunLoop.h"
 
 namespace ui {
 
@@ -114,10 +114,12 @@ void TrayMenuMirror::choose(QAction* copy) {
     if (onChosen)
         onChosen();
     const QString text = copy->data().toString();
-    QTimer::singleShot(0, &menu_, [this, text] {
-        if (QAction* chosen = findCommand(currentSource_(), text))
-            chosen->trigger();
-    });
+    foundation::RunLoop::main().performInDefaultMode(
+        [this, text] {
+            if (QAction* chosen = findCommand(currentSource_(), text))
+                chosen->trigger();
+        },
+        &menu_);
 }
 
 void TrayMenuMirror::watch(QMenu* menu) {

@@ -16,8 +16,9 @@ namespace ui {
 // progress changes reads the new texts and its clicks still reach the right command.
 //
 // A chosen item sends the action of the command of the same text in the controller's current
-// menu (the copy may be up to a tenth of a second older), from the next turn of the event loop:
-// a panel that waits for the answer to its click is not held up by an alert that the action
+// menu (the copy may be up to a tenth of a second older), as work of the default run-loop mode,
+// as a menu's choice is on the Mac: after the menu has closed, and not while the mode is held. A
+// panel that waits for the answer to its click is not held up by an alert that the action
 // opens.
 class TrayMenuMirror {
 public:

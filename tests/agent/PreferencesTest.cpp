@@ -21,6 +21,7 @@
 #include "foundation/Timer.h"
 #include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
+#include "tests/support/PrivateKeyring.h"
 #include "tests/support/Wait.h"
 #include "ui/NoTrayFallback.h"
 #include "ui/TrayAvailability.h"
@@ -135,6 +136,49 @@ TEST_F(PreferencesTest, RememberingThePassword) {
     controller().toggleRememberInKeychain(nullptr);
     EXPECT_EQ(log.lines(), QStringList{"Error while toggling keychain preference"});
     EXPECT_EQ(storedDefault("shouldRememberPassword"), QVariant("no"));
+}
+
+// After each login the password is kept: a changed one replaces the one stored, which would
+// otherwise fail every later start, and a keyring that keeps nothing is said so in the window.
+// No password reaches the log.
+TEST_F(PreferencesTest, KeepingThePasswordAfterALogin) {
+    struct Case {
+        const char* name;
+        const char* stored;  // null: none
+        bool keyringKeeps;
+        const char* kept;  // null: none
+    };
+    const Case cases[] = {
+        {"new", nullptr, true, "typed"},
+        {"changed", "earlier", true, "typed"},
+        {"the same", "typed", true, "typed"},
+        {"keyring keeps nothing", nullptr, false, nullptr},
+    };
+    auto& keyring = testsupport::PrivateKeyring::shared();
+    answerLogin("token");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        keyring.clear();
+        if (c.stored) {
+            ASSERT_NE(KCGenericKeychainItem::addGenericKeychainItemForService(
+                          "Ferrybox", "me@example.org", c.stored),
+                      nullptr);
+        }
+        ASSERT_TRUE(
+            keyring.setDefaultCollection(c.keyringKeeps ? keyring.loginCollection() : QString()));
+        foundation::LogCapture log;
+        interface_ = std::make_unique<MainInterface>();
+        startWithAccount("me@example.org", "typed");
+        ASSERT_TRUE(waitForRunning());
+        auto item =
+            KCGenericKeychainItem::genericKeychainItemForService("Ferrybox", "me@example.org");
+        EXPECT_EQ(item ? item->password() : QString(), c.kept ? QString(c.kept) : QString());
+        EXPECT_EQ(control<QLabel>("keyringLabel")->isVisibleTo(&interface().window()),
+                  !c.keyringKeeps);
+        EXPECT_FALSE(log.lines().join('\n').contains("typed"));
+        EXPECT_FALSE(log.lines().join('\n').contains("earlier"));
+    }
+    ASSERT_TRUE(keyring.setDefaultCollection(keyring.loginCollection()));
 }
 
 TEST_F(PreferencesTest, DownloadFolderIsStoredWithATilde) {

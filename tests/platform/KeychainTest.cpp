@@ -1,9 +1,12 @@
 // Keychain items against a real Secret Service (gnome-keyring on the test's private bus).
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
+
 #include "foundation/Assert.h"
 #include "foundation/Log.h"
 #include "platform/KCKeychainItem.h"
+#include "tests/support/HungKeyring.h"
 #include "tests/support/PrivateKeyring.h"
 
 namespace {
@@ -156,6 +159,38 @@ TEST_F(KeychainTest, UnreachableKeyringIsOneLineAndNothingElse) {
     EXPECT_EQ(Generic::addGenericKeychainItemForService(kService, "me@example.org", "pw"), nullptr);
     ASSERT_EQ(log.lines().size(), 1);
     EXPECT_TRUE(log.lines().first().startsWith("The keyring cannot be reached ("))
+        << log.lines().first().toStdString();
+}
+
+// A keyring that takes the call and never answers (a hung daemon, a prompt nobody answers)
+// counts as one that cannot be reached, after a few seconds, and the log says so once.
+TEST_F(KeychainTest, AKeyringThatNeverAnswersIsGivenUpOnInSeconds) {
+    testsupport::PrivateKeyring::shared().stop();
+    testsupport::HungKeyring hung;
+    ASSERT_TRUE(hung.isRegistered());
+    foundation::LogCapture log;
+    QElapsedTimer clock;
+    clock.start();
+    EXPECT_EQ(Generic::genericKeychainItemForService(kService, "me@example.org"), nullptr);
+    EXPECT_LT(clock.elapsed(), 10000);
+    EXPECT_EQ(Generic::addGenericKeychainItemForService(kService, "me@example.org", "pw"), nullptr);
+    ASSERT_EQ(log.lines().size(), 1);
+    EXPECT_TRUE(
+        log.lines().first().startsWith("The keyring cannot be reached (it has not "
+                                       "answered within"))
+        << log.lines().first().toStdString();
+}
+
+// A keyring that names no collection as its default (a new one, KeePassXC exposing none): a login
+// collection is made as libsecret makes it, which needs the person to give the new collection a
+// password. Nobody is here to, so the password cannot be kept, and the log says so once.
+TEST_F(KeychainTest, WithoutADefaultCollectionNothingIsKeptAndTheLogSaysSoOnce) {
+    ASSERT_TRUE(testsupport::PrivateKeyring::shared().setDefaultCollection(QString()));
+    foundation::LogCapture log;
+    EXPECT_EQ(Generic::addGenericKeychainItemForService(kService, "me@example.org", "pw"), nullptr);
+    EXPECT_EQ(Generic::addGenericKeychainItemForService(kService, "me@example.org", "pw"), nullptr);
+    ASSERT_EQ(log.lines().size(), 1);
+    EXPECT_TRUE(log.lines().first().startsWith("The keyring has no collection to keep passwords"))
         << log.lines().first().toStdString();
 }
 

@@ -118,4 +118,17 @@ bool PrivateKeyring::isLoginKeyringLocked() {
     return reply.arguments().value(0).value<QDBusVariant>().variant().toBool();
 }
 
+QString PrivateKeyring::loginCollection() {
+    return kLogin;
+}
+
+bool PrivateKeyring::setDefaultCollection(const QString& path) {
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        kSecrets, QStringLiteral("/org/freedesktop/secrets"),
+        QStringLiteral("org.freedesktop.Secret.Service"), QStringLiteral("SetAlias"));
+    call << QStringLiteral("default")
+         << QVariant::fromValue(QDBusObjectPath(path.isEmpty() ? QStringLiteral("/") : path));
+    return QDBusConnection::sessionBus().call(call).type() == QDBusMessage::ReplyMessage;
+}
+
 }  // namespace testsupport

@@ -23,6 +23,10 @@ public:
     // Unlocks the login keyring with the test password, as the desktop's login does.
     bool unlockLoginKeyring();
     bool isLoginKeyringLocked();
+    // The login collection's path.
+    static QString loginCollection();
+    // Makes the collection at this path the default one; an empty path leaves none the default.
+    bool setDefaultCollection(const QString& path);
 
 private:
     PrivateKeyring();

@@ -1,0 +1,46 @@
+#include "tests/support/HungKeyring.h"
+
+#include <QDBusConnection>
+#include <QSemaphore>
+#include <QThread>
+
+namespace testsupport {
+
+namespace {
+const QString kService = QStringLiteral("org.freedesktop.secrets");
+const QString kPath = QStringLiteral("/org/freedesktop/secrets");
+}  // namespace
+
+// Runs no event loop: the calls that the bus hands to its objects wait for ever.
+struct HungKeyring::Thread : QThread {
+    QSemaphore release;
+    void run() override { release.acquire(); }
+};
+
+HungKeyring::HungKeyring()
+    : connectionName_(
+          QStringLiteral("hung-keyring-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)),
+      thread_(std::make_unique<Thread>()),
+      silent_(std::make_unique<QObject>()) {
+    thread_->start();
+    silent_->moveToThread(thread_.get());
+    QDBusConnection bus = QDBusConnection::connectToBus(
+        qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), connectionName_);
+    registered_ = bus.isConnected() &&
+                  bus.registerObject(kPath, silent_.get(), QDBusConnection::ExportAllContents) &&
+                  bus.registerService(kService);
+}
+
+HungKeyring::~HungKeyring() {
+    {
+        QDBusConnection bus(connectionName_);
+        bus.unregisterService(kService);
+        bus.unregisterObject(kPath);
+    }
+    QDBusConnection::disconnectFromBus(connectionName_);
+    thread_->release.release();
+    thread_->wait();
+    silent_.reset();  // its thread is over, and with it the calls it never took
+}
+
+}  // namespace testsupport
