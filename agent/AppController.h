@@ -186,7 +186,7 @@ public:
     void setSearchTerm(const QString& term) { searchTerm_ = term; }
 
 private:
-    void readAccountSettings();
+    QString readAccountSettings();
     void readCheckSettings();
     void readNotificationSettings();
     void readLogSettings();

@@ -44,13 +44,21 @@ void AppController::awakeFromNib() {
     statusItem_->setHighlightMode(true);
     statusItem_->setEnabled(true);
 
-    readAccountSettings();
+    const QString remembered = readAccountSettings();
     readCheckSettings();
     readNotificationSettings();
     readLogSettings();
     readDownloadDirectorySetting();
     updateMenu();
     readOpenAtLoginSetting();
+    // The keyring is asked last, when nothing else reads what it gives before: the status item
+    // and its menu are there by then, and the desktop shows them while a slow keyring answers.
+    if (!remembered.isNull()) {
+        if (auto item = KCGenericKeychainItem::genericKeychainItemForService(kKeychainService,
+                                                                             remembered)) {
+            passwordField_->setText(item->password());
+        }
+    }
 
     if (!emailField_->text().isEmpty() && !passwordField_->text().isEmpty()) {
         turnFerryboxOn(nullptr);
@@ -68,7 +76,8 @@ void AppController::setAccountOverride(const QString& email, const QString& pass
         passwordOverride_ = password;
 }
 
-void AppController::readAccountSettings() {
+// Answers the address whose password the keychain is to give, null for none.
+QString AppController::readAccountSettings() {
     // The address that will log in: the one given as an option, else the stored one. The
     // keychain is asked for that address's password, never another's.
     const QString email =
@@ -76,14 +85,12 @@ void AppController::readAccountSettings() {
     if (!email.isNull())
         emailField_->setText(email);
 
+    QString remembered;
     const QString remember = defaults().stringForKey(QStringLiteral("shouldRememberPassword"));
     if (matches(remember, kYes) && !email.isNull()) {
         rememberInKeychainButton_->setChecked(true);
-        auto item = passwordOverride_ ? nullptr
-                                      : KCGenericKeychainItem::genericKeychainItemForService(
-                                            kKeychainService, email);
-        if (item)
-            passwordField_->setText(item->password());
+        if (!passwordOverride_)
+            remembered = email;
     } else if (matches(remember, kNo)) {
         rememberInKeychainButton_->setChecked(false);
     } else {
@@ -93,6 +100,7 @@ void AppController::readAccountSettings() {
 
     if (passwordOverride_)
         passwordField_->setText(*passwordOverride_);
+    return remembered;
 }
 
 void AppController::readCheckSettings() {

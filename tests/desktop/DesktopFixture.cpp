@@ -131,7 +131,13 @@ void DesktopTest::queueLinks(const QStringList& links) {
                                  QStringLiteral("Ferrybox_Downloads\n") + links.join('\n')));
 }
 
-void DesktopTest::startAgent(const QStringList& arguments) {
+void DesktopTest::writeSettings(const QByteArray& text) {
+    QDir().mkpath(home_.filePath(QStringLiteral(".config/Ferrybox")));
+    writeFile(home_.filePath(QStringLiteral(".config/Ferrybox/Ferrybox.conf")), text,
+              QFile::ReadOwner | QFile::WriteOwner);
+}
+
+void DesktopTest::startAgent(const QStringList& arguments, Account account) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DISPLAY"), display_.name());
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
@@ -149,10 +155,9 @@ void DesktopTest::startAgent(const QStringList& arguments) {
     }
     agent_.setProcessEnvironment(env);
     agent_.setProcessChannelMode(QProcess::MergedChannels);
-    agent_.start(agentBinary(),
-                 QStringList{QStringLiteral("--email"), kEmail, QStringLiteral("--password-file"),
-                             home_.filePath(QStringLiteral("password"))} +
-                     arguments);
+    const QStringList given = {QStringLiteral("--email"), kEmail, QStringLiteral("--password-file"),
+                               home_.filePath(QStringLiteral("password"))};
+    agent_.start(agentBinary(), (account == Account::Given ? given : QStringList()) + arguments);
     ASSERT_TRUE(agent_.waitForStarted(5000));
 }
 

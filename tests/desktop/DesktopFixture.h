@@ -50,8 +50,11 @@ protected:
     void queueLinks(const QStringList& links);
 
     // Starts ferrybox with the account's address and password file (and these arguments); the
-    // agent logs in at once.
-    void startAgent(const QStringList& arguments = {});
+    // agent logs in at once. Without them it starts as from the desktop's menu.
+    enum class Account { Given, Stored };
+    void startAgent(const QStringList& arguments = {}, Account account = Account::Given);
+    // Writes the agent's settings file, as an earlier run would have left it.
+    void writeSettings(const QByteArray& text);
     // Runs another ferrybox as a person would start it again; its exit status, or -1 when it
     // did not end within the time-out.
     int runSecondAgent();

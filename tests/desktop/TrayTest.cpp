@@ -3,6 +3,7 @@
 #include <QFile>
 
 #include "tests/desktop/DesktopFixture.h"
+#include "tests/support/HungKeyring.h"
 #include "tests/support/Wait.h"
 
 namespace desktoptest {
@@ -110,6 +111,21 @@ TEST_F(DesktopTest, APanelThatGoesAwayBringsTheWindowBack) {
         [](const QStringList& lines) { return lines.startsWith("Check For Downloads Now"); }));
     ASSERT_FALSE(preferencesWindow());
     host_->unregister();
+    EXPECT_TRUE(waitUntil([this] { return preferencesWindow().has_value(); }, 10000));
+    EXPECT_TRUE(agentRunning());
+}
+
+// A keyring that never answers the start-up's question for the password: meanwhile the icon and
+// its menu are there, and after a few seconds the agent gives up on it and asks the person.
+TEST_F(DesktopTest, AHungKeyringHoldsUpNothingForLong) {
+    testsupport::HungKeyring keyring;
+    ASSERT_TRUE(keyring.isRegistered());
+    writeSettings("[General]\nemail=\"me@example.org\"\nshouldRememberPassword=\"yes\"\n");
+    startTray(Tray::StatusNotifier);
+    startAgent({}, Account::Stored);
+    ASSERT_TRUE(
+        waitForMenu([](const QStringList& lines) { return lines.contains("Turn Ferrybox On"); }));
+    EXPECT_FALSE(preferencesWindow()) << "still waiting for the keyring";
     EXPECT_TRUE(waitUntil([this] { return preferencesWindow().has_value(); }, 10000));
     EXPECT_TRUE(agentRunning());
 }
