@@ -22,13 +22,14 @@ HungKeyring::HungKeyring()
           QStringLiteral("hung-keyring-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)),
       thread_(std::make_unique<Thread>()),
       silent_(std::make_unique<QObject>()) {
-    thread_->start();
-    silent_->moveToThread(thread_.get());
     QDBusConnection bus = QDBusConnection::connectToBus(
         qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), connectionName_);
     registered_ = bus.isConnected() &&
-                  bus.registerObject(kPath, silent_.get(), QDBusConnection::ExportAllContents) &&
-                  bus.registerService(kService);
+                  bus.registerObject(kPath, silent_.get(), QDBusConnection::ExportAllContents);
+    // From here on the calls the bus hands to the object wait in a thread that never takes them.
+    thread_->start();
+    silent_->moveToThread(thread_.get());
+    registered_ = registered_ && bus.registerService(kService);
 }
 
 HungKeyring::~HungKeyring() {

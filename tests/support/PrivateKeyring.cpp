@@ -61,6 +61,9 @@ void PrivateKeyring::stop() {
     stopProcess(daemon_);
     running_ = false;
     waitUntil([] { return !registered(); }, 5000);
+    // libsecret's shared connection to the service would otherwise go on calling the daemon that
+    // is gone until it hears of the name's new owner.
+    secret_service_disconnect();
 }
 
 void PrivateKeyring::clear() {
