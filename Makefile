@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The front door: `make run` starts Ferrybox, `make test` builds and runs every test.
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev \
 	qt6-base-dev qt6-base-dev-tools libqt6dbus6 libgl-dev \
@@ -5,7 +6,7 @@ DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format 
 	libcpp-httplib-dev libmicrohttpd-dev libssl-dev libsqlite3-dev openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
 	wrk nginx-light curl aria2 time python3 python3-selenium chromium chromium-driver \
-	xvfb xdotool trayer libxcb1-dev
+	xvfb xdotool trayer libxcb1-dev lintian
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 # Where `make install` puts Ferrybox; DESTDIR=DIR stages the same files below DIR.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Actions by name, as the controls and menu items send them: the one place that knows which
 // operation a name stands for.
 #include <QHash>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // One check of the download note: find it, start a download for every link line, keep the
 // comment lines, and push the note back with only its header and comments.
 #include <QCheckBox>

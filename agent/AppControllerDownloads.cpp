@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The controller as the receiver of every transfer's events: it keeps the list of running
 // downloads, decides where each file goes, counts progress and tells the user.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The turn-off-after-failure family: every failure of a check or of the log note is reported
 // three ways at once (a notification, a fixed line in the preferences window, turning off).
 #include <QLabel>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The log note: a second note, "Ferrybox_Download_Log", to which every link taken from the
 // download note is appended. Nothing of it is kept between operations: each one searches for it
 // afresh, and every write to it goes unwatched.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Turning the agent on (a login, then the repeating check timer) and off, and the quit guard.
 #include <QCheckBox>
 #include <QLabel>

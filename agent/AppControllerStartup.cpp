@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Start-up: read every setting, write the defaults of missing ones, and either turn the agent on
 // with the stored account or show the preferences window so the user can enter one.
 #include <QCheckBox>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "app/Options.h"
 
 std::optional<Options> parseOptions(const QStringList& arguments, const QString& passwordFileEnv,

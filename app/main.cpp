@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The ferrybox executable: the tray agent, or with --headless the same agent without windows.
 #include <QApplication>
 #include <QIcon>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "client/LWSimplenoteSyncStatus.h"
 
 // Function-local statics are made once, under the compiler's lock, whichever thread asks first.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Compile settings shared by every target of ours, carried by one INTERFACE target.
 add_library(ferrybox_common INTERFACE)
 target_compile_options(ferrybox_common INTERFACE -Wall -Wextra -Werror)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The file name a response suggests, made safe to put into a folder: whatever a server answers,
 // the name cannot lead out of the folder it is saved in.
 #include <QMap>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Any bytes: parsed as a string (bytes that are not UTF-8 are no input) and as UTF-8 bytes;
 // whatever parses is written back, compact and indented, and must parse again to the same value.
 // The UTF-8 writer must give what Qt's encoder makes of the UTF-16 writer's text.

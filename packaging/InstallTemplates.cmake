@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Runs while installing, after the FERRYBOX_* variables of packaging/CMakeLists.txt are set:
 # writes the files that name the installed programs for this install's prefix and installs them
 # like any other file (DESTDIR and the install manifest included).

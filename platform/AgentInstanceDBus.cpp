@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The session's agent as a well-known name on the D-Bus session bus, the way Qt and KDE
 // programs keep one instance: org.ferrybox.Agent, with one method, ShowPreferences, at
 // /org/ferrybox/Agent.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The keychain store of Linux desktops: the Secret Service on the session bus, through
 // libsecret. Generic items use a schema of our own, "org.ferrybox.GenericPassword", with the
 // attributes "service" and "account"; internet items use libsecret's network-password schema

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Login items on Linux desktops: an entry in the XDG autostart folder, in the Desktop Entry
 // format, that starts the program by its absolute path.
 #include <QDir>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Draws the four 16-pixel status icons into ui/images/ (deterministic; rerun after a change)."""
 import math
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Pictures of the notes web page for docs/images: signed in, with the download note open (the
 address the tray menu's "Go To Download Note" opens), on a phone-sized and a desktop viewport.
 Usage: /usr/bin/python3 scripts/webpage-screenshots.py PAGE_URL EMAIL PASSWORD OUTPUT_DIR"""

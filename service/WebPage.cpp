@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Serves the static files of the notes web page from the resource compiled into the binary.
 #include "service/WebPage.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // ferrybox-notes: a small notes service speaking the notes web API (v1), with SQLite storage.
 #include <sys/stat.h>
 #include <termios.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // ferrybox-json: reads JSON, writes it back through Ferrybox's writer, or lists why it failed.
 #include <QCoreApplication>
 #include <QFile>

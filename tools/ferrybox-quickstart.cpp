@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // ferrybox-quickstart: the account of `make run`. On first use it makes an account on the
 // notes service of this computer, keeps its password in the desktop keyring (or, with no keyring,
 // in a file only the user can read), points the agent's settings at it and says so once. Later

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Desktop notifications: one entry point turns an event word and a detail into a notification
 // titled "Ferrybox", filed under the event's name.
 #include <QCheckBox>

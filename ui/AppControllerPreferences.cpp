@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The preferences window's actions: the interval, keeping the password, the download folder,
 // notifications, the interval's help, and showing the window.
 #include <QCheckBox>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The status menu: the icon and the menu, built anew from the agent's state on every change (a
 // running download changes it with every piece of data).
 #include <QDesktopServices>

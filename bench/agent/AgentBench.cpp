@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The agent's own costs, in process: rebuilding the status menu with 20 downloads listed (it
 // runs on every piece of every download), and one check of a note of 100 links against the real
 // ferrybox-notes, from the search's answer until every transfer has begun and the rewritten note

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Parse and write throughput of our codec beside RapidJSON (DOM), nlohmann::json and
 // QJsonDocument, on the same documents, in one process: three generated ones, and any *.json
 // file of the directory given with --documents DIR.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Writes the two large documents of the JSON memory benchmark into a directory:
 numbers.json, one array of small integers (0 to 999), and objects.json, one array of small
 records of four members. Both are the same on every run and at least SIZE_MB megabytes."""

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Keeps N connections to HOST:PORT open without sending anything, from ten loopback source
 addresses in turn; a connection the server closes is opened again at once. Prints "ready" when
 all are open and runs until killed."""

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Fills a ferrybox-notes database with N notes of the given account, in one transaction."""
 import os
 import sqlite3

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The notes page: signs in to this service's notes API (v1) and lists, searches, opens, edits,
 // creates and deletes notes with it. Note text only ever enters the page as text (textContent,
 // value), never as markup. The token lives in sessionStorage, so it ends with the tab.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // One check against the scripted service, note shape by note shape: what is downloaded, what
 // the note becomes, what the log note is handed, what the user is told.
 #include <QCheckBox>

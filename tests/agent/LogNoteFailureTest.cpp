@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The log note against the scripted service: how its operations fail (a search the service
 // refuses, one that finds no log note or more than one, a checkbox in neither state), and two
 // requests that overlap.

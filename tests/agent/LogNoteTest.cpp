@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The log note through the controller, against the real ferrybox-notes: switching it on and off,
 // clearing it, and the links each check appends.
 #include <gtest/gtest.h>

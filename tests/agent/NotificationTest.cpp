@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Each event word becomes one desktop notification titled "Ferrybox", filed under its name;
 // nothing is shown while the checkbox is off or when there was no service at start-up.
 #include <QCheckBox>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Turning the agent on and off: the login, the check timer, the confirmation when downloads run,
 // the failure family and the quit guard.
 #include <QCheckBox>

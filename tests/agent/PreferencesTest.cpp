@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The preferences window used as a person would: each control's action and what it leaves in
 // the settings, the keyring and the agent.
 #include <QApplication>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What start-up reads, writes and shows, from an empty home and from stored settings.
 #include <QCheckBox>
 #include <QDir>

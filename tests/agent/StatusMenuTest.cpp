@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The status menu as the user sees it in each state: the icon, the items in order, and the
 // progress of each running download.
 #include <QCoreApplication>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The watch-page resolver against pages served on loopback: format choice, the page address,
 // the fixed cuts, entity decoding, and the exceptions a caller has to guard against.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The remote action object's bookkeeping: notification names, sender-bound observers, the
 // parallel tables, and the newest call of an action winning over an earlier one.
 #include "client/LWSimplenote.h"

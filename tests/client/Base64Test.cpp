@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The encoder of every request body, and its 512-character cap.
 #include <gtest/gtest.h>
 

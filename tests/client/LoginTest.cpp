@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Logging in: the exact request, what counts as a token, and where the token goes.
 #include <QNetworkReply>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // A note's pull, push and delete against the scripted service, and reading notes from JSON.
 #include <ctime>
 

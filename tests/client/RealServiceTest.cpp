@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The whole client against the real ferrybox-notes: log in, create, pull, update, delete,
 // search, index, and a whole-account sync.
 #include <gtest/gtest.h>

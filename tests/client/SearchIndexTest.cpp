@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What search and index answers turn into, including answers a correct service would not give.
 #include <QScopeGuard>
 

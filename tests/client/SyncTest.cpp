@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // A whole-account sync against the scripted service. The controller lives as long as its process,
 // so ctest runs every test here in a process of its own, and a test that finds the controller
 // already used (the binary run by hand with several tests) skips instead of failing.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // How the agent starts and ends on a desktop: one per session, quitting from outside without
 // asking, the Quit command with its question, and no partial file left behind by any of them.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The tray menu as a StatusNotifier panel shows and clicks it over D-Bus: every item does what it
 // says, and no panel can leave the agent waiting on a menu it never closes.
 #include <QFile>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The tray menu and the preferences window as people see them: on a real display, the menu popped
 // up from an XEmbed panel's icon with its downloads submenu open. With FERRYBOX_PICTURES set to a
 // folder, the pictures are saved there (scripts/screenshots makes the documentation's with it).

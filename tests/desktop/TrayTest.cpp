@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The agent in each tray situation a desktop offers: it logs in, downloads, shows its state where
 // the person can see it, and stays alive; without a tray its window stays within reach.
 #include <QFile>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // While an alert is open (or the status menu tracked), work of the default mode waits: timers,
 // transport events and queued callbacks arrive afterwards, in the order they were due.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Observers hear only their sender, in registration order, and may unregister while called.
 #include <gtest/gtest.h>
 

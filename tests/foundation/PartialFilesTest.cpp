@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Partial files left by an agent that was killed: which ones the next agent removes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What the service client relies on from an HTTP exchange: every response is announced with its
 // own body, HTTP errors finish, only transport errors fail, and a cancelled exchange is silent.
 #include <gtest/gtest.h>

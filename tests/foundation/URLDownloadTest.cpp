@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // File transfers: the events in order, the name a server may suggest and the names it may not,
 // the ways a transfer fails that the end-to-end tests cannot reach quickly, and never a partial
 // file left behind. (The real agent meets every other failure in tests/system.)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Settings come back with the type they were stored with, across a restart of the store.
 #include <gtest/gtest.h>
 

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs the build tree twice, as `make install` does (into a staging folder, prefix
 # /usr/local) and as the .deb (unpacked, prefix /usr), and checks what a user gets from each:
 # every file in place, a valid desktop entry and units naming the installed programs, manual
 # pages that render without warnings and cover every option of --help, programs that tell the
-# project's version; then that the install manifest uninstalls everything.
+# project's version, the licence and the changelog; then that the install manifest uninstalls
+# everything, and that lintian finds nothing to say of the .deb.
 # Usage: install-test.sh BUILD_DIR VERSION
 set -euo pipefail
 build=$1 version=$2
@@ -39,6 +41,7 @@ check_install() {
         [lib/systemd/user/ferrybox-headless.service]="ExecStart=$prefix/bin/ferrybox --headless"
         [share/icons/hicolor/scalable/apps/ferrybox.svg]="<svg"
         [share/doc/ferrybox/README.md]="# Ferrybox"
+        [share/doc/ferrybox/copyright]="License: GPL-3+"
     )
     for size in 16 32 48 64 128 256; do
         lines[share/icons/hicolor/${size}x$size/apps/ferrybox.png]=${size}x$size
@@ -67,6 +70,8 @@ check_install() {
         fi
     done
 
+    zcat "$root$prefix/share/doc/ferrybox/changelog.gz" 2>/dev/null | grep -q "^ferrybox ($version)" ||
+        fail "the changelog's newest entry is not for $version"
     quiet desktop-file-validate \
         desktop-file-validate "$root$prefix/share/applications/ferrybox.desktop"
     local warnings
@@ -110,6 +115,11 @@ done
 [ -n "$(dpkg-deb -f "$deb" Depends)" ] || fail "the .deb depends on nothing"
 dpkg-deb -x "$deb" "$tmp/deb-root"
 check_install "$tmp/deb-root" /usr
+# Debian's own checks of a package: no error, no warning. (As root it says so, and nothing else.)
+lintian_output=$(lintian --fail-on error,warning "$deb" 2>&1) ||
+    fail "lintian: $lintian_output"
+lintian_output=$(grep -v 'running with root privileges' <<<"$lintian_output" || true)
+[ -z "$lintian_output" ] || fail "lintian: $lintian_output"
 
 [ "$failures" = 0 ] || exit 1
 echo "installed files, desktop entry, units, manual pages, versions and the .deb are right"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The parser's strictness and looseness, case by case: each input gives a value (shown here as
 // the compact writer writes it) or a whole error trace.
 #include <gtest/gtest.h>

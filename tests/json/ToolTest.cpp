@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The real ferrybox-json binary: what it prints and how it exits.
 #include <gtest/gtest.h>
 

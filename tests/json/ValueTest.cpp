@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Values as callers hold and change them: copies stay independent, children outlive their
 // parents, large dictionaries find and replace keys, and text keeps every UTF-16 unit.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The writer's output and refusals, and round trips of parsed text.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Keychain items against a real Secret Service (gnome-keyring on the test's private bus).
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Starting at login: the checkbox lists Ferrybox in the XDG autostart folder, once, and takes it
 // off again; the entry is a valid desktop entry that starts this very program.
 #include <gtest/gtest.h>

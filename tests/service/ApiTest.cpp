@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Every endpoint of the API, driven over loopback HTTP against the real binary.
 #include <QRegularExpression>
 

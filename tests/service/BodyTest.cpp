@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Note and login bodies as different clients send them: form-encoded bodies of any size up to
 // the limit, base64 wrapped into lines, and shapes the service refuses.
 #include "tests/service/ServiceFixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The service facing strangers: each test plays a hostile client over a raw socket (idle
 // connections, trickled or endless headers, huge and endless bodies, password guessing, odd
 // requests) and checks that a well-behaved client is still answered and memory stays bounded.

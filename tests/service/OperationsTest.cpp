@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Running the service: sessions that expire, guessing slowed down, TLS, refusals, durability
 // across kill -9, a damaged database, many clients at once, account commands, a quiet log.
 #include <sqlite3.h>

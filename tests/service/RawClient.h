@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
 // A bare TCP client for playing hostile HTTP clients: it sends exactly the bytes it is given,

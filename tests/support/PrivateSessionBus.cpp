@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "tests/support/PrivateSessionBus.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The whole job, end to end: the real `ferrybox --headless --once` against the real
 // ferrybox-notes, fetching files from nginx and from a scripted server for the odd answers.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The real ferrybox binary, headless, with a temporary home, against the scripted service.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // `make run` for a newcomer: scripts/run with a temporary home makes an account on the notes
 // service it starts, logs in with it and makes the download note; a second run reuses both.
 #include <gtest/gtest.h>

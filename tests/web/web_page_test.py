@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The notes web page in a real headless Chromium, against the real ferrybox-notes (and, for the
 download note, the real headless agent), each on a free loopback port with a temporary home."""
 import base64
