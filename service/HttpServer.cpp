@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <QString>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -121,7 +122,23 @@ void logLibraryMessage(void*, const char* format, va_list arguments) {
     foundation::log(QStringLiteral("http: %1").arg(QString::fromUtf8(text).trimmed()));
 }
 
+MHD_Result collectHeader(void* into, MHD_ValueKind, const char* name, const char* value) {
+    std::string lower = name ? name : "";
+    for (char& c : lower)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    static_cast<HttpRequest*>(into)->headers.emplace_back(std::move(lower), value ? value : "");
+    return MHD_YES;
+}
+
 }  // namespace
+
+const std::string* HttpRequest::header(std::string_view lowerCaseName) const {
+    for (const auto& [name, value] : headers) {
+        if (name == lowerCaseName)
+            return &value;
+    }
+    return nullptr;
+}
 
 struct HttpServer::Impl {
     explicit Impl(const HttpLimits& l) : limits(l), deadlines(l.requestTimeout) {}
@@ -173,6 +190,8 @@ struct HttpServer::Impl {
         const MHD_ConnectionInfo* info =
             MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
         request.clientAddress = numericAddress(info ? info->client_addr : nullptr);
+        request.secure = !certificate.empty();
+        MHD_get_connection_values(connection, MHD_HEADER_KIND, &collectHeader, &request);
 
         exchange.route = find(request.method, request.path);
         const std::size_t length = announcedLength(connection);

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,7 +18,13 @@ struct HttpRequest {
     std::string target;  // path and query exactly as the client sent them
     std::string contentType;
     std::string clientAddress;  // numeric, "127.0.0.1" or "::1"
+    bool secure = false;        // came over TLS
+    // Every header as sent, names in lower case, in the order they came.
+    std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+
+    // The first header of that name (lower case), or nullptr.
+    const std::string* header(std::string_view lowerCaseName) const;
 };
 
 struct HttpResponse {

@@ -1,50 +1,21 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/NotesApi.h"
 
-#include <QUrl>
-#include <map>
-
 #include "Classes/TWJSON/TWJsonWriter.h"
 #include "foundation/Utf8.h"
+#include "service/Authorisation.h"
 #include "service/HttpServer.h"
+#include "service/NoteEvents.h"
+#include "service/RequestQuery.h"
 
 namespace notes {
 
 namespace {
 
-using Query = std::map<QString, QString>;
-
 // The longest address mail allows; anything longer is refused before any work is done on it.
 constexpr qsizetype kMaxEmailBytes = 254;
 // An address and a password in base64, with room to spare.
 constexpr std::size_t kMaxLoginBodyBytes = 4096;
-
-// The query string as the client wrote it: "&"-separated pairs, %XX decoded, "+" kept. A name
-// without "=" has the empty value, not none.
-Query rawQuery(const HttpRequest& req) {
-    Query query;
-    const auto question = req.target.find('?');
-    if (question == std::string::npos)
-        return query;
-    const QByteArray text = QByteArray::fromStdString(req.target.substr(question + 1));
-    for (const QByteArray& pair : text.split('&')) {
-        if (pair.isEmpty())
-            continue;
-        const qsizetype eq = pair.indexOf('=');
-        const QByteArray name = eq < 0 ? pair : pair.left(eq);
-        const QByteArray value = eq < 0 ? QByteArray() : pair.mid(eq + 1);
-        QString decoded = QString::fromUtf8(QByteArray::fromPercentEncoding(value));
-        if (decoded.isNull())
-            decoded = QLatin1String("");
-        query.emplace(QString::fromUtf8(QByteArray::fromPercentEncoding(name)), decoded);
-    }
-    return query;
-}
-
-QString value(const Query& query, const char* name) {
-    auto it = query.find(QLatin1String(name));
-    return it == query.end() ? QString() : it->second;
-}
 
 void answer(HttpResponse& res, int status, const QString& body = QString()) {
     res.status = status;
@@ -81,8 +52,8 @@ bool admitForm(const HttpRequest& req, HttpResponse& res) {
 
 class Api {
 public:
-    Api(NotesStore& store, LoginThrottle& throttle, const ApiSettings& settings)
-        : store_(store), throttle_(throttle), settings_(settings) {}
+    Api(NotesStore& store, LoginThrottle& throttle, NoteEvents& events, const ApiSettings& settings)
+        : store_(store), throttle_(throttle), events_(events), settings_(settings) {}
 
     void login(const HttpRequest& req, HttpResponse& res) {
         const QString form = decodeBase64Text(req.body);
@@ -110,22 +81,16 @@ public:
         answer(res, 200, token);
     }
 
-    // The account the query's token and address stand for; nothing after a 401 is sent.
-    std::optional<qint64> authorise(const Query& query, HttpResponse& res) {
-        const QString token = value(query, "auth");
-        const QString email = value(query, "email");
-        std::optional<qint64> user;
-        if (!token.isEmpty() && !email.isEmpty()) {
-            user = store_.userForToken(tokenHash(token), email, nowMicros());
-        }
+    // The account the request acts for; nothing after a 401 is sent.
+    std::optional<qint64> authorise(const HttpRequest& req, HttpResponse& res) {
+        const auto user = authorisedAccount(req, store_);
         if (!user)
             answer(res, 401);
         return user;
     }
 
     void index(const HttpRequest& req, HttpResponse& res) {
-        const Query query = rawQuery(req);
-        const auto user = authorise(query, res);
+        const auto user = authorise(req, res);
         if (!user)
             return;
         TWJsonValue list = TWJsonValue::array();
@@ -144,10 +109,10 @@ public:
 
     void getNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
-        const auto user = authorise(query, res);
+        const auto user = authorise(req, res);
         if (!user)
             return;
-        const auto note = store_.note(*user, value(query, "key"));
+        const auto note = store_.note(*user, queryValue(query, "key"));
         if (!note)
             return answer(res, 404);
         res.headers = {
@@ -161,51 +126,54 @@ public:
 
     // Only an account holder may make the service read a large body.
     bool admitNote(const HttpRequest& req, HttpResponse& res) {
-        return admitForm(req, res) && authorise(rawQuery(req), res).has_value();
+        return admitForm(req, res) && authorise(req, res).has_value();
     }
 
     void postNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
-        const auto user = authorise(query, res);
+        const auto user = authorise(req, res);
         if (!user)
             return;
         const QString text = decodeBase64Text(req.body);
         if (text.isNull())
             return answer(res, 400);
-        const QString key = value(query, "key");
-        if (key.isNull())
-            return answer(res, 200, store_.createNote(*user, text, nowMicros()));
-        if (!store_.updateNote(*user, key, text, nowMicros()))
+        QString key = queryValue(query, "key");
+        if (key.isNull()) {
+            key = store_.createNote(*user, text, nowMicros());
+        } else if (!store_.updateNote(*user, key, text, nowMicros())) {
             return answer(res, 404);
+        }
+        events_.noteChanged(*user, key);
         answer(res, 200, key);
     }
 
     void deleteNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
-        const auto user = authorise(query, res);
+        const auto user = authorise(req, res);
         if (!user)
             return;
-        const QString key = value(query, "key");
-        const bool forGood = value(query, "dead") == QLatin1String("1");
+        const QString key = queryValue(query, "key");
+        const bool forGood = queryValue(query, "dead") == QLatin1String("1");
         const bool found =
             forGood ? store_.purge(*user, key) : store_.markDeleted(*user, key, nowMicros());
         if (!found)
             return answer(res, 404);
+        events_.noteChanged(*user, key);
         answer(res, 200, key);
     }
 
     void search(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
-        const auto user = authorise(query, res);
+        const auto user = authorise(req, res);
         if (!user)
             return;
-        const QString text = value(query, "query");
+        const QString text = queryValue(query, "query");
         bool ok = false;
-        int results = value(query, "results").toInt(&ok);
+        int results = queryValue(query, "results").toInt(&ok);
         if (!ok || results <= 0)
             results = 10;
         results = std::min(results, 100);
-        int offset = value(query, "offset").toInt(&ok);
+        int offset = queryValue(query, "offset").toInt(&ok);
         if (!ok || offset < 0)
             offset = 0;
 
@@ -228,14 +196,15 @@ public:
 private:
     NotesStore& store_;
     LoginThrottle& throttle_;
+    NoteEvents& events_;
     ApiSettings settings_;
 };
 
 }  // namespace
 
-void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
+void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, NoteEvents& events,
                 const ApiSettings& settings) {
-    auto api = std::make_shared<Api>(store, throttle, settings);
+    auto api = std::make_shared<Api>(store, throttle, events, settings);
     using Handler = void (Api::*)(const HttpRequest&, HttpResponse&);
     using Admission = bool (*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler, std::size_t bodyLimit = 0,

@@ -9,6 +9,7 @@
 namespace notes {
 
 class HttpServer;
+class NoteEvents;
 
 struct ApiSettings {
     std::chrono::seconds tokenLifetime{24 * 60 * 60};
@@ -19,8 +20,9 @@ struct ApiSettings {
 // Every call but login needs auth=TOKEN&email=ADDRESS in its query string; query values are
 // read as sent, so "+" stays "+" (only %XX escapes are decoded). Bodies are base64 of UTF-8
 // text; anything else is 400. Login bodies are capped at 4 KiB and addresses at 254 bytes; a
-// note body is read only for a valid token. Error answers have empty bodies.
-void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
+// note body is read only for a valid token. Error answers have empty bodies. Every change to
+// a note is told to events.
+void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, NoteEvents& events,
                 const ApiSettings& settings);
 
 }  // namespace notes

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "service/HttpServer.h"
+#include "service/NoteEvents.h"
 #include "service/NotesApi.h"
 #include "service/WebPage.h"
 
@@ -255,8 +256,12 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+    // Until the event streams are in, changes go nowhere.
+    struct : notes::NoteEvents {
+        void noteChanged(qint64, const QString&) override {}
+    } events;
     notes::HttpServer server(a.limits);
-    notes::installApi(server, store, throttle, settings);
+    notes::installApi(server, store, throttle, events, settings);
     notes::installWebPage(server);
     if (const std::string error = server.start(host.toStdString(), port, certificate, key);
         !error.empty()) {

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QString>
+
+namespace notes {
+
+// Where the service announces that a note of an account changed (written, created, deleted
+// or purged), so that the account's live event streams can tell their clients at once.
+class NoteEvents {
+public:
+    virtual ~NoteEvents() = default;
+    virtual void noteChanged(qint64 userId, const QString& key) = 0;
+};
+
+}  // namespace notes
