@@ -1,18 +1,65 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/Authorisation.h"
 
-#include "service/Credentials.h"
+#include <QStringList>
+
 #include "service/RequestQuery.h"
 
 namespace notes {
+
+bool fromOwnPage(const HttpRequest& req) {
+    const std::string* page = req.header("x-ferrybox-page");
+    const std::string* site = req.header("sec-fetch-site");
+    return page && *page == "1" && (!site || *site == "same-origin");
+}
+
+QString cookie(const HttpRequest& req, const char* name) {
+    const std::string* header = req.header("cookie");
+    if (!header)
+        return QString();
+    const QString wanted = QLatin1String(name) + QLatin1Char('=');
+    for (const QString& pair : QString::fromUtf8(*header).split(QLatin1Char(';'))) {
+        const QString trimmed = pair.trimmed();
+        if (trimmed.startsWith(wanted))
+            return trimmed.mid(wanted.size());
+    }
+    return QString();
+}
+
+std::optional<DeviceSession> deviceSessionOf(const HttpRequest& req, NotesStore& store) {
+    const QString token = cookie(req, kDeviceCookie);
+    if (token.isEmpty() || !fromOwnPage(req))
+        return std::nullopt;
+    return store.deviceSession(tokenHash(token), nowMicros());
+}
 
 std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& store) {
     const Query query = rawQuery(req);
     const QString token = queryValue(query, "auth");
     const QString email = queryValue(query, "email");
+    if (token.isNull() && email.isNull()) {
+        if (const auto session = deviceSessionOf(req, store))
+            return session->userId;
+        return std::nullopt;
+    }
     if (token.isEmpty() || email.isEmpty())
         return std::nullopt;
     return store.userForToken(tokenHash(token), email, nowMicros());
+}
+
+LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginThrottle& throttle,
+                       const QString& email, const QString& password) {
+    const LoginThrottle::Key who{email, QString::fromStdString(req.clientAddress)};
+    if (!throttle.allowed(who))
+        return {std::nullopt, 429};
+    auto user = store.userByEmail(email);
+    static const QString decoy = hashPassword(QStringLiteral("decoy"));
+    if (!verifyPassword(password, user ? user->passwordHash : decoy) || !user) {
+        throttle.failed(who);
+        return {std::nullopt, 401};
+    }
+    throttle.succeeded(who);
+    return {std::move(user), 200};
 }
 
 }  // namespace notes

@@ -7,6 +7,7 @@
 #include "service/HttpServer.h"
 #include "service/NoteEvents.h"
 #include "service/RequestQuery.h"
+#include "service/WebSessions.h"
 
 namespace notes {
 
@@ -64,19 +65,11 @@ public:
         const QString password = form.mid(split + 10);
         if (email.toUtf8().size() > kMaxEmailBytes)
             return answer(res, 400);
-        const LoginThrottle::Key who{email, QString::fromStdString(req.clientAddress)};
-        if (!throttle_.allowed(who))
-            return answer(res, 429);
-        const auto user = store_.userByEmail(email);
-        // An unknown address costs the same hash as a known one, so timing tells nothing.
-        static const QString decoy = hashPassword(QStringLiteral("decoy"));
-        if (!verifyPassword(password, user ? user->passwordHash : decoy) || !user) {
-            throttle_.failed(who);
-            return answer(res, 401);
-        }
-        throttle_.succeeded(who);
+        const LoginResult login = checkLogin(req, store_, throttle_, email, password);
+        if (!login.user)
+            return answer(res, login.status);
         const QString token = newToken();
-        store_.addToken(user->id, tokenHash(token),
+        store_.addToken(login.user->id, tokenHash(token),
                         nowMicros() + std::chrono::microseconds(settings_.tokenLifetime).count());
         answer(res, 200, token);
     }
@@ -221,6 +214,8 @@ void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, 
         [api](const HttpRequest& req, HttpResponse& res) { return api->admitNote(req, res); });
     add("GET", "/api/delete", &Api::deleteNote);
     add("GET", "/api/search", &Api::search);
+    // The web page's sessions share the accounts, the slow-down and the events with the API.
+    installWebSessions(server, store, throttle, events);
 }
 
 }  // namespace notes

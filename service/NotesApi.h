@@ -21,7 +21,9 @@ struct ApiSettings {
 // read as sent, so "+" stays "+" (only %XX escapes are decoded). Bodies are base64 of UTF-8
 // text; anything else is 400. Login bodies are capped at 4 KiB and addresses at 254 bytes; a
 // note body is read only for a valid token. Error answers have empty bodies. Every change to
-// a note is told to events.
+// a note is told to events. The web page's own calls under /web (WebSessions.h) come with it,
+// and a request from the page may stand for its account by the page's device session instead
+// of auth and email.
 void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, NoteEvents& events,
                 const ApiSettings& settings);
 

@@ -99,7 +99,16 @@ const char* const kMigrations[] = {
     // tie" as it stands, so listing and searching need no sort of every note.
     "DROP INDEX notes_by_user;"
     "CREATE INDEX notes_by_change ON notes(user_id, modified);",
+    // 2 -> 3: the web page's long-lived device sessions.
+    "CREATE TABLE devices (id INTEGER PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, token_hash BLOB NOT NULL UNIQUE,"
+    "  name TEXT NOT NULL, created INTEGER NOT NULL, last_seen INTEGER NOT NULL);"
+    "CREATE INDEX devices_by_user ON devices(user_id);",
 };
+
+// A use is written down at most this often, so that a busy page does not sync the disk for
+// every request.
+constexpr qint64 kDeviceUseGranularityMicros = 60LL * 1000000;
 
 }  // namespace
 
@@ -260,6 +269,109 @@ std::optional<qint64> NotesStore::userForToken(const QByteArray& tokenHash, cons
     if (!s.step())
         return std::nullopt;
     return s.integer(0);
+}
+
+qint64 NotesStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                             qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM devices WHERE last_seen < ?")
+        .bind(1, now - kDeviceIdleMicros)
+        .step();
+    Statement(db_,
+              "INSERT INTO devices (user_id, token_hash, name, created, last_seen) "
+              "VALUES (?, ?, ?, ?, ?)")
+        .bind(1, userId)
+        .bind(2, tokenHash)
+        .bind(3, name)
+        .bind(4, now)
+        .bind(5, now)
+        .step();
+    return sqlite3_last_insert_rowid(db_);
+}
+
+std::optional<DeviceSession> NotesStore::deviceSession(const QByteArray& tokenHash, qint64 now) {
+    DeviceSession session;
+    qint64 lastSeen = 0;
+    {
+        const auto lease = reads_.take();
+        Statement s(lease.get(),
+                    "SELECT devices.id, devices.user_id, users.email, devices.last_seen "
+                    "FROM devices JOIN users ON users.id = devices.user_id "
+                    "WHERE devices.token_hash = ? AND devices.last_seen > ?");
+        s.bind(1, tokenHash).bind(2, now - kDeviceIdleMicros);
+        if (!s.step())
+            return std::nullopt;
+        session = DeviceSession{s.integer(1), s.integer(0), s.text(2)};
+        lastSeen = s.integer(3);
+    }
+    if (now - lastSeen > kDeviceUseGranularityMicros) {
+        std::lock_guard lock(mutex_);
+        Statement(db_, "UPDATE devices SET last_seen = ? WHERE id = ?")
+            .bind(1, now)
+            .bind(2, session.deviceId)
+            .step();
+    }
+    return session;
+}
+
+std::vector<Device> NotesStore::devices(qint64 userId, qint64 now) {
+    const auto lease = reads_.take();
+    Statement s(lease.get(),
+                "SELECT id, name, created, last_seen FROM devices "
+                "WHERE user_id = ? AND last_seen > ? ORDER BY last_seen DESC, id DESC");
+    s.bind(1, userId).bind(2, now - kDeviceIdleMicros);
+    std::vector<Device> list;
+    while (s.step())
+        list.push_back(Device{s.integer(0), s.text(1), s.integer(2), s.integer(3)});
+    return list;
+}
+
+bool NotesStore::endDevice(qint64 userId, qint64 deviceId) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM devices WHERE id = ? AND user_id = ?")
+        .bind(1, deviceId)
+        .bind(2, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+Appended NotesStore::appendLine(qint64 userId, const QString& header, const QString& line,
+                                qint64 now) {
+    std::lock_guard lock(mutex_);
+    QString key, text;
+    {
+        Statement s(db_,
+                    "SELECT key, text FROM notes WHERE user_id = ? AND deleted = 0 "
+                    "AND substr(text, 1, ?) = ? ORDER BY modified DESC, rowid DESC LIMIT 1");
+        s.bind(1, userId).bind(2, qint64(header.size())).bind(3, header);
+        if (s.step()) {
+            key = s.text(0);
+            text = s.text(1);
+        }
+    }
+    if (key.isNull()) {
+        key = randomKey();
+        Statement(db_,
+                  "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, "
+                  "?)")
+            .bind(1, key)
+            .bind(2, userId)
+            .bind(3, header + QLatin1Char('\n') + line)
+            .bind(4, now)
+            .bind(5, now)
+            .step();
+        return {key, true};
+    }
+    if (text.split(QLatin1Char('\n')).contains(line))
+        return {key, false};
+    if (!text.endsWith(QLatin1Char('\n')))
+        text += QLatin1Char('\n');
+    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ?")
+        .bind(1, text + line)
+        .bind(2, now)
+        .bind(3, key)
+        .step();
+    return {key, true};
 }
 
 QString NotesStore::createNote(qint64 userId, const QString& text, qint64 now) {

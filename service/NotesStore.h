@@ -28,6 +28,26 @@ struct Note {
     bool deleted = false;
 };
 
+// A browser signed in to the web page, known by the hash of the token in its cookie.
+struct Device {
+    qint64 id = 0;
+    QString name;  // "Chrome on Android"
+    qint64 createdMicros = 0;
+    qint64 lastSeenMicros = 0;
+};
+
+struct DeviceSession {
+    qint64 userId = 0;
+    qint64 deviceId = 0;
+    QString email;
+};
+
+// What appending a line to a note did.
+struct Appended {
+    QString key;
+    bool added = false;  // false: the line was there already and nothing changed
+};
+
 struct User {
     qint64 id = 0;
     QString email;
@@ -41,7 +61,9 @@ struct User {
 // untouched.
 class NotesStore {
 public:
-    static constexpr int kSchemaVersion = 2;
+    static constexpr int kSchemaVersion = 3;
+    // A device session nobody used for this long has ended.
+    static constexpr qint64 kDeviceIdleMicros = 180LL * 24 * 3600 * 1000000;
 
     explicit NotesStore(const QString& path);
     ~NotesStore();
@@ -57,6 +79,20 @@ public:
     // The user whose live token hashes to tokenHash, if that user has this address.
     std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
                                        qint64 nowMicros);
+
+    qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                     qint64 nowMicros);
+    // The live session whose token hashes to tokenHash; notes its use.
+    std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash, qint64 nowMicros);
+    // Most recently used first.
+    std::vector<Device> devices(qint64 userId, qint64 nowMicros);
+    bool endDevice(qint64 userId, qint64 deviceId);
+
+    // Adds line at the end of the newest live note whose text begins with header, unless it is
+    // a line of that note already; with no such note, makes one of header and line. One write
+    // at a time, so appends that race each other all land.
+    Appended appendLine(qint64 userId, const QString& header, const QString& line,
+                        qint64 nowMicros);
 
     QString createNote(qint64 userId, const QString& text, qint64 nowMicros);
     bool updateNote(qint64 userId, const QString& key, const QString& text, qint64 nowMicros);
