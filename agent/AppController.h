@@ -25,6 +25,7 @@ class QPushButton;
 class QToolBar;
 class QWidget;
 class LWSimplenote;
+class LWSimplenoteEventStream;
 
 namespace foundation {
 class Timer;
@@ -67,6 +68,18 @@ public:
     void searchForNote();
     void downloadFiles(const foundation::Notification& notification);
     int downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note);
+    // --- change events: a link saved into the download note starts a check at once
+    // Whether a running agent listens for the service's change events. Off until the
+    // application turns it on (the agent's executable does, except for a single check).
+    void setListensForChanges(bool listens) { listensForChanges_ = listens; }
+    void listenForChanges();
+    void stopListeningForChanges();
+    // A note of the account changed: when it is the download note and holds a link, the check
+    // timer is fired by hand.
+    void noteDidChange(const QString& key);
+    // Null while the agent does not listen.
+    LWSimplenoteEventStream* changeStream() const { return changeStream_.get(); }
+
     // --- the log note
     void toggleLogNote(QObject* sender);
     void clearLogNote(QObject* sender);
@@ -195,6 +208,10 @@ private:
     void readOpenAtLoginSetting();
     void showPreferencesWindow();
     void armCheckTimer();
+    void checkTimerFired();
+    void watchChecks();
+    void checkEnded();
+    void lookForLinksInNote(const QString& key);
     void setStartButtonAction(const QString& title, const QString& action);
     void startSpinner(bool on);
     void showError(const QString& text);
@@ -242,4 +259,18 @@ private:
     std::function<void()> orderFrontStandardAboutPanel_;
     std::function<void()> terminate_;
     std::function<void()> errorShown_;
+
+    // Change events (AppControllerEvents.cpp).
+    bool listensForChanges_ = false;
+    std::shared_ptr<LWSimplenoteEventStream> changeStream_;
+    std::vector<quint64> checkObservers_;
+    // A check that the timer started is on its way: from the tick until the service has the
+    // rewritten download note (awaitedPushKey_), or the check came to nothing.
+    bool checkUnderWay_ = false;
+    QString awaitedPushKey_;
+    std::shared_ptr<foundation::Timer> checkGiveUp_;
+    // Notes that changed while a check was on its way, looked at again once it is done.
+    QStringList changedDuringCheck_;
+    // The download note's key, as the last check found it.
+    QString downloadNoteKey_;
 };

@@ -55,6 +55,7 @@ AppController::AppController() = default;
 AppController::~AppController() {
     if (timer_)
         timer_->invalidate();
+    stopListeningForChanges();
     foundation::NotificationCenter::defaultCenter().removeObserver(this);
 }
 
@@ -87,6 +88,7 @@ void AppController::loginSucceeded(const foundation::Notification&) {
         rememberPassword();
     appRunning_ = true;
     armCheckTimer();
+    listenForChanges();
 }
 
 // A new repeating timer, its first check at once. An earlier timer is not invalidated here: a
@@ -96,7 +98,7 @@ void AppController::armCheckTimer() {
     QPointer<AppController> controller(this);
     timer_ = foundation::Timer::create(checkPeriodSeconds(interval_), true, [controller] {
         if (controller)
-            controller->searchForNote();
+            controller->checkTimerFired();
     });
     updateMenu();
     timer_->scheduleInDefaultMode();
@@ -136,6 +138,7 @@ void AppController::turnFerryboxOff(QObject*) {
 void AppController::turnOff() {
     if (timer_)
         timer_->invalidate();
+    stopListeningForChanges();
     emailField_->setEnabled(true);
     passwordField_->setEnabled(true);
     setStartButtonAction(QStringLiteral("Start Ferrybox"), kTurnOn);

@@ -56,6 +56,9 @@ Application::Application(const Options& options) : options_(options) {
     interface_ = std::make_unique<MainInterface>();
     AppController& controller = interface_->controller();
     controller.setApplicationActions(ui::orderFrontStandardAboutPanel, [this] { terminate(); });
+    // The running agent hears of changes to the download note at once; a single check is over
+    // before any change could matter.
+    controller.setListensForChanges(!options_.once);
     if (options_.headless) {
         controller.setDownloadReporter(&reporter_);
     } else {
