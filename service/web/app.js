@@ -1,37 +1,49 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The notes page: signs in to this service's notes API (v1) and lists, searches, opens, edits,
-// creates and deletes notes with it. Note text only ever enters the page as text (textContent,
-// value), never as markup. The token lives in sessionStorage, so it ends with the tab.
+// The notes page: signs this device in to the service and lists, searches, opens, edits,
+// creates and deletes notes through its API (v1); queues links for download, pasted here or
+// shared to the installed app from another one (/share?title=&text=&url=); lists the signed-in
+// devices and ends them. The device session is a cookie the service sets and this script never
+// sees; every call carries the X-Ferrybox-Page header, without which the service refuses a call
+// that the cookie alone would authorise. Note text only ever enters the page as text
+// (textContent, value), never as markup.
 'use strict';
 
 const $ = (id) => document.getElementById(id);
 const PAGE = 50;
+const VIEWS = ['sign-in', 'list', 'editor', 'devices'];
+
+// What the share sheet handed over, when the page was opened as the share target.
+function shared() {
+    if (location.pathname !== '/share')
+        return null;
+    const params = new URLSearchParams(location.search);
+    const fields = {};
+    for (const name of ['title', 'text', 'url'])
+        fields[name] = params.get(name) || '';
+    return fields;
+}
 
 const state = {
+    email: null,      // the signed-in account; null when signed out or not known yet
+    lastEmail: '',    // offered in the sign-in form
     key: null,        // the open note's key; null for a note not saved yet
     saved: '',        // the open note's text as the service has it
     query: '',        // the list's search
     shown: 0,         // notes listed so far
     dates: new Map(), // key -> last change, from the index
-    wanted: new URLSearchParams(location.search).get('q'),  // note to open after sign-in
+    wanted: location.pathname === '/' ? new URLSearchParams(location.search).get('q') : null,
+    share: shared(),  // queued once signed in
+    downloadNote: null, // key of the download note, once a link was queued
     working: false,
 };
 
-const session = {
-    get token() { return sessionStorage.getItem('token'); },
-    get email() { return sessionStorage.getItem('email') || ''; },
-    begin(email, token) {
-        sessionStorage.setItem('email', email);
-        sessionStorage.setItem('token', token);
-    },
-    end() { sessionStorage.removeItem('token'); },
-};
-
-// A call that did not get its answer: the service said no (status), or never answered.
+// A call that did not get its answer: the service said no (status, and the reason it gave, if
+// any), or never answered.
 class Failure extends Error {
-    constructor(status) {
+    constructor(status, detail = '') {
         super(status ? `status ${status}` : 'no answer');
         this.status = status;
+        this.detail = detail;
     }
 }
 
@@ -48,6 +60,7 @@ function reason(failure) {
     case undefined:
         return 'the notes service cannot be reached. Check your connection and try again.';
     case 401: return 'you were signed out. Sign in again; nothing on this page is lost.';
+    case 403: return 'the service refused the request. Reload the page and try again.';
     case 404: return 'this note is no longer on the service.';
     case 413: return 'the note is too long for the service. Shorten it, then save again.';
     case 429: return 'too many failed sign-ins. Wait a minute, then try again.';
@@ -62,9 +75,9 @@ function fail(what, error) {
 }
 
 function show(...views) {
-    for (const view of ['sign-in', 'list', 'editor'])
+    for (const view of VIEWS)
         $(view).hidden = !views.includes(view);
-    $('sign-out').hidden = !session.token;
+    $('sign-out').hidden = $('devices-open').hidden = state.email === null;
 }
 
 const editing = () => !$('editor').hidden;
@@ -84,7 +97,7 @@ async function act(work) {
     }
 }
 
-// Base64 of the text's UTF-8, as every body of the API is sent.
+// Base64 of the text's UTF-8, as every note body of the API is sent.
 function base64(text) {
     const bytes = new TextEncoder().encode(text);
     let binary = '';
@@ -93,24 +106,40 @@ function base64(text) {
     return btoa(binary);
 }
 
-async function send(method, url, body) {
+// Name=value pairs for a query or a form body. encodeURIComponent (not URLSearchParams, which
+// writes spaces as "+") because the service reads query values with only %XX decoded.
+const encode = (fields) => Object.entries(fields)
+    .map(([name, value]) => `${name}=${encodeURIComponent(value)}`).join('&');
+
+async function send(method, url, { body, form } = {}) {
+    const headers = { 'X-Ferrybox-Page': '1' };
+    if (form) {
+        headers['Content-Type'] = 'application/x-www-form-urlencoded';
+        body = encode(form);
+    }
     let response;
     try {
-        response = await fetch(url, { method, body, cache: 'no-store' });
+        response = await fetch(url, {
+            method, body, headers, cache: 'no-store', credentials: 'same-origin',
+        });
     } catch {
         throw new Failure();
     }
-    if (!response.ok)
-        throw new Failure(response.status);
+    if (!response.ok) {
+        let detail = '';
+        if ((response.headers.get('Content-Type') || '').includes('json'))
+            detail = await response.json().then((answer) => answer.error || '', () => '');
+        throw new Failure(response.status, detail);
+    }
     return response;
 }
 
-// The service reads query values as sent (only %XX decoded, "+" kept), hence encodeURIComponent.
-async function call(method, name, params = {}, body = undefined) {
-    const query = Object.entries({ auth: session.token, email: session.email, ...params })
-        .map(([k, v]) => `${k}=${encodeURIComponent(v)}`).join('&');
+// A call with this device's session. Refused for want of one (it ran out, or was ended from
+// another device), the sign-in form comes up and the error goes on to the caller.
+async function call(method, path, { params = {}, ...what } = {}) {
+    const query = encode(params);
     try {
-        return await send(method, `/api/${name}?${query}`, body);
+        return await send(method, query ? `${path}?${query}` : path, what);
     } catch (error) {
         if (error.status === 401)
             signedOut();
@@ -118,12 +147,16 @@ async function call(method, name, params = {}, body = undefined) {
     }
 }
 
-// The token expired or was refused. The sign-in form comes up above whatever was being edited,
-// which stays as it was.
+const api = (method, name, options) => call(method, `/api/${name}`, options);
+
+// Signed out (here, by the service, or from another device). The sign-in form comes up above
+// whatever was being edited, which stays as it was.
 function signedOut() {
-    session.end();
+    state.email = null;
     show('sign-in', ...(editing() ? ['editor'] : []));
-    $('email').value = session.email;
+    $('sign-in-why').hidden = !state.share;
+    $('sign-in-why').textContent = state.share ? 'Sign in to queue what you shared.' : '';
+    $('email').value = state.lastEmail;
     $('password').value = '';
     ($('email').value ? $('password') : $('email')).focus();
 }
@@ -133,12 +166,9 @@ async function signIn() {
     const password = $('password').value;
     if (!email || !password)
         return say('Enter your email address and password.', true);
-    let token;
     try {
-        // The service splits this at the first "&password=": no escaping, by design.
-        const form = base64(`email=${email}&password=${password}`);
-        const response = await send('POST', '/api/login', form);
-        token = (await response.text()).trim();
+        const response = await send('POST', '/web/sign-in', { form: { email, password } });
+        state.email = (await response.json()).email || email;
     } catch (error) {
         if (error.status === 401) {
             $('password').select();
@@ -146,7 +176,7 @@ async function signIn() {
         }
         return fail('Could not sign in', error);
     }
-    session.begin(email, token);
+    state.lastEmail = state.email;
     $('password').value = '';
     if (editing()) {
         show('editor');
@@ -159,12 +189,28 @@ async function signIn() {
     await start();
 }
 
-function formatDate(modify) {
-    // "YYYY-MM-DD HH:MM:SS.micro", in UTC.
-    const date = modify ? new Date(`${modify.slice(0, 23).replace(' ', 'T')}Z`) : null;
+async function signOut() {
+    if (dirty() && !confirm('Sign out without saving your changes?'))
+        return;
+    try {
+        await send('POST', '/web/sign-out');
+    } catch (error) {
+        // Not signed in any more is what was asked for; anything else leaves the session alive.
+        if (error.status !== 401)
+            return fail('Not signed out', error);
+    }
+    $('editor').hidden = true;
+    $('queued').hidden = true;
+    signedOut();
+    say('Signed out.');
+}
+
+// "YYYY-MM-DD HH:MM:SS.micro", in UTC, as the person's local date and time.
+function formatDate(stamp) {
+    const date = stamp ? new Date(`${stamp.slice(0, 23).replace(' ', 'T')}Z`) : null;
     if (!date || isNaN(date))
         return '';
-    return `Changed ${date.toLocaleString([], { dateStyle: 'medium', timeStyle: 'short' })}`;
+    return date.toLocaleString([], { dateStyle: 'medium', timeStyle: 'short' });
 }
 
 function listItem(note) {
@@ -173,7 +219,8 @@ function listItem(note) {
     title.textContent = note.content.split('\n', 1)[0].trim() || 'Empty note';
     const when = document.createElement('span');
     when.className = 'when';
-    when.textContent = formatDate(state.dates.get(note.key));
+    const changed = formatDate(state.dates.get(note.key));
+    when.textContent = changed && `Changed ${changed}`;
     const button = document.createElement('button');
     button.type = 'button';
     button.className = 'note';
@@ -187,7 +234,7 @@ function listItem(note) {
 // Notes newest first, those holding the search text when there is one (the empty search holds
 // every note); a page at a time.
 async function search(query, offset, results) {
-    const response = await call('GET', 'search', { query, offset, results });
+    const response = await api('GET', 'search', { params: { query, offset, results } });
     return (await response.json()).Response;
 }
 
@@ -196,7 +243,7 @@ async function loadList(more = false) {
     try {
         const [found, index] = await Promise.all([
             search(state.query, offset, PAGE),
-            more ? null : call('GET', 'index').then((response) => response.json()),
+            more ? null : api('GET', 'index').then((response) => response.json()),
         ]);
         if (index)
             state.dates = new Map(index.map((note) => [note.key, note.modify]));
@@ -219,6 +266,7 @@ function openEditor(key, text) {
     state.saved = text;
     $('text').value = text;
     $('delete').hidden = key === null;
+    $('queued').hidden = true;
     show('editor');
     // The phone's back button closes the note instead of leaving the page.
     if (!history.state?.editing)
@@ -230,7 +278,7 @@ function openEditor(key, text) {
 
 async function openNote(key) {
     try {
-        const response = await call('GET', 'note', { key });
+        const response = await api('GET', 'note', { params: { key } });
         openEditor(key, await response.text());
         say('');
     } catch (error) {
@@ -238,8 +286,18 @@ async function openNote(key) {
     }
 }
 
-function closeEditor() {
-    if (!editing() || !$('sign-in').hidden)
+// Back to the list from the editor or the device list (the page's back button, the phone's).
+function closeView() {
+    if (!$('sign-in').hidden)
+        return;
+    if (!$('devices').hidden) {
+        act(async () => {
+            say('');
+            await loadList();
+        });
+        return;
+    }
+    if (!editing())
         return;
     if (dirty() && !confirm('Leave this note without saving your changes?')) {
         history.pushState({ editing: true }, '');
@@ -255,7 +313,7 @@ async function save() {
     const text = $('text').value;
     try {
         const which = state.key === null ? {} : { key: state.key };
-        const response = await call('POST', 'note', which, base64(text));
+        const response = await api('POST', 'note', { params: which, body: base64(text) });
         state.key = (await response.text()).trim() || state.key;
         state.saved = text;
         $('delete').hidden = false;
@@ -275,7 +333,7 @@ async function remove() {
     if (!confirm('Delete this note?'))
         return;
     try {
-        await call('GET', 'delete', { key: state.key });
+        await api('GET', 'delete', { params: { key: state.key } });
         state.key = null;
         state.saved = $('text').value;
         say('Note deleted.');
@@ -285,14 +343,149 @@ async function remove() {
     }
 }
 
-// Signed in: the note that ?q= asks for, once, else the list.
-async function start() {
-    if (!session.token) {
-        show('sign-in');
-        $('email').value = session.email;
-        $('email').focus();
-        return;
+// Appends the first web address in what was given (url, else text) to the download note and
+// says so. Throws the Failure; 422 means nothing in it was a web address.
+async function queue(fields) {
+    const response = await call('POST', '/web/append', { form: fields });
+    const answer = await response.json();
+    state.downloadNote = answer.key;
+    $('queued-text').textContent = answer.added ? `Queued: ${answer.queued}`
+        : `Already in the download note: ${answer.queued}`;
+    $('queued').hidden = false;
+    say('');
+    return answer;
+}
+
+const nothingToDownload = 'Nothing to download: what was shared holds no web address.';
+
+// What the share sheet handed over, queued once. Afterwards the address is the page's own, so
+// that reloading it (or opening the app again) does not share a second time; when the service
+// could not be reached it stays, and reloading tries again. Returns false to stop there.
+async function completeShare() {
+    try {
+        await queue(state.share);
+    } catch (error) {
+        if (error.status === 401)
+            return false;  // the sign-in form is up; the share waits for it
+        if (error.status !== 422) {
+            fail('Not queued', error);
+            return false;
+        }
+        say(error.detail || nothingToDownload, true);
     }
+    state.share = null;
+    history.replaceState(null, '', '/');
+    return true;
+}
+
+async function quickAdd() {
+    const link = $('link').value.trim();
+    if (!link) {
+        $('link').focus();
+        return say('Paste a link to download first.', true);
+    }
+    try {
+        await queue({ url: link });
+    } catch (error) {
+        if (error.status === 422)
+            return say(error.detail || nothingToDownload, true);
+        return fail('Not queued', error);
+    }
+    $('link').value = '';
+    // The download note changed: it moves to the top of the list.
+    await loadList();
+}
+
+function deviceItem(device) {
+    const name = document.createElement('div');
+    name.className = 'title';
+    name.textContent = device.name || 'Unknown browser';
+    const when = document.createElement('div');
+    when.className = 'when';
+    const used = formatDate(device.lastSeen);
+    when.textContent = used && `Last used ${used}`;
+    const about = document.createElement('div');
+    about.className = 'about';
+    about.append(name, when);
+    if (device.current) {
+        const here = document.createElement('div');
+        here.className = 'here';
+        here.textContent = 'this device';
+        about.append(here);
+    }
+    const end = document.createElement('button');
+    end.type = 'button';
+    end.className = 'danger';
+    end.textContent = 'End';
+    end.setAttribute('aria-label', device.current ? `End the session of ${name.textContent}, `
+        + 'this device' : `End the session of ${name.textContent}`);
+    end.addEventListener('click', () => act(() => endDevice(device)));
+    const item = document.createElement('li');
+    item.append(about, end);
+    return item;
+}
+
+async function loadDevices() {
+    const devices = await (await call('GET', '/web/devices')).json();
+    $('device-list').replaceChildren(...devices.map(deviceItem));
+    $('devices-who').textContent = state.email ? `Signed in as ${state.email}.` : '';
+}
+
+async function openDevices() {
+    if (dirty() && !confirm('Leave this note without saving your changes?'))
+        return;
+    try {
+        await loadDevices();
+    } catch (error) {
+        return fail('Could not list the signed-in devices', error);
+    }
+    $('queued').hidden = true;
+    say('');
+    show('devices');
+    // The phone's back button returns to the notes; from a note, it does not open it again.
+    if (history.state?.editing)
+        history.replaceState({ devices: true }, '');
+    else if (!history.state?.devices)
+        history.pushState({ devices: true }, '');
+    $('devices-title').focus();
+}
+
+async function endDevice(device) {
+    try {
+        await call('POST', '/web/devices/end', { params: { id: device.id } });
+    } catch (error) {
+        if (error.status !== 404)
+            return fail('Could not end that session', error);
+    }
+    if (device.current) {
+        signedOut();
+        return say('Signed out.');
+    }
+    try {
+        await loadDevices();
+        say(`Ended the session of ${device.name || 'that browser'}.`);
+    } catch (error) {
+        return fail('Could not list the signed-in devices', error);
+    }
+    $('devices-title').focus();
+}
+
+// Whether this device is signed in, then: what was shared, the note ?q= asks for (once), or
+// the list.
+async function start() {
+    if (state.email === null) {
+        try {
+            state.email = (await (await call('GET', '/web/me')).json()).email;
+            state.lastEmail = state.email;
+        } catch (error) {
+            // 401: not signed in, and the form is up.
+            if (error.status !== 401)
+                fail('Could not reach your notes', error);
+            return;
+        }
+    }
+    if (state.share && !await completeShare())
+        return;
     if (state.wanted) {
         try {
             const found = await search(state.wanted, 0, 1);
@@ -314,17 +507,30 @@ $('sign-in').addEventListener('submit', (event) => {
     event.preventDefault();
     act(signIn);
 });
-$('sign-out').addEventListener('click', () => {
-    if (dirty() && !confirm('Sign out without saving your changes?'))
+$('sign-out').addEventListener('click', () => act(signOut));
+$('devices-open').addEventListener('click', () => act(openDevices));
+$('devices-back').addEventListener('click', () => {
+    if (history.state?.devices)
+        history.back();  // back to the list through popstate
+    else
+        closeView();
+});
+$('quick-add').addEventListener('submit', (event) => {
+    event.preventDefault();
+    act(quickAdd);
+});
+$('queued-open').addEventListener('click', (event) => {
+    // A plain click opens the note here; a new tab or window takes the link as it is.
+    if (state.downloadNote === null || event.button !== 0 || event.ctrlKey || event.metaKey
+        || event.shiftKey || event.altKey)
         return;
-    session.end();
-    $('editor').hidden = true;
-    say('Signed out.');
-    start();
+    event.preventDefault();
+    act(() => openNote(state.downloadNote));
 });
 $('search').addEventListener('submit', (event) => {
     event.preventDefault();
     state.query = $('query').value;
+    $('queued').hidden = true;
     act(() => loadList());
 });
 $('more').addEventListener('click', () => act(() => loadList(true)));
@@ -336,9 +542,9 @@ $('back').addEventListener('click', () => {
     if (history.state?.editing)
         history.back();  // closes the note through popstate
     else
-        closeEditor();
+        closeView();
 });
-window.addEventListener('popstate', closeEditor);
+window.addEventListener('popstate', closeView);
 $('save').addEventListener('click', () => act(save));
 $('delete').addEventListener('click', () => act(remove));
 $('text').addEventListener('keydown', (event) => {
@@ -351,5 +557,9 @@ window.addEventListener('beforeunload', (event) => {
     if (dirty())
         event.preventDefault();
 });
+
+// Makes the page installable as an app, and tells that the service is out of reach when it is.
+if ('serviceWorker' in navigator)
+    navigator.serviceWorker.register('/sw.js').catch(() => {});
 
 act(start);

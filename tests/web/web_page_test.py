@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 """The notes web page in a real headless Chromium, against the real ferrybox-notes (and, for the
-download note, the real headless agent), each on a free loopback port with a temporary home."""
+download note, the real headless agent), each on a free loopback port with a temporary home: the
+page itself, the installed app's share target and quick add, and the device sessions."""
 import base64
 import http.server
+import json
 import os
+import re
 import shutil
 import socket
 import struct
@@ -15,7 +18,7 @@ import time
 import unittest
 import urllib.error
 import urllib.request
-from urllib.parse import quote
+from urllib.parse import quote, urlencode
 
 try:
     from selenium import webdriver
@@ -73,7 +76,35 @@ class NotesService:
     def request(self, method, path, body=None):
         request = urllib.request.Request(self.url + path, data=body, method=method)
         with urllib.request.urlopen(request, timeout=10) as response:
-            return response.read().decode(), response.headers
+            return response.read().decode(errors="replace"), response.headers
+
+    def web(self, method, path, cookie=None, form=None, page=True, headers=()):
+        """A call as the page makes it (page=False leaves out X-Ferrybox-Page), with a device
+        cookie; answers status, body and headers, whatever the status."""
+        data = urlencode(form).encode() if form is not None else None
+        request = urllib.request.Request(self.url + path, data=data, method=method)
+        if page:
+            request.add_header("X-Ferrybox-Page", "1")
+        if cookie:
+            request.add_header("Cookie", f"ferrybox_device={cookie}")
+        for name, value in headers:
+            request.add_header(name, value)
+        try:
+            with urllib.request.urlopen(request, timeout=10) as response:
+                return response.status, response.read().decode(), response.headers
+        except urllib.error.HTTPError as error:
+            return error.code, error.read().decode(), error.headers
+
+    def device(self, user_agent):
+        """Signs in another device, as its browser would; answers its cookie."""
+        status, _, headers = self.web("POST", "/web/sign-in",
+                                      form={"email": EMAIL, "password": PASSWORD},
+                                      headers=(("User-Agent", user_agent),))
+        assert status == 200, f"sign-in answered {status}"
+        return re.search(r"ferrybox_device=([^;]+)", headers["Set-Cookie"]).group(1)
+
+    def signed_in(self, cookie):
+        return self.web("GET", "/web/me", cookie)[0] == 200
 
     def login(self):
         form = base64.b64encode(f"email={EMAIL}&password={PASSWORD}".encode())
@@ -91,8 +122,15 @@ class NotesService:
     def text(self, key):
         return self.api("GET", "note", key=key)
 
+    def download_note(self):
+        """The download note's lines, read through the API with a token login."""
+        found = json.loads(self.api("GET", "search", query="Ferrybox_Downloads"))
+        results = found["Response"]["Results"]
+        return results[0]["content"].split("\n") if results else None
+
     def stop(self):
-        self.process.terminate()
+        if self.process.poll() is None:
+            self.process.terminate()
         status = self.process.wait(20)
         self.dir.cleanup()
         return status
@@ -131,11 +169,15 @@ class PageTestCase(unittest.TestCase):
         assert cls.notes.stop() == 0, "ferrybox-notes did not stop cleanly"
 
     def fresh(self, path="/"):
-        """A new session on the page: nobody signed in."""
-        browser.get(self.notes.url + "/")
-        browser.execute_script("sessionStorage.clear()")
+        """The page on a device nobody signed in on."""
+        browser.execute_cdp_cmd("Network.clearBrowserCookies", {})
         browser.get(self.notes.url + path)
         self.visible("sign-in")
+
+    def cookie(self):
+        """This browser's device cookie for the service, as the browser keeps it."""
+        cookies = browser.execute_cdp_cmd("Network.getCookies", {"urls": [self.notes.url + "/"]})
+        return next(c for c in cookies["cookies"] if c["name"] == "ferrybox_device")
 
     def el(self, element_id):
         return browser.find_element(By.ID, element_id)
@@ -187,9 +229,11 @@ class WebPageTest(PageTestCase):
         self.visible("list")
         titles = self.titles()
         self.assertLess(titles.index(markup), titles.index("Older carrot note"))
+        # The session is a cookie the page's script cannot read, and nothing else is kept.
         self.assertEqual(browser.execute_script(
-            "return [localStorage.length, document.cookie, !!sessionStorage.getItem('token')]"),
-            [0, "", True])
+            "return [localStorage.length, sessionStorage.length, document.cookie]"), [0, 0, ""])
+        cookie = self.cookie()["value"]
+        self.assertTrue(self.notes.signed_in(cookie))
         # Markup in a note is text: no alert, no element made of it.
         self.open_note(markup)
         self.assertEqual(self.value(), markup + "\n<b>bold?</b>")
@@ -200,9 +244,13 @@ class WebPageTest(PageTestCase):
         self.el("back").click()
         self.visible("query").send_keys("CARROT", Keys.ENTER)
         self.until(lambda _: self.titles() == ["Older carrot note"], "search result")
+        # Signing out ends the session on the service, not only in this browser.
         self.el("sign-out").click()
         self.visible("sign-in")
-        self.assertIsNone(browser.execute_script("return sessionStorage.getItem('token')"))
+        self.assertEqual(self.message("Signed out"), "Signed out.")
+        self.assertFalse(self.notes.signed_in(cookie))
+        browser.refresh()
+        self.visible("sign-in")
 
     def test_create_save_too_long_and_delete(self):
         self.fresh()
@@ -269,10 +317,22 @@ class WebPageTest(PageTestCase):
         self.assertEqual(self.notes.text(key), "Ferrybox_Downloads")
 
     def test_phone_viewport_headers_and_controls(self):
-        for path in ("/", "/app.js", "/app.css", "/icon.svg"):
+        for path, content_type in (
+                ("/", "text/html; charset=utf-8"),
+                ("/share?url=https%3A%2F%2Fexample.org%2Fa.iso", "text/html; charset=utf-8"),
+                ("/app.js", "text/javascript; charset=utf-8"),
+                ("/sw.js", "text/javascript; charset=utf-8"),
+                ("/app.css", "text/css; charset=utf-8"),
+                ("/manifest.webmanifest", "application/manifest+json"),
+                ("/icon.svg", "image/svg+xml"),
+                ("/icon-192.png", "image/png")):
             headers = self.notes.request("GET", path)[1]
-            self.assertIn("default-src 'none'; script-src 'self';",
-                          headers["Content-Security-Policy"])
+            self.assertEqual(headers["Content-Type"], content_type, path)
+            self.assertEqual(headers["Content-Security-Policy"],
+                             "default-src 'none'; script-src 'self'; style-src 'self'; "
+                             "connect-src 'self'; img-src 'self'; manifest-src 'self'; "
+                             "worker-src 'self'; base-uri 'none'; form-action 'none'; "
+                             "frame-ancestors 'none'", path)
             self.assertEqual(headers["X-Content-Type-Options"], "nosniff")
             self.assertEqual(headers["Referrer-Policy"], "no-referrer")
         self.notes.create("A title far too long for a phone " * 6 + "\nbody")
@@ -292,42 +352,272 @@ class WebPageTest(PageTestCase):
         png = browser.get_screenshot_as_png()
         self.assertEqual((png[:8], struct.unpack(">II", png[16:24])),
                          (b"\x89PNG\r\n\x1a\n", (390, 844)))
+        self.assertEqual(browser.execute_script(unlabelled), 0)
         self.assertEqual(browser.execute_script(small), [])
         self.assertTrue(browser.execute_script(fits))
+        # The header's buttons and the device list fit too.
+        self.el("devices-open").click()
+        self.until(lambda _: self.el("device-list").text, "the device list")
+        self.assertEqual(browser.execute_script(small), [])
+        self.assertTrue(browser.execute_script(fits))
+        self.el("devices-back").click()
+        self.visible("list")
         self.visible("new-note").click()
         self.el("text").send_keys("https://example.org/" + "a" * 200)
         self.assertEqual(browser.execute_script(small), [])
         self.assertTrue(browser.execute_script(fits))
 
 
-class ExpiredTokenTest(PageTestCase):
-    environment = {"FERRYBOX_NOTES_TOKEN_SECONDS": "2"}
+ANDROID = ("Mozilla/5.0 (Linux; Android 14; Pixel 8) AppleWebKit/537.36 (KHTML, like Gecko) "
+           "Chrome/126.0.0.0 Mobile Safari/537.36")
 
-    def test_expired_token_keeps_the_unsaved_edit(self):
+
+class DeviceSessionTest(PageTestCase):
+    def test_cookie_cannot_be_read_by_script_or_used_by_another_site(self):
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        cookie = self.cookie()
+        self.assertEqual((cookie["httpOnly"], cookie["sameSite"], cookie["path"]),
+                         (True, "Strict", "/"))
+        # Kept for months, not for the tab: a phone shares weeks after signing in.
+        self.assertGreater(cookie["expires"], time.time() + 300 * 24 * 3600)
+        self.assertEqual(browser.execute_script("return document.cookie"), "")
+        link = {"url": "https://example.org/other-site.iso"}
+        for what, page, headers in (
+                ("no page header", False, ()),
+                ("another site", True, (("Sec-Fetch-Site", "cross-site"),)),
+                ("a sibling site", True, (("Sec-Fetch-Site", "same-site"),))):
+            with self.subTest(what):
+                status = self.notes.web("POST", "/web/append", cookie["value"], link, page,
+                                        headers)[0]
+                self.assertEqual(status, 403)
+        self.assertEqual(self.notes.web("GET", "/api/index", cookie["value"], page=False)[0], 401)
+        self.assertIsNone(self.notes.download_note())
+        # The page's own requests pass.
+        self.assertEqual(self.notes.web("GET", "/web/me", cookie["value"],
+                                        headers=(("Sec-Fetch-Site", "same-origin"),))[0], 200)
+
+    def test_devices_listed_and_ended_with_the_keyboard(self):
+        phone = self.notes.device(ANDROID)
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        self.el("devices-open").send_keys(Keys.ENTER)
+        self.visible("devices")
+        # Name, last use and "this device"; the browsers of other tests' sign-ins are listed too.
+        rows = lambda: [r.text.split("\n") for r in  # noqa: E731
+                        browser.find_elements(By.CSS_SELECTOR, "#device-list li")]
+        self.until(lambda _: len(rows()) >= 2, "two devices")
+        here = [row for row in rows() if "this device" in row]
+        self.assertEqual(len(here), 1, rows())
+        self.assertEqual(here[0][0], "Chrome on Linux")
+        phones = [row for row in rows() if row[0] == "Chrome on Android"]
+        self.assertEqual(len(phones), 1)
+        self.assertTrue(phones[0][1].startswith("Last used "), phones)
+        self.assertEqual(phones[0][2:], ["End"])
+        count = len(rows())
+        # Tab to the phone's End button and press Enter.
+        for _ in range(10):
+            browser.switch_to.active_element.send_keys(Keys.TAB)
+            label = browser.switch_to.active_element.get_attribute("aria-label") or ""
+            if label == "End the session of Chrome on Android":
+                break
+        else:
+            self.fail("no End button for the phone within reach of the Tab key")
+        browser.switch_to.active_element.send_keys(Keys.ENTER)
+        self.message("Ended the session of Chrome on Android")
+        self.until(lambda _: len(rows()) == count - 1, "one device fewer")
+        self.assertNotIn("Chrome on Android", [row[0] for row in rows()])
+        self.assertFalse(self.notes.signed_in(phone))
+        # Ending this device signs it out.
+        mine = self.cookie()["value"]
+        browser.find_element(By.XPATH, "//li[.//*[.='this device']]//button").click()
+        self.visible("sign-in")
+        self.assertEqual(self.message("Signed out"), "Signed out.")
+        self.assertFalse(self.notes.signed_in(mine))
+        self.assertFalse(self.el("devices-open").is_displayed())
+
+    def test_session_ended_elsewhere_keeps_the_unsaved_edit(self):
         self.fresh()
         self.sign_in()
         self.visible("new-note").click()
-        self.el("text").send_keys("Written while the session ran out")
-        token = browser.execute_script("return sessionStorage.getItem('token')")
-
-        def expired():
-            try:
-                self.notes.api("GET", "index", token=token)
-            except urllib.error.HTTPError as error:
-                return error.code == 401
-        wait_for(expired, "the token to expire")
+        self.el("text").send_keys("Written while the session was ended")
+        # Ended from another device (here: its sign-out, sent with this device's cookie).
+        self.assertEqual(self.notes.web("POST", "/web/sign-out", self.cookie()["value"])[0], 200)
         self.el("save").click()
         self.assertIn("signed out", self.message("Not saved"))
         self.visible("sign-in")
-        self.assertEqual(self.value(), "Written while the session ran out")
+        self.assertEqual(self.value(), "Written while the session was ended")
         self.assertTrue(self.el("editor").is_displayed())
         self.el("password").send_keys(PASSWORD, Keys.ENTER)
         self.message("Signed in again")
         self.el("save").click()
         self.message("Saved.")
-        self.notes.login()
         self.assertIn('"totalRecords":1',
                       self.notes.api("GET", "search", query="Written while the session"))
+
+
+def worker_active():
+    """Waits for the page's service worker to be active; answers its state."""
+    return browser.execute_async_script("""
+        const done = arguments[arguments.length - 1];
+        navigator.serviceWorker.ready.then(({ active }) => {
+            if (active.state === 'activated')
+                return done(active.state);
+            active.addEventListener('statechange', () => {
+                if (active.state === 'activated')
+                    done(active.state);
+            });
+        }, String);""")
+
+
+def share_url(**fields):
+    return "/share?" + "&".join(f"{k}={quote(v, safe='')}" for k, v in fields.items())
+
+
+class ShareTest(PageTestCase):
+    """The page installed as an app, shared to from other apps, and its quick add box."""
+
+    def queued(self):
+        self.visible("queued")
+        return self.el("queued-text").text
+
+    def lines(self, link):
+        return (self.notes.download_note() or []).count(link)
+
+    def test_installable_with_icons_and_share_target(self):
+        browser.get(self.notes.url + "/")
+        self.assertEqual(worker_active(), "activated")
+        self.assertEqual(browser.execute_cdp_cmd("Page.getInstallabilityErrors", {}),
+                         {"installabilityErrors": []})
+        manifest = json.loads(self.notes.request("GET", "/manifest.webmanifest")[0])
+        self.assertEqual(manifest["share_target"], {
+            "action": "/share", "method": "GET",
+            "params": {"title": "title", "text": "text", "url": "url"}})
+        self.assertEqual((manifest["name"], manifest["short_name"], manifest["start_url"],
+                          manifest["scope"], manifest["display"]),
+                         ("Ferrybox notes", "Ferrybox", "/", "/", "standalone"))
+        pngs = [(i["sizes"], i.get("purpose", "any")) for i in manifest["icons"]
+                if i["type"] == "image/png"]
+        self.assertEqual(sorted(pngs), [("192x192", "any"), ("512x512", "any"),
+                                        ("512x512", "maskable")])
+        for icon in manifest["icons"]:
+            with self.subTest(icon["src"]):
+                request = urllib.request.Request(self.notes.url + icon["src"])
+                with urllib.request.urlopen(request, timeout=10) as response:
+                    body, content_type = response.read(), response.headers["Content-Type"]
+                self.assertEqual(content_type, icon["type"])
+                if icon["type"] == "image/png":
+                    self.assertEqual("%dx%d" % struct.unpack(">II", body[16:24]), icon["sizes"])
+        # Chromium reads the same: no complaint that would keep it from installing.
+        read = browser.execute_cdp_cmd("Page.getAppManifest", {})
+        self.assertEqual([e for e in read["errors"] if e["critical"]], [])
+        self.assertTrue(read["manifest"]["shareTarget"]["action"].endswith("/share"))
+
+    def test_share_after_the_tab_was_closed_queues_once(self):
+        link = "https://example.org/talks/keynote.mp4"
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        # The tab that signed in is gone; the share sheet opens the app afresh.
+        signed_in_tab = browser.current_window_handle
+        browser.switch_to.new_window("tab")
+        share_tab = browser.current_window_handle
+        browser.switch_to.window(signed_in_tab)
+        browser.close()
+        browser.switch_to.window(share_tab)
+        browser.get(self.notes.url + share_url(title="Keynote", text="Watch this", url=link))
+        self.assertEqual(self.queued(), "Queued: keynote.mp4")
+        self.assertEqual(self.notes.download_note()[-1], link)
+        self.assertEqual(self.lines(link), 1)
+        # The address is the app's own again: reloading shares nothing.
+        self.assertEqual(browser.execute_script("return location.pathname + location.search"),
+                         "/")
+        browser.refresh()
+        self.visible("list")
+        self.assertFalse(self.el("queued").is_displayed())
+        # The same link shared again is not a second line.
+        browser.get(self.notes.url + share_url(url=link))
+        self.assertEqual(self.queued(), "Already in the download note: keynote.mp4")
+        self.assertEqual(self.lines(link), 1)
+        # The way back to the note.
+        self.el("queued-open").click()
+        self.until(lambda _: self.value().startswith("Ferrybox_Downloads\n"), "the download note")
+        self.assertIn(link, self.value().split("\n"))
+
+    def test_share_finds_the_address_in_text_or_says_there_is_none(self):
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        link = "https://example.org/files/Holiday%20photos.zip"
+        browser.get(self.notes.url + share_url(
+            title="Photos", text=f"Here are the pictures: {link} (enjoy!)"))
+        self.assertEqual(self.queued(), "Queued: Holiday photos.zip")
+        self.assertEqual(self.lines(link), 1)
+        before = self.notes.download_note()
+        for fields in ({"title": "Just a title", "text": "no address in here"},
+                       {"url": "ftp://example.org/file.iso"}, {}):
+            with self.subTest(fields):
+                browser.get(self.notes.url + share_url(**fields))
+                self.assertEqual(
+                    self.message("Nothing to download"),
+                    "Nothing to download: what was shared holds no web address.")
+                self.assertTrue(self.el("message").get_attribute("class") == "error")
+                self.assertFalse(self.el("queued").is_displayed())
+                self.assertEqual(browser.execute_script("return location.pathname"), "/")
+                self.assertEqual(self.notes.download_note(), before)
+
+    def test_share_while_signed_out_asks_to_sign_in_then_queues(self):
+        link = "https://example.org/signed-out/linux.iso"
+        self.fresh(share_url(url=link))
+        self.assertIn("Sign in to queue", self.el("sign-in").text)
+        self.assertEqual(self.lines(link), 0)
+        self.sign_in()
+        self.assertEqual(self.queued(), "Queued: linux.iso")
+        self.assertEqual(self.lines(link), 1)
+        self.assertEqual(browser.execute_script("return location.pathname"), "/")
+
+    def test_quick_add_box(self):
+        link = "https://example.org/pasted/manual.pdf"
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        self.assertEqual(browser.find_element(By.CSS_SELECTOR, "label[for=link]").text,
+                         "Paste a link")
+        # Above the note list.
+        self.assertLess(self.el("link").location["y"], self.el("list-title").location["y"])
+        self.el("link").send_keys(link, Keys.ENTER)
+        self.assertEqual(self.queued(), "Queued: manual.pdf")
+        self.assertEqual(self.lines(link), 1)
+        self.until(lambda _: self.titles()[:1] == ["Ferrybox_Downloads"],
+                   "the download note on top")
+        self.assertEqual(self.el("link").get_attribute("value"), "")
+        before = self.notes.download_note()
+        self.el("link").send_keys("not a link", Keys.ENTER)
+        self.message("Nothing to download")
+        self.assertEqual(self.el("link").get_attribute("value"), "not a link")
+        self.assertEqual(self.notes.download_note(), before)
+
+
+class OfflineTest(PageTestCase):
+    def test_service_out_of_reach_shows_the_offline_page(self):
+        browser.get(self.notes.url + share_url(url="https://example.org/later.iso"))
+        self.visible("sign-in")
+        self.assertEqual(worker_active(), "activated")
+        # Down, as for a phone without a connection: the service worker answers.
+        self.notes.process.terminate()
+        self.notes.process.wait(20)
+        browser.refresh()
+        self.until(lambda _: "You are offline" in browser.find_element(By.TAG_NAME, "h2").text,
+                   "the offline page")
+        self.assertIn("cannot reach your notes service", self.el("offline").text)
+        again = browser.find_element(By.LINK_TEXT, "Try again")
+        self.assertTrue(again.get_attribute("href").endswith(
+            "/share?url=https%3A%2F%2Fexample.org%2Flater.iso"))
+        # Styled by the page's own style sheet, from the service worker's shelf.
+        self.assertEqual(browser.execute_script(
+            "return getComputedStyle(document.querySelector('.card')).borderRadius"), "12px")
 
 
 if __name__ == "__main__":
