@@ -4,16 +4,21 @@
 #include <arpa/inet.h>
 #include <microhttpd.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <QString>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "foundation/Log.h"
@@ -25,6 +30,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+class Stream;
+
 // One request on its way through the server.
 struct Exchange {
     HttpRequest request;
@@ -34,7 +41,23 @@ struct Exchange {
     // Sent once the body, read and dropped, is in.
     std::optional<HttpResponse> refusal;
     Clock::time_point began = Clock::now();
+    std::shared_ptr<Stream> stream;
+    // The proxied client whose share of requests this one counts against.
+    std::string forwardedFor;
 };
+
+std::string textOf(const in6_addr& address) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (IN6_IS_ADDR_V4MAPPED(&address)) {
+        // A dual-stack socket's IPv4 client: the same client as over IPv4.
+        in_addr v4{};
+        std::memcpy(&v4, address.s6_addr + 12, sizeof v4);
+        inet_ntop(AF_INET, &v4, text, sizeof text);
+    } else {
+        inet_ntop(AF_INET6, &address, text, sizeof text);
+    }
+    return text;
+}
 
 std::string numericAddress(const sockaddr* address) {
     char text[INET6_ADDRSTRLEN] = "";
@@ -42,11 +65,184 @@ std::string numericAddress(const sockaddr* address) {
         inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
                   sizeof text);
     } else if (address && address->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
-                  sizeof text);
+        return textOf(reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
     }
     return text;
 }
+
+// A header's value after its last comma, without the blanks around it: what the nearest hop
+// appended to a list.
+std::string lastElement(const std::string& value) {
+    const std::size_t comma = value.rfind(',');
+    std::string element = comma == std::string::npos ? value : value.substr(comma + 1);
+    const std::size_t first = element.find_first_not_of(" \t");
+    const std::size_t last = element.find_last_not_of(" \t");
+    return first == std::string::npos ? std::string() : element.substr(first, last - first + 1);
+}
+
+// The last header of that name (lower case), or nullptr: a proxy that adds a header of its own
+// beside one the client sent puts its own last.
+const std::string* lastHeader(const HttpRequest& request, std::string_view name) {
+    const std::string* found = nullptr;
+    for (const auto& [n, value] : request.headers) {
+        if (n == name)
+            found = &value;
+    }
+    return found;
+}
+
+// What a stream may have queued for a client that does not take it. Events are a few dozen
+// bytes; a client this far behind has stopped reading, and its stream is cut.
+constexpr std::size_t kMaxStreamBacklog = 64 * 1024;
+// How much of a stream the library asks for at once.
+constexpr std::size_t kStreamBlock = 4096;
+
+// The server's live streams, so that stopping can end them all. The library must never be
+// stopped while it holds a suspended connection.
+struct StreamRegistry {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool stopping = false;
+    std::unordered_map<const Stream*, std::shared_ptr<Stream>> live;
+    // Connections decided to be resumed whose resumption the library has not been told yet.
+    std::atomic<unsigned> resuming{0};
+};
+
+// A stream is a response whose content the library asks for piece by piece. When nothing is
+// queued, the connection is suspended (taken out of the library's event loop, so nothing
+// spins and no time-out runs) and resumed as soon as text comes. Suspending is allowed only
+// from the library's callbacks, resuming from anywhere, but resuming a connection that is not
+// suspended is not; `suspended_` says which, under the stream's lock.
+class Stream final : public HttpStream, public std::enable_shared_from_this<Stream> {
+public:
+    explicit Stream(std::function<void()> ended) : onEnded_(std::move(ended)) {}
+
+    bool send(std::string_view text) override {
+        MHD_Connection* resume = nullptr;
+        bool ok = true;
+        {
+            std::lock_guard lock(mutex_);
+            if (ended_)
+                return false;
+            pending_.append(text);
+            if (pending_.size() > kMaxStreamBacklog) {
+                ended_ = failed_ = true;
+                ok = false;
+            }
+            resume = wakeLocked();
+        }
+        wake(resume);
+        return ok;
+    }
+
+    void close() override {
+        MHD_Connection* resume = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (ended_)
+                return;
+            ended_ = true;
+            resume = wakeLocked();
+        }
+        wake(resume);
+    }
+
+    bool ended() const override {
+        std::lock_guard lock(mutex_);
+        return ended_;
+    }
+
+    // The response is queued on connection.
+    void bind(MHD_Connection* connection, const std::shared_ptr<StreamRegistry>& registry) {
+        bool stopping = false;
+        {
+            std::lock_guard lock(registry->mutex);
+            stopping = registry->stopping;
+            registry->live.emplace(this, shared_from_this());
+        }
+        std::lock_guard lock(mutex_);
+        connection_ = connection;
+        registry_ = registry;
+        ended_ = ended_ || stopping;
+    }
+
+    // The library's content reader.
+    static ssize_t read(void* holder, uint64_t, char* buffer, size_t max) {
+        Stream& stream = **static_cast<std::shared_ptr<Stream>*>(holder);
+        std::lock_guard lock(stream.mutex_);
+        if (stream.failed_)
+            return MHD_CONTENT_READER_END_WITH_ERROR;
+        if (!stream.pending_.empty()) {
+            const std::size_t n = std::min(max, stream.pending_.size());
+            std::memcpy(buffer, stream.pending_.data(), n);
+            stream.pending_.erase(0, n);
+            return static_cast<ssize_t>(n);
+        }
+        if (stream.ended_)
+            return MHD_CONTENT_READER_END_OF_STREAM;
+        MHD_suspend_connection(stream.connection_);
+        stream.suspended_ = true;
+        return 0;
+    }
+
+    static void release(void* holder) { delete static_cast<std::shared_ptr<Stream>*>(holder); }
+
+    // The connection is done with the stream (or it never started): called once, from the
+    // thread that served it.
+    void finish() {
+        const std::shared_ptr<Stream> keep = shared_from_this();
+        std::function<void()> ended;
+        std::shared_ptr<StreamRegistry> registry;
+        {
+            std::lock_guard lock(mutex_);
+            if (finished_)
+                return;
+            finished_ = ended_ = true;
+            suspended_ = false;
+            connection_ = nullptr;
+            ended = std::move(onEnded_);
+            registry = registry_;
+        }
+        if (registry) {
+            std::lock_guard lock(registry->mutex);
+            registry->live.erase(this);
+            registry->changed.notify_all();
+        }
+        if (ended)
+            ended();
+    }
+
+private:
+    // The connection to resume, when it is suspended waiting for text. The library keeps a
+    // suspended connection as it is until it is resumed, so it is still there when wake()
+    // tells the library outside the lock.
+    MHD_Connection* wakeLocked() {
+        if (!suspended_)
+            return nullptr;
+        suspended_ = false;
+        ++registry_->resuming;
+        return connection_;
+    }
+
+    void wake(MHD_Connection* connection) {
+        if (!connection)
+            return;
+        MHD_resume_connection(connection);
+        std::lock_guard lock(registry_->mutex);
+        --registry_->resuming;
+        registry_->changed.notify_all();
+    }
+
+    mutable std::mutex mutex_;
+    std::string pending_;
+    bool ended_ = false;   // nothing more will be queued
+    bool failed_ = false;  // the client fell behind: cut off rather than ended
+    bool finished_ = false;
+    bool suspended_ = false;
+    MHD_Connection* connection_ = nullptr;
+    std::shared_ptr<StreamRegistry> registry_;
+    std::function<void()> onEnded_;
+};
 
 // A refused request's body up to this size is read and dropped before the refusal is sent, so
 // that a client which writes its whole body before it reads (most do) sees the answer and keeps
@@ -132,6 +328,23 @@ MHD_Result collectHeader(void* into, MHD_ValueKind, const char* name, const char
 
 }  // namespace
 
+std::string canonicalAddress(std::string_view text) {
+    const std::string copy(text);
+    in_addr v4{};
+    in6_addr v6{};
+    char out[INET6_ADDRSTRLEN] = "";
+    if (inet_pton(AF_INET, copy.c_str(), &v4) == 1)
+        return inet_ntop(AF_INET, &v4, out, sizeof out);
+    if (inet_pton(AF_INET6, copy.c_str(), &v6) == 1)
+        return textOf(v6);
+    return {};
+}
+
+std::shared_ptr<HttpStream> HttpResponse::openStream(std::function<void()> ended) {
+    stream = std::make_shared<Stream>(std::move(ended));
+    return stream;
+}
+
 const std::string* HttpRequest::header(std::string_view lowerCaseName) const {
     for (const auto& [name, value] : headers) {
         if (name == lowerCaseName)
@@ -141,7 +354,8 @@ const std::string* HttpRequest::header(std::string_view lowerCaseName) const {
 }
 
 struct HttpServer::Impl {
-    explicit Impl(const HttpLimits& l) : limits(l), deadlines(l.requestTimeout) {}
+    explicit Impl(const HttpLimits& l)
+        : limits(l), deadlines(l.requestTimeout, l.maxConnectionsPerAddress) {}
 
     const HttpRoute* find(const std::string& method, const std::string& path) const {
         for (const HttpRoute& r : routes) {
@@ -153,7 +367,13 @@ struct HttpServer::Impl {
 
     void answer(MHD_Connection* connection, Exchange& exchange, const HttpResponse& response) {
         exchange.answered = true;
-        deadlines.disarm(connection);
+        deadlines.answered(connection);
+        // Its place is free once the answer is on its way: the library may tell that the
+        // request is complete only at its next look at the connection.
+        if (!exchange.forwardedFor.empty()) {
+            deadlines.endForwarded(exchange.forwardedFor);
+            exchange.forwardedFor.clear();
+        }
         MHD_Response* reply = MHD_create_response_from_buffer(
             response.body.size(), const_cast<char*>(response.body.data()), MHD_RESPMEM_MUST_COPY);
         MHD_add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
@@ -196,7 +416,9 @@ struct HttpServer::Impl {
         exchange.route = find(request.method, request.path);
         const std::size_t length = announcedLength(connection);
         HttpResponse refusal;
-        if (!exchange.route) {
+        if (deadlines.isExempt(request.clientAddress) && !forwarded(exchange, refusal)) {
+            // refused: a forwarded address that is none, or a client over its share
+        } else if (!exchange.route) {
             refusal.status = 404;
         } else if (length != SIZE_MAX && length > exchange.route->bodyLimit) {
             refusal.status = 413;
@@ -210,19 +432,118 @@ struct HttpServer::Impl {
         }
     }
 
+    // A request from a trusted proxy: the client is the one the proxy names. A proxy carries
+    // many clients over connections of its own, so a client behind it is held to its share of
+    // requests under way (streams included) rather than of connections. False when the
+    // request is refused.
+    bool forwarded(Exchange& exchange, HttpResponse& refusal) {
+        HttpRequest& request = exchange.request;
+        if (const std::string* list = lastHeader(request, "x-forwarded-for")) {
+            // The proxy appends the address it saw; whatever stands before it came from the
+            // client and proves nothing.
+            const std::string client = canonicalAddress(lastElement(*list));
+            if (client.empty()) {
+                refusal.status = 400;
+                return false;
+            }
+            request.clientAddress = client;
+        }
+        if (const std::string* scheme = lastHeader(request, "x-forwarded-proto")) {
+            std::string value = lastElement(*scheme);
+            for (char& c : value)
+                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            request.secure = value == "https";
+        }
+        if (!deadlines.beginForwarded(request.clientAddress)) {
+            refusal.status = 429;
+            return false;
+        }
+        exchange.forwardedFor = request.clientAddress;
+        return true;
+    }
+
     void handle(MHD_Connection* connection, Exchange& exchange) {
         HttpResponse response;
         try {
             exchange.route->handle(exchange.request, response);
         } catch (const std::exception& e) {
             foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
-            response = HttpResponse();
-            response.status = 500;
+            response = failed(response);
         }
-        answer(connection, exchange, response);
+        if (response.stream) {
+            stream(connection, exchange, response);
+        } else {
+            answer(connection, exchange, response);
+        }
     }
 
-    static void* began(void*, const char* uri, MHD_Connection*) {
+    // A plain 500 in place of response; a stream it opened ends unstarted.
+    static HttpResponse failed(HttpResponse& response) {
+        if (auto opened = std::dynamic_pointer_cast<Stream>(response.stream))
+            opened->finish();
+        HttpResponse error;
+        error.status = 500;
+        return error;
+    }
+
+    void stream(MHD_Connection* connection, Exchange& exchange, HttpResponse& response) {
+        auto stream = std::dynamic_pointer_cast<Stream>(response.stream);
+        if (!stream) {
+            answer(connection, exchange, failed(response));
+            return;
+        }
+        exchange.answered = true;
+        deadlines.disarm(connection);
+        stream->bind(connection, streams);
+        exchange.stream = stream;
+        // A client that vanished without a word (a phone off the network) acknowledges
+        // nothing; the system gives up on it after this long, so the next write fails.
+        if (const MHD_ConnectionInfo* info =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)) {
+            const unsigned ms =
+                static_cast<unsigned>(std::chrono::milliseconds(limits.idleTimeout).count());
+            ::setsockopt(info->connect_fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &ms, sizeof ms);
+        }
+        auto* holder = new std::shared_ptr<Stream>(stream);
+        MHD_Response* reply = MHD_create_response_from_callback(
+            MHD_SIZE_UNKNOWN, kStreamBlock, &Stream::read, holder, &Stream::release);
+        if (!reply) {
+            delete holder;
+            exchange.stream.reset();
+            stream->finish();
+            answer(connection, exchange, failed(response));
+            return;
+        }
+        MHD_add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
+        MHD_add_response_header(reply, "X-Content-Type-Options", "nosniff");
+        for (const auto& [name, value] : response.headers)
+            MHD_add_response_header(reply, name.c_str(), value.c_str());
+        MHD_queue_response(connection, static_cast<unsigned>(response.status), reply);
+        MHD_destroy_response(reply);
+        logAnswer(exchange, response.status);
+    }
+
+    // Ends every stream and waits a moment for their ends to go out; afterwards no connection
+    // is suspended or about to be resumed, as stopping the library requires.
+    void endStreams() {
+        std::vector<std::shared_ptr<Stream>> live;
+        {
+            std::lock_guard lock(streams->mutex);
+            streams->stopping = true;
+            for (const auto& [key, stream] : streams->live)
+                live.push_back(stream);
+        }
+        for (const auto& stream : live)
+            stream->close();
+        live.clear();
+        std::unique_lock lock(streams->mutex);
+        streams->changed.wait_for(lock, std::chrono::seconds(1),
+                                  [this] { return streams->live.empty(); });
+        streams->changed.wait(lock, [this] { return streams->resuming == 0; });
+    }
+
+    static void* began(void* self, const char* uri, MHD_Connection* connection) {
+        static_cast<Impl*>(self)->deadlines.requestBegan(connection);
         auto* exchange = new Exchange;
         exchange->request.target = uri;
         return exchange;
@@ -266,20 +587,36 @@ struct HttpServer::Impl {
 
     static void completed(void* self, MHD_Connection* connection, void** context,
                           MHD_RequestTerminationCode) {
-        delete static_cast<Exchange*>(*context);
+        Impl& impl = *static_cast<Impl*>(self);
+        if (auto* exchange = static_cast<Exchange*>(*context)) {
+            if (exchange->stream)
+                exchange->stream->finish();
+            if (!exchange->forwardedFor.empty())
+                impl.deadlines.endForwarded(exchange->forwardedFor);
+            delete exchange;
+        }
         *context = nullptr;
         // A kept-alive connection now waits for its next request.
-        static_cast<Impl*>(self)->deadlines.arm(connection);
+        impl.deadlines.arm(connection);
+    }
+
+    static MHD_Result acceptable(void* self, const sockaddr* address, socklen_t) {
+        return static_cast<Impl*>(self)->deadlines.admissible(numericAddress(address)) ? MHD_YES
+                                                                                       : MHD_NO;
     }
 
     static void connectionEvent(void* self, MHD_Connection* connection, void**,
                                 MHD_ConnectionNotificationCode code) {
         Impl& impl = *static_cast<Impl*>(self);
         if (code == MHD_CONNECTION_NOTIFY_STARTED) {
-            const MHD_ConnectionInfo* info =
+            const MHD_ConnectionInfo* socket =
                 MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-            if (info)
-                impl.deadlines.opened(connection, info->connect_fd);
+            const MHD_ConnectionInfo* peer =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+            if (socket) {
+                impl.deadlines.opened(connection, socket->connect_fd,
+                                      numericAddress(peer ? peer->client_addr : nullptr));
+            }
         } else {
             impl.deadlines.closed(connection);
         }
@@ -288,6 +625,7 @@ struct HttpServer::Impl {
     HttpLimits limits;
     std::vector<HttpRoute> routes;
     RequestDeadlines deadlines;
+    std::shared_ptr<StreamRegistry> streams = std::make_shared<StreamRegistry>();
     std::string certificate;
     std::string key;
     MHD_Daemon* daemon = nullptr;
@@ -308,15 +646,23 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
     const bool tls = !certificatePem.empty() && !keyPem.empty();
     if (tls && !MHD_is_feature_supported(MHD_FEATURE_TLS))
         return "this build of libmicrohttpd has no TLS";
+    for (const std::string& proxy : impl_->limits.trustedProxies) {
+        const std::string address = canonicalAddress(proxy);
+        if (address.empty())
+            return "not a numeric address: " + proxy;
+        impl_->deadlines.exempt(address);
+    }
     std::string error;
     const int socket = listenOn(host, port, error);
     if (socket < 0)
         return error;
+    impl_->streams->stopping = false;
     impl_->certificate = certificatePem;
     impl_->key = keyPem;
     Impl* impl = impl_.get();
     const HttpLimits& l = impl->limits;
-    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ERROR_LOG;
+    // Suspending is how a stream waits for its next text without spinning.
+    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ERROR_LOG | MHD_ALLOW_SUSPEND_RESUME;
     if (tls)
         flags |= MHD_USE_TLS;
     // The logger comes first, so that no message of the library escapes it.
@@ -325,7 +671,6 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
         {MHD_OPTION_LISTEN_SOCKET, socket, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, l.threads, nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, l.maxConnections, nullptr},
-        {MHD_OPTION_PER_IP_CONNECTION_LIMIT, l.maxConnectionsPerAddress, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(l.idleTimeout.count()), nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(l.connectionMemory), nullptr},
         {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(&Impl::began), impl},
@@ -337,7 +682,9 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
         options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, impl->key.data()});
     }
     options.push_back({MHD_OPTION_END, 0, nullptr});
-    impl->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &Impl::access, impl,
+    // Each address's share is kept by the deadlines' book (through the accept policy), which
+    // makes room by closing an idle connection where the library's own limit would refuse.
+    impl->daemon = MHD_start_daemon(flags, 0, &Impl::acceptable, impl, &Impl::access, impl,
                                     MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
     if (!impl->daemon) {
         ::close(socket);
@@ -349,6 +696,7 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
 
 void HttpServer::stop() {
     if (impl_->daemon) {
+        impl_->endStreams();
         MHD_stop_daemon(impl_->daemon);
         impl_->daemon = nullptr;
     }

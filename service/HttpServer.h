@@ -12,13 +12,20 @@
 
 namespace notes {
 
+// The canonical text of a numeric IPv4 or IPv6 address ("127.0.0.1", "::1"; an IPv4 address
+// mapped into IPv6 is given as IPv4), or an empty string when text is no such address.
+std::string canonicalAddress(std::string_view text);
+
 struct HttpRequest {
     std::string method;
     std::string path;    // percent-decoded, without the query
     std::string target;  // path and query exactly as the client sent them
     std::string contentType;
-    std::string clientAddress;  // numeric, "127.0.0.1" or "::1"
-    bool secure = false;        // came over TLS
+    // Numeric, "127.0.0.1" or "::1": the peer's, or for a request that came through a trusted
+    // proxy, the address that proxy put last in X-Forwarded-For.
+    std::string clientAddress;
+    // Came over TLS, or through a trusted proxy that says (X-Forwarded-Proto) it did.
+    bool secure = false;
     // Every header as sent, names in lower case, in the order they came.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
@@ -27,11 +34,32 @@ struct HttpRequest {
     const std::string* header(std::string_view lowerCaseName) const;
 };
 
+// A long-lived answer: what is sent goes out to the client at once, for as long as the stream
+// lasts. The connection of a live stream is neither closed for idleness nor held to the
+// request deadline; a client that has gone is found when a write to it fails. Safe to use
+// from any thread.
+class HttpStream {
+public:
+    virtual ~HttpStream() = default;
+    // Queues text after what was sent before; false once the stream has ended (the client
+    // went away or fell too far behind, close() was called, or the server is stopping).
+    virtual bool send(std::string_view text) = 0;
+    // Ends the answer once what was queued has gone out.
+    virtual void close() = 0;
+    virtual bool ended() const = 0;
+};
+
 struct HttpResponse {
     int status = 200;
     std::string body;
     std::string contentType = "text/plain; charset=utf-8";
     std::vector<std::pair<std::string, std::string>> headers;
+
+    // Makes this answer a stream (status, content type and headers as set, the body unused).
+    // `ended` is called once, from a server thread and with no lock of the stream held, when
+    // the stream ends for whatever reason; also when it never started (the handler threw).
+    std::shared_ptr<HttpStream> openStream(std::function<void()> ended = {});
+    std::shared_ptr<HttpStream> stream;  // set by openStream
 };
 
 // What a stranger who can open a socket may make the server spend. Connections do not hold a
@@ -39,6 +67,10 @@ struct HttpResponse {
 // only their connection slot and its memory, both bounded here.
 struct HttpLimits {
     unsigned maxConnections = 1000;
+    // When an address has this many open and another comes, the one of them that has waited
+    // longest for its next request is closed to make room; only when none of them is waiting
+    // is the newcomer refused. A trusted proxy's own connections are exempt; the clients
+    // behind it may have this many requests (streams included) under way at once.
     unsigned maxConnectionsPerAddress = 128;
     // A connection silent this long is closed.
     std::chrono::seconds idleTimeout{15};
@@ -49,6 +81,9 @@ struct HttpLimits {
     // One connection's buffers: request line and headers must fit, else 431.
     std::size_t connectionMemory = 32 * 1024;
     unsigned threads = 4;
+    // Numeric addresses of reverse proxies whose X-Forwarded-For and X-Forwarded-Proto are
+    // believed; from anyone else those headers are ignored.
+    std::vector<std::string> trustedProxies;
 };
 
 // One path and method. The body is read only after admit (if any) has seen the headers and
@@ -73,12 +108,15 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
+    // Must come before start().
     void addRoute(HttpRoute route);
 
     // Binds host:port (a name, an IPv4 or an IPv6 address) and starts serving, over TLS when
     // both PEM texts are given. Returns what went wrong, or an empty string.
     std::string start(const std::string& host, int port, const std::string& certificatePem = {},
                       const std::string& keyPem = {});
+    // Ends every stream (each client gets the end of its answer), waits a moment for them to
+    // go out, then closes every connection.
     void stop();
 
     struct Impl;

@@ -18,8 +18,9 @@
 #include <optional>
 #include <string>
 
+#include "service/EventStreams.h"
+#include "service/EventsApi.h"
 #include "service/HttpServer.h"
-#include "service/NoteEvents.h"
 #include "service/NotesApi.h"
 #include "service/WebPage.h"
 
@@ -30,17 +31,19 @@ const char kHelp[] = R"(NAME
 
 SYNOPSIS
     ferrybox-notes serve [--listen HOST:PORT] [--db FILE] [--tls-cert FILE --tls-key FILE]
-                         [LIMITS]
+                         [--trusted-proxy ADDRESS]... [LIMITS] [EVENTS]
     ferrybox-notes add-user EMAIL [--db FILE]
     ferrybox-notes remove-user EMAIL [--db FILE]
     ferrybox-notes --help | --version
 
 DESCRIPTION
-    serve         answers the notes web API (v1) under /api: login, index, note, delete and
-                  search; at / it serves a web page for reading and writing notes from a
-                  browser or phone (/?q=TEXT opens the newest note holding TEXT). Plain
-                  HTTP is served only on loopback addresses; any other address needs
-                  --tls-cert and --tls-key (PEM files). Default address 127.0.0.1:8080.
+    serve         answers the notes web API (v1) under /api: login, index, note, delete,
+                  search, and events (a stream that tells of each change to the account's
+                  notes as it happens, see EVENTS); at / it serves a web page for reading
+                  and writing notes from a browser or phone (/?q=TEXT opens the newest note
+                  holding TEXT). Plain HTTP is served only on loopback addresses; any other
+                  address needs --tls-cert and --tls-key (PEM files). Default address
+                  127.0.0.1:8080.
     add-user      creates an account; the password is read from standard input (first line),
                   or asked for without echo on a terminal.
     remove-user   deletes an account with all its notes and sessions.
@@ -49,14 +52,26 @@ DESCRIPTION
                   ~/.local/share/ferrybox-notes/notes.db). Every answered write is on disk.
                   It is created readable by its owner only, and refused when other users
                   can read or write it.
+    --trusted-proxy ADDRESS
+                  a reverse proxy in front of the service (numeric IPv4 or IPv6 address; may
+                  be given more than once). For its requests, the client is the address it
+                  put last in X-Forwarded-For, and X-Forwarded-Proto: https counts as TLS;
+                  the login slow-down and the per-address limit then apply to that client.
+                  The proxy's own connections are not limited per address. These headers
+                  from anyone else are ignored.
     --help        prints this text; --version prints the program's version.
 
 LIMITS
     What anyone who can reach the port may make the service spend. The defaults suit a home
     server; a connection over a limit is closed, a request over one is answered 413 or 431.
     --max-connections N             connections open at once (default 1000)
-    --max-connections-per-address N connections from one client address (default 128)
-    --idle-timeout SECONDS          a silent connection is closed (default 15)
+    --max-connections-per-address N connections from one client address (default 128); when
+                                    an address has them all open, the one that has waited
+                                    longest for its next request is closed for the newcomer,
+                                    which is refused only when none waits. Behind a trusted
+                                    proxy: requests under way per client (status 429 past it)
+    --idle-timeout SECONDS          a silent connection is closed (default 15); not a live
+                                    event stream, which gets heartbeats instead
     --request-timeout SECONDS       time for the headers and body of one request
                                     (default 30)
     --connection-memory BYTES       buffers of one connection; the request line and headers
@@ -69,6 +84,15 @@ LIMITS
     and are stored hashed. Five failed logins of one account from one client address within
     a minute make further attempts from that address wait (status 429). The log shows method,
     path, status and time of each request, never addresses, passwords, tokens or note text.
+
+EVENTS
+    GET /api/events?auth=TOKEN&email=EMAIL answers server-sent events: "retry: 2000" and
+    ": ready" at once, "event: change" with data {"key":"KEY"} on every change to a note of
+    the account, and a ": heartbeat" comment at a steady pace.
+    --event-heartbeat SECONDS       time between heartbeats (default 15)
+    --max-event-streams-per-account N
+                                    streams one account may have open (default 8); one
+                                    more is answered 429
 
 EXIT STATUS
     0 success, 1 failure (unusable database, address in use, unknown account), 2 bad usage
@@ -83,6 +107,7 @@ struct Arguments {
     QString tlsKey;
     notes::HttpLimits limits;
     qsizetype maxBodyBytes = notes::ApiSettings().maxBodyBytes;
+    notes::EventStreams::Settings events;
 };
 
 // A whole number in [1, max], else nullopt.
@@ -112,6 +137,10 @@ const LimitOption kLimitOptions[] = {
      [](Arguments& a, qint64 n) { a.limits.connectionMemory = static_cast<std::size_t>(n); }},
     {"--max-body-bytes", qint64(1) << 32, [](Arguments& a, qint64 n) { a.maxBodyBytes = n; }},
     {"--threads", 256, [](Arguments& a, qint64 n) { a.limits.threads = static_cast<unsigned>(n); }},
+    {"--event-heartbeat", 86400,
+     [](Arguments& a, qint64 n) { a.events.heartbeat = std::chrono::seconds(n); }},
+    {"--max-event-streams-per-account", 1000000,
+     [](Arguments& a, qint64 n) { a.events.perAccount = static_cast<unsigned>(n); }},
 };
 
 int fail(const QString& message, int status = 1) {
@@ -158,6 +187,17 @@ int parse(const QStringList& args, Arguments& a) {
             ok = next(a.tlsCert);
         } else if (arg == QLatin1String("--tls-key")) {
             ok = next(a.tlsKey);
+        } else if (arg == QLatin1String("--trusted-proxy")) {
+            QString proxy;
+            if (!next(proxy))
+                return fail(QStringLiteral("%1 needs a value").arg(arg), 2);
+            const std::string address = notes::canonicalAddress(proxy.toStdString());
+            if (address.empty()) {
+                return fail(QStringLiteral("%1 wants a numeric IPv4 or IPv6 address, got %2")
+                                .arg(arg, proxy),
+                            2);
+            }
+            a.limits.trustedProxies.push_back(address);
         } else if (auto option = std::find_if(
                        std::begin(kLimitOptions), std::end(kLimitOptions),
                        [&](const LimitOption& o) { return arg == QLatin1String(o.name); });
@@ -256,12 +296,11 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    // Until the event streams are in, changes go nowhere.
-    struct : notes::NoteEvents {
-        void noteChanged(qint64, const QString&) override {}
-    } events;
+    // Outlives the server, whose stop ends every stream.
+    notes::EventStreams events(a.events);
     notes::HttpServer server(a.limits);
     notes::installApi(server, store, throttle, events, settings);
+    notes::installEvents(server, store, events);
     notes::installWebPage(server);
     if (const std::string error = server.start(host.toStdString(), port, certificate, key);
         !error.empty()) {

@@ -1,1 +1,282 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+// The change stream (GET /api/events) against the real binary: what a client reads on it,
+// whose changes it hears of, how many one account may hold, and how streams end.
+#include <signal.h>
+
+#include <QFile>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "tests/service/RawClient.h"
+#include "tests/service/ServiceFixture.h"
+
+namespace servicetest {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kReady[] = "retry: 2000\n: ready\n\n";
+constexpr char kHeartbeat[] = ": heartbeat\n\n";
+constexpr const char* kOtherEmail = "other@example.org";
+// Generous: the service announces within 200 ms (see the benchmark); this only catches a
+// change that is not announced at all, or only by a later heartbeat.
+constexpr int kAnnouncedWithinMs = 2000;
+
+std::string changeEvent(const std::string& key) {
+    return "event: change\ndata: {\"key\":\"" + key + "\"}\n\n";
+}
+
+std::string body(const RawClient& stream) {
+    return parseStreamed(stream.received()).body;
+}
+
+std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+// The process has exited (gone, or a zombie its parent has not reaped yet).
+bool exited(qint64 pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return true;
+    const QByteArray text = stat.readAll();
+    const qsizetype paren = text.lastIndexOf(')');
+    return paren < 0 || text.mid(paren + 2, 1) == "Z";
+}
+
+class EventsTest : public ServiceTest {
+protected:
+    // Sends the request for a stream with that query (and extra header lines) from source.
+    std::unique_ptr<RawClient> request(const std::string& query, const char* source = "127.0.0.1",
+                                       const std::string& fields = "") {
+        auto stream = std::make_unique<RawClient>(source, server_->port());
+        stream->send("GET /api/events" + query + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + fields +
+                     "\r\n");
+        return stream;
+    }
+
+    // A stream of the fixture's account that has said it is ready.
+    std::unique_ptr<RawClient> openStream(const std::string& query = "") {
+        auto stream = request(query.empty() ? auth() : query);
+        EXPECT_TRUE(waitForText(*stream, kReady)) << stream->received();
+        return stream;
+    }
+
+    // The status of the answer, once its head is in (0 when none came within 3 s).
+    static int statusOf(RawClient& stream) {
+        stream.readUntil([](const std::string& raw) { return parseStreamed(raw).status != 0; },
+                         3000);
+        return parseStreamed(stream.received()).status;
+    }
+
+    // Waits until the stream's body holds text at or after `from`.
+    static bool waitForText(RawClient& stream, const std::string& text, int timeoutMs = 3000,
+                            std::size_t from = 0) {
+        return stream.readUntil(
+            [&](const std::string& raw) {
+                const std::string so_far = parseStreamed(raw).body;
+                return so_far.size() > from && so_far.find(text, from) != std::string::npos;
+            },
+            timeoutMs);
+    }
+
+    std::string otherAuth() {
+        if (otherToken_.empty()) {
+            EXPECT_TRUE(server_->addUser(kOtherEmail, kPassword));
+            auto res = login(kOtherEmail, kPassword);
+            EXPECT_TRUE(res && res->status == 200);
+            otherToken_ = res ? res->body : "";
+        }
+        return "?auth=" + otherToken_ + "&email=" + kOtherEmail;
+    }
+
+    std::string post(const std::string& query, const std::string& text) {
+        auto res = client_->Post(("/api/note" + query).c_str(), base64(text),
+                                 "application/x-www-form-urlencoded");
+        EXPECT_TRUE(res && res->status == 200);
+        return res ? res->body : std::string();
+    }
+
+    std::string otherToken_;
+};
+
+TEST_F(EventsTest, AStreamSaysItIsReadyAtOnceWithHeadersThatKeepProxiesOutOfTheWay) {
+    auto stream = openStream();
+    const StreamedAnswer answer = parseStreamed(stream->received());
+    EXPECT_EQ(answer.status, 200);
+    for (const char* header : {"Content-Type: text/event-stream\r\n", "Cache-Control: no-cache\r\n",
+                               "X-Accel-Buffering: no\r\n", "Transfer-Encoding: chunked\r\n"}) {
+        EXPECT_NE(answer.head.find(header), std::string::npos) << header << answer.head;
+    }
+    EXPECT_EQ(answer.body, kReady);
+    EXPECT_FALSE(answer.finished);
+}
+
+TEST_F(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
+    auto stream = openStream();
+    // A note to change, whose own creation has been announced already.
+    const auto existing = [&] {
+        const std::string key = createNote("to be changed");
+        EXPECT_TRUE(waitForText(*stream, changeEvent(key)));
+        return key;
+    };
+    struct Case {
+        const char* name;
+        std::function<std::string()> prepare;  // the key of the note to change, if any
+        std::function<std::string(const std::string&)> change;  // the key changed
+    };
+    const Case cases[] = {
+        {"create", [] { return std::string(); },
+         [&](const std::string&) { return post(auth(), "new note"); }},
+        {"update", existing,
+         [&](const std::string& key) { return post(auth("&key=" + key), "v2"); }},
+        {"delete", existing,
+         [&](const std::string& key) {
+             EXPECT_EQ(client_->Get(("/api/delete" + auth("&key=" + key)).c_str())->status, 200);
+             return key;
+         }},
+        {"purge", existing,
+         [&](const std::string& key) {
+             EXPECT_EQ(
+                 client_->Get(("/api/delete" + auth("&key=" + key + "&dead=1")).c_str())->status,
+                 200);
+             return key;
+         }},
+    };
+    for (const Case& c : cases) {
+        const std::string target = c.prepare();
+        const std::size_t from = body(*stream).size();
+        const std::string key = c.change(target);
+        ASSERT_FALSE(key.empty()) << c.name;
+        const auto answered = Clock::now();
+        EXPECT_TRUE(waitForText(*stream, changeEvent(key), kAnnouncedWithinMs, from))
+            << c.name << ": not announced within " << kAnnouncedWithinMs << " ms";
+        const auto ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - answered);
+        RecordProperty(std::string("announced_ms_") + c.name, static_cast<int>(ms.count()));
+    }
+    EXPECT_EQ(count(body(*stream), "event: change\n"), 7u) << "three notes made, four changes";
+}
+
+TEST_F(EventsTest, ChangesInQuickSuccessionAreEachAnnouncedInOrder) {
+    auto stream = openStream();
+    std::string expected;
+    for (int i = 0; i < 40; ++i)
+        expected += changeEvent(createNote("note " + std::to_string(i)));
+    EXPECT_TRUE(waitForText(*stream, expected, kAnnouncedWithinMs)) << body(*stream);
+}
+
+TEST_F(EventsTest, OnlyTheAccountsOwnChangesAreAnnounced) {
+    auto mine = openStream();
+    auto theirs = openStream(otherAuth());
+    // A change is written to the streams before its request is answered, so once a stream
+    // has its account's last change, any change made before it would have come first.
+    const std::string theirFirst = post(otherAuth(), "someone else's note");
+    const std::string myFirst = createNote("my note");
+    const std::string theirLast = post(otherAuth(), "someone else's second note");
+    const std::string myLast = createNote("my second note");
+    EXPECT_TRUE(waitForText(*mine, changeEvent(myFirst) + changeEvent(myLast)));
+    EXPECT_TRUE(waitForText(*theirs, changeEvent(theirFirst) + changeEvent(theirLast)));
+    EXPECT_EQ(body(*mine), kReady + changeEvent(myFirst) + changeEvent(myLast));
+    EXPECT_EQ(body(*theirs), kReady + changeEvent(theirFirst) + changeEvent(theirLast));
+}
+
+TEST_F(EventsTest, WithoutALiveSessionTheAnswerIs401) {
+    const std::string live = token();
+    struct Case {
+        const char* name;
+        std::string query;
+    };
+    const Case cases[] = {
+        {"no query", ""},
+        {"no token", std::string("?email=") + kEmail},
+        {"wrong token", std::string("?auth=0123456789abcdef0123456789abcdef&email=") + kEmail},
+        {"token of another address", "?auth=" + live + "&email=" + kOtherEmail},
+    };
+    for (const Case& c : cases) {
+        auto stream = request(c.query);
+        const auto answers = parseAnswers(stream->read(3000));
+        ASSERT_EQ(answers.size(), 1u) << c.name << ": " << stream->received();
+        EXPECT_EQ(answers[0].status, 401) << c.name;
+        EXPECT_EQ(answers[0].body, "") << c.name;
+    }
+}
+
+TEST_F(EventsTest, AnAccountHoldsABoundedNumberOfStreamsAndAStreamThatGoesFreesItsPlace) {
+    struct Case {
+        const char* name;
+        bool abruptly;
+    };
+    for (const Case c : {Case{"client closes", false}, Case{"client resets", true}}) {
+        startServer({"--max-event-streams-per-account", "2", "--event-heartbeat", "1"});
+        otherToken_.clear();
+        std::vector<std::unique_ptr<RawClient>> open;
+        open.push_back(openStream());
+        open.push_back(openStream());
+        auto refused = request(auth());
+        const auto answers = parseAnswers(refused->read(3000));
+        ASSERT_EQ(answers.size(), 1u) << c.name << ": " << refused->received();
+        EXPECT_EQ(answers[0].status, 429) << c.name;
+        EXPECT_EQ(answers[0].body, "") << c.name;
+        EXPECT_EQ(statusOf(*request(otherAuth())), 200) << c.name << ": another account";
+
+        // The service finds out at a heartbeat, whose write fails.
+        open.front()->hangUp(c.abruptly);
+        const auto deadline = Clock::now() + std::chrono::seconds(6);
+        int status = 0;
+        while (status != 200 && Clock::now() < deadline) {
+            auto again = request(auth());
+            status = statusOf(*again);
+            if (status == 200) {
+                EXPECT_TRUE(waitForText(*again, kReady)) << c.name;
+                open.front() = std::move(again);
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));  // poll interval
+            }
+        }
+        EXPECT_EQ(status, 200) << c.name << ": the place was not freed within 6 s";
+        // The survivor still hears of changes.
+        const std::string key = createNote(c.name);
+        EXPECT_TRUE(waitForText(*open.back(), changeEvent(key))) << c.name;
+    }
+}
+
+TEST_F(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
+    startServer({"--idle-timeout", "1", "--event-heartbeat", "1"});
+    auto stream = openStream();
+    RawClient idle("127.0.0.1", server_->port());
+    ASSERT_TRUE(idle.connected());
+    EXPECT_TRUE(idle.waitClosed(5000)) << "a silent connection is still closed";
+    // Three heartbeats: three seconds, three times the idle time-out.
+    EXPECT_TRUE(stream->readUntil(
+        [](const std::string& raw) { return count(parseStreamed(raw).body, kHeartbeat) >= 3; },
+        8000))
+        << body(*stream);
+    EXPECT_FALSE(stream->closed());
+    EXPECT_EQ(body(*stream).rfind(kReady, 0), 0u);
+    const std::string key = createNote("still listening");
+    EXPECT_TRUE(waitForText(*stream, changeEvent(key))) << body(*stream);
+}
+
+TEST_F(EventsTest, StreamsEndCleanlyWhenTheServiceStops) {
+    auto first = openStream();
+    auto second = openStream();
+    const auto asked = Clock::now();
+    ASSERT_EQ(::kill(static_cast<pid_t>(server_->pid()), SIGTERM), 0);
+    for (RawClient* stream : {first.get(), second.get()}) {
+        EXPECT_TRUE(stream->readUntil(
+            [](const std::string& raw) { return parseStreamed(raw).finished; }, 5000))
+            << "the stream's last chunk did not come: " << stream->received();
+    }
+    const auto deadline = asked + std::chrono::seconds(5);
+    while (!exited(server_->pid()) && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // poll interval
+    EXPECT_TRUE(exited(server_->pid())) << "still running 5 s after SIGTERM";
+}
+
+}  // namespace
+}  // namespace servicetest

@@ -89,41 +89,92 @@ protected:
 TEST_F(ExposureTest, IdleConnectionsStarveNoOneAndEachAddressHasItsShare) {
     // 50 from each of ten addresses, all within the per-address cap, so the server holds 500.
     startServer({"--max-connections-per-address", "64"});
-    std::string index = get("/api/index" + auth());
-    {
-        std::vector<std::unique_ptr<RawClient>> idle;
-        for (int i = 0; i < 500; ++i) {
-            const std::string source = "127.0.0." + std::to_string(10 + i / 50);
-            idle.push_back(std::make_unique<RawClient>(source.c_str(), server_->port()));
-            ASSERT_TRUE(idle.back()->connected()) << i;
-        }
-        EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
-        int dropped = 0;
-        for (auto& c : idle)
-            dropped += c->waitClosed(0);
-        EXPECT_EQ(dropped, 0) << "connections within every limit are held, not shed";
+    const std::string index = get("/api/index" + auth());
+    std::vector<std::unique_ptr<RawClient>> idle;
+    for (int i = 0; i < 500; ++i) {
+        const std::string source = "127.0.0." + std::to_string(10 + i / 50);
+        idle.push_back(std::make_unique<RawClient>(source.c_str(), server_->port()));
+        ASSERT_TRUE(idle.back()->connected()) << i;
     }
+    EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
+    int dropped = 0;
+    for (auto& c : idle)
+        dropped += c->waitClosed(0);
+    EXPECT_EQ(dropped, 0) << "connections within every limit are held, not shed";
+}
 
-    startServer({"--max-connections-per-address", "20"});
-    index = get("/api/index" + auth());
-    // Each of the first 20 is answered, so the server has taken it before the next one comes.
+TEST_F(ExposureTest, AnAddressAtItsLimitGivesUpItsLongestIdleConnectionForANewOne) {
+    startServer({"--max-connections-per-address", "4"});
+    const std::string index = get("/api/index" + auth());
+    // Each is answered before the next comes, so they fell idle in this order.
     std::vector<std::unique_ptr<RawClient>> held;
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 4; ++i) {
         held.push_back(std::make_unique<RawClient>("127.0.0.20", server_->port()));
         held.back()->send(index);
         held.back()->read(3000);
         ASSERT_EQ(held.back()->status(), 200) << "connection " << i + 1;
     }
-    for (int i = 21; i <= 25; ++i) {
-        RawClient extra("127.0.0.20", server_->port());
-        EXPECT_TRUE(extra.waitClosed(2000)) << "connection " << i << " should be closed at once";
+    // Two more, one after the other: each costs the longest-idle one its place.
+    for (int i = 0; i < 2; ++i) {
+        auto newcomer = std::make_unique<RawClient>("127.0.0.20", server_->port());
+        newcomer->send(index);
+        newcomer->read(3000);
+        EXPECT_EQ(newcomer->status(), 200) << "newcomer " << i + 1 << " is served";
+        EXPECT_TRUE(held[i]->waitClosed(3000)) << "connection " << i + 1 << " is closed";
+        held.push_back(std::move(newcomer));
     }
-    for (std::size_t i = 0; i < held.size(); ++i) {
+    // The others keep theirs, and still answer.
+    for (std::size_t i = 2; i < held.size(); ++i) {
+        EXPECT_FALSE(held[i]->waitClosed(0)) << "connection " << i + 1;
         held[i]->send(index);
         EXPECT_EQ(parseAnswers(held[i]->read(3000, 2)).size(), 2u) << "connection " << i + 1;
         EXPECT_EQ(held[i]->status(), 200) << "connection " << i + 1;
     }
-    EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
+    // One that has not sent a thing yet waits for its request too, and has waited longest.
+    RawClient silent("127.0.0.21", server_->port());
+    std::vector<std::unique_ptr<RawClient>> answered;
+    for (int i = 0; i < 3; ++i) {
+        answered.push_back(std::make_unique<RawClient>("127.0.0.21", server_->port()));
+        answered.back()->send(index);
+        answered.back()->read(3000);
+        ASSERT_EQ(answered.back()->status(), 200);
+    }
+    EXPECT_EQ(statusFrom("127.0.0.21", index), 200);
+    EXPECT_TRUE(silent.waitClosed(3000));
+    for (auto& c : answered)
+        EXPECT_FALSE(c->waitClosed(0));
+    EXPECT_EQ(statusFrom("127.0.0.2", index), 200) << "other addresses never noticed";
+}
+
+TEST_F(ExposureTest, ConnectionsThatAreBusyAreNeverClosedToMakeRoom) {
+    startServer({"--max-connections-per-address", "3"});
+    const std::string events = get("/api/events" + auth());
+    // Three live event streams: three connections busy for as long as they last.
+    std::vector<std::unique_ptr<RawClient>> streams;
+    for (int i = 0; i < 3; ++i) {
+        streams.push_back(std::make_unique<RawClient>("127.0.0.22", server_->port()));
+        streams.back()->send(events);
+        ASSERT_TRUE(streams.back()->readUntil(
+            [](const std::string& raw) {
+                return parseStreamed(raw).body.find(": ready\n\n") != std::string::npos;
+            },
+            3000))
+            << "stream " << i + 1;
+    }
+    for (int i = 0; i < 3; ++i) {
+        RawClient extra("127.0.0.22", server_->port());
+        EXPECT_TRUE(extra.waitClosed(2000)) << "newcomer " << i + 1 << " should be refused";
+    }
+    const std::string key = createNote("told to every stream");
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        EXPECT_TRUE(streams[i]->readUntil(
+            [&](const std::string& raw) {
+                return parseStreamed(raw).body.find(key) != std::string::npos;
+            },
+            3000))
+            << "stream " << i + 1 << " was cut";
+    }
+    EXPECT_EQ(statusFrom("127.0.0.2", get("/api/index" + auth())), 200);
 }
 
 TEST_F(ExposureTest, HeaderTricklersAreCutOffAtTheRequestTimeout) {
@@ -243,6 +294,126 @@ TEST_F(ExposureTest, GuessingSlowsDownThatAddressOnly) {
     EXPECT_EQ(login(kEmail, kPassword)->status, 200) << "the owner, from another address";
 }
 
+// Behind a reverse proxy every client comes from the proxy's address; the proxy names the
+// client last in X-Forwarded-For, and only a proxy the service was told to trust is believed.
+TEST_F(ExposureTest, TheLoginSlowDownCountsTheClientATrustedProxyNamesAndNoOneElse) {
+    const auto forwarded = [](const std::string& list) {
+        return "X-Forwarded-For: " + list + "\r\n";
+    };
+    struct Case {
+        const char* name;
+        QStringList serve;
+        const char* source;                       // the peer the service sees
+        std::function<std::string(int)> failing;  // the header of the i-th wrong password
+        std::string checking;                     // the header of the right one after five
+        int status;                               // what the right one gets
+    };
+    const QStringList trusting = {"--trusted-proxy", "127.0.0.1"};
+    const Case cases[] = {
+        {"trusted proxy, the same client", trusting, "127.0.0.1",
+         [&](int) { return forwarded("127.0.0.77"); }, forwarded("127.0.0.77"), 429},
+        {"trusted proxy, another client behind it", trusting, "127.0.0.1",
+         [&](int) { return forwarded("127.0.0.77"); }, forwarded("127.0.0.78"), 200},
+        {"trusted proxy, what the client wrote before the proxy's entry is not believed", trusting,
+         "127.0.0.1",
+         [&](int i) { return forwarded("127.9.9." + std::to_string(i) + ", 127.0.0.77"); },
+         forwarded("127.9.9.99,127.0.0.77"), 429},
+        {"trusted proxy, the client of a second header the proxy added", trusting, "127.0.0.1",
+         [&](int i) { return forwarded("127.9.9." + std::to_string(i)) + forwarded("127.0.0.77"); },
+         forwarded("127.0.0.77"), 429},
+        {"no trusted proxy: the header is ignored",
+         {},
+         "127.0.0.2",
+         [&](int i) { return forwarded("127.0.0." + std::to_string(100 + i)); },
+         forwarded("127.0.0.99"),
+         429},
+        {"a peer that is not the trusted proxy: the header is ignored", trusting, "127.0.0.2",
+         [&](int i) { return forwarded("127.0.0." + std::to_string(100 + i)); },
+         forwarded("127.0.0.99"), 429},
+    };
+    const auto attempt = [&](const Case& c, const std::string& fields, const char* password) {
+        const std::string body = base64(std::string("email=") + kEmail + "&password=" + password);
+        return statusFrom(c.source,
+                          head("POST /api/login", kForm + fields + "Content-Length: " +
+                                                      std::to_string(body.size()) + "\r\n") +
+                              body);
+    };
+    for (const Case& c : cases) {
+        startServer(c.serve);
+        for (int i = 0; i < 5; ++i)
+            ASSERT_EQ(attempt(c, c.failing(i), "wrong"), 401) << c.name << ", attempt " << i + 1;
+        EXPECT_EQ(attempt(c, c.checking, kPassword), c.status) << c.name;
+    }
+}
+
+TEST_F(ExposureTest, ATrustedProxyMustNameItsClient) {
+    startServer({"--trusted-proxy", "127.0.0.1"});
+    const std::string index = "/api/index" + auth();
+    struct Case {
+        const char* name;
+        std::string fields;
+        int status;
+    };
+    const Case cases[] = {
+        {"an IPv4 client", "X-Forwarded-For: 127.0.0.77\r\n", 200},
+        {"an IPv6 client", "X-Forwarded-For: 127.0.0.77, ::1\r\n", 200},
+        {"with the scheme", "X-Forwarded-For: 127.0.0.77\r\nX-Forwarded-Proto: https\r\n", 200},
+        {"no header: the proxy's own request", "", 200},
+        {"a name", "X-Forwarded-For: client.example.org\r\n", 400},
+        {"with a port", "X-Forwarded-For: 127.0.0.77:5000\r\n", 400},
+        {"nothing after the last comma", "X-Forwarded-For: 127.0.0.77,\r\n", 400},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(statusFrom("127.0.0.1", head("GET " + index, c.fields)), c.status) << c.name;
+    // From anyone else, the same headers change nothing.
+    for (const Case& c : cases)
+        EXPECT_EQ(statusFrom("127.0.0.2", head("GET " + index, c.fields)), 200) << c.name;
+}
+
+TEST_F(ExposureTest, BehindATrustedProxyEachClientHasItsOwnShare) {
+    startServer({"--trusted-proxy", "127.0.0.1", "--max-connections-per-address", "2",
+                 "--event-heartbeat", "1"});
+    const std::string index = "/api/index" + auth();
+    const auto from = [](const char* client) {
+        return std::string("X-Forwarded-For: ") + client + "\r\n";
+    };
+    // The proxy carries everyone: its connections are not held to an address's share.
+    std::vector<std::unique_ptr<RawClient>> proxy;
+    for (int i = 0; i < 6; ++i) {
+        proxy.push_back(std::make_unique<RawClient>("127.0.0.1", server_->port()));
+        proxy.back()->send(head("GET " + index, from("127.0.0.77")));
+        proxy.back()->read(3000);
+        ASSERT_EQ(proxy.back()->status(), 200) << "proxy connection " << i + 1;
+    }
+    for (std::size_t i = 0; i < proxy.size(); ++i)
+        EXPECT_FALSE(proxy[i]->waitClosed(0)) << "proxy connection " << i + 1;
+    // A client behind it may have two requests under way; two streams take both.
+    std::vector<std::unique_ptr<RawClient>> streams;
+    for (int i = 0; i < 2; ++i) {
+        streams.push_back(std::make_unique<RawClient>("127.0.0.1", server_->port()));
+        streams.back()->send(head("GET /api/events" + auth(), from("127.0.0.77")));
+        ASSERT_TRUE(streams.back()->readUntil(
+            [](const std::string& raw) {
+                return parseStreamed(raw).body.find(": ready\n\n") != std::string::npos;
+            },
+            3000))
+            << "stream " << i + 1 << ": " << streams.back()->received();
+    }
+    EXPECT_EQ(statusFrom("127.0.0.1", head("GET " + index, from("127.0.0.77"))), 429);
+    EXPECT_EQ(statusFrom("127.0.0.1", head("GET " + index, from("127.0.0.78"))), 200);
+    EXPECT_EQ(statusFrom("127.0.0.1", head("GET " + index)), 200) << "the proxy's own";
+    // A stream that ends gives its place back (found out at the next heartbeat).
+    streams.front()->hangUp();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(6);
+    int status = 0;
+    while (status != 200 && std::chrono::steady_clock::now() < deadline) {
+        status = statusFrom("127.0.0.1", head("GET " + index, from("127.0.0.77")));
+        if (status != 200)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // poll interval
+    }
+    EXPECT_EQ(status, 200);
+}
+
 TEST_F(ExposureTest, DatabaseFilesArePrivateAndAnExposedOneIsRefused) {
     createNote("written");
     const QString db = server_->dbPath();
@@ -312,7 +483,12 @@ TEST_F(ExposureTest, LimitsOutsideTheirRangeAreRefusedAtStart) {
                                    {"--max-connections", "-5"},
                                    {"--idle-timeout", "soon"},
                                    {"--connection-memory", "2147483648"},
-                                   {"--max-body-bytes"}};
+                                   {"--max-body-bytes"},
+                                   {"--event-heartbeat", "0"},
+                                   {"--max-event-streams-per-account", "0"},
+                                   {"--trusted-proxy", "proxy.example.org"},
+                                   {"--trusted-proxy", "127.0.0.1:8080"},
+                                   {"--trusted-proxy"}};
     for (const QStringList& limit : refused) {
         QString output;
         EXPECT_EQ(server_->runCommand(QStringList{"serve", "--listen", "127.0.0.1:1"} + limit, {},

@@ -41,6 +41,40 @@ std::vector<RawAnswer> parseAnswers(const std::string& raw) {
     return answers;
 }
 
+StreamedAnswer parseStreamed(const std::string& raw) {
+    StreamedAnswer answer;
+    const std::size_t end = raw.find("\r\n\r\n");
+    if (raw.compare(0, 5, "HTTP/") != 0 || end == std::string::npos)
+        return answer;
+    answer.head = raw.substr(0, end + 2);
+    answer.status = std::atoi(raw.c_str() + raw.find(' ') + 1);
+    bool chunked = false;
+    for (std::size_t line = raw.find("\r\n") + 2; line < end; line = raw.find("\r\n", line) + 2) {
+        if (strncasecmp(raw.c_str() + line, "Transfer-Encoding: chunked", 26) == 0)
+            chunked = true;
+    }
+    std::size_t at = end + 4;
+    if (!chunked) {
+        answer.body = raw.substr(at);
+        return answer;
+    }
+    for (;;) {
+        const std::size_t sizeEnd = raw.find("\r\n", at);
+        if (sizeEnd == std::string::npos)
+            break;
+        const std::size_t size = std::strtoul(raw.c_str() + at, nullptr, 16);
+        if (size == 0) {
+            answer.finished = true;
+            break;
+        }
+        if (raw.size() < sizeEnd + 2 + size + 2)
+            break;
+        answer.body.append(raw, sizeEnd + 2, size);
+        at = sizeEnd + 2 + size + 2;
+    }
+    return answer;
+}
+
 RawClient::RawClient(const char* source, int port) {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     // A small send buffer, so that what send() accepted is close to what the server was offered.
@@ -108,6 +142,37 @@ const std::string& RawClient::read(int timeoutMs, int answers) {
             closed_ = true;
     }
     return received_;
+}
+
+bool RawClient::readUntil(const std::function<bool(const std::string&)>& done, int timeoutMs) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done(received_)) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd p{fd_, POLLIN, 0};
+        if (closed_ || ::poll(&p, 1, static_cast<int>(std::max<long>(0, left.count()))) != 1)
+            return false;
+        char buffer[16384];
+        const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+        if (n > 0)
+            received_.append(buffer, static_cast<std::size_t>(n));
+        else if (n == 0 || errno != EINTR)
+            closed_ = true;
+    }
+    return true;
+}
+
+void RawClient::hangUp(bool abruptly) {
+    if (fd_ < 0)
+        return;
+    if (abruptly) {
+        const linger now{1, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    }
+    ::close(fd_);
+    fd_ = -1;
+    closed_ = broken_ = true;
 }
 
 bool RawClient::waitClosed(int timeoutMs) {
