@@ -195,7 +195,8 @@ QString gAgentBinary;
 struct Answer {
     int status = 0;
     QByteArray body;
-    qint64 at = 0;  // on the clock given
+    QByteArray modified;  // a note's Note-Modifydate
+    qint64 at = 0;        // on the clock given
 };
 
 Answer exchange(QNetworkAccessManager& network, const QString& url, const QByteArray* body,
@@ -208,6 +209,7 @@ Answer exchange(QNetworkAccessManager& network, const QString& url, const QByteA
         answer.at = clock.nsecsElapsed();
         answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         answer.body = reply->readAll();
+        answer.modified = reply->rawHeader("Note-Modifydate");
     });
     waitFor([&answer] { return answer.at != 0; });
     reply->deleteLater();
@@ -283,8 +285,12 @@ void BM_PickupLatency(benchmark::State& state) {
     const Answer made = exchange(network, api + QStringLiteral("/note?") + auth, &bare, clock);
     const QString note = api + QStringLiteral("/note?") + auth + QStringLiteral("&key=") +
                          QString::fromUtf8(made.body);
+    const QByteArray created = exchange(network, note, nullptr, clock).modified;
     RunningAgent agent;
-    if (login.status != 200 || made.status != 200 || !agent.start(api, clock)) {
+    // Its first check, at login, is over once the note it pushed back is stored: a link saved
+    // before then could go under that push.
+    if (login.status != 200 || made.status != 200 || !agent.start(api, clock) ||
+        !waitFor([&] { return exchange(network, note, nullptr, clock).modified != created; })) {
         state.SkipWithError("the agent did not start listening");
         return;
     }
