@@ -26,6 +26,8 @@ HOST = "127.0.0.1"
 # on the internet. 127.0.0.1 is the proxy's own address towards the service.
 ATTACKER, OWNER, STRANGER, NEIGHBOUR = "127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5"
 MAX_BODY = 1048576  # the service's default --max-body-bytes
+# Seconds between the heartbeats of an event stream: short, so that a test sees one pass.
+HEARTBEAT = 1
 
 
 def wait_for(condition, what, seconds=15):
@@ -97,7 +99,8 @@ class NotesService:
         self.log = open(f"{self.dir.name}/service.log", "w+")
         self.process = subprocess.Popen(
             [binary, "serve", "--listen", f"{HOST}:{self.port}", "--db", db,
-             "--trusted-proxy", HOST], env=env, stderr=self.log)
+             "--trusted-proxy", HOST, "--event-heartbeat", str(HEARTBEAT)],
+            env=env, stderr=self.log)
         wait_for(lambda: self.process.poll() is not None or accepts(self.port), "ferrybox-notes")
         if self.process.poll() is not None:
             self.log.seek(0)
@@ -182,7 +185,9 @@ class Proxy:
     def stop(self):
         self.process.terminate()
         try:
-            self.process.wait(10)
+            # Caddy finds that the client of an event stream has gone only after a few failed
+            # writes (heartbeats) and waits for that before it exits: no need to wait here.
+            self.process.wait(2)
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.wait()
@@ -353,7 +358,7 @@ class ProxyTests:
 
     def test_change_event_passes_the_proxy_at_once(self):
         token = self.token()
-        stream = self.proxy.connection(timeout=10)
+        stream, response = self.proxy.connection(timeout=10), None
         try:
             stream.request("GET", self.api_path("events", token))
             response = stream.getresponse()
@@ -381,20 +386,32 @@ class ProxyTests:
             line_within(10, ": ready")
             key = self.proxy.request("POST", self.api_path("note", token),
                                      base64.b64encode(b"Changed behind the proxy")).body.decode()
+            # A proxy that buffered the stream would hold the event back for many seconds.
             self.assertEqual(line_within(2, "event:"), "event: change")
             self.assertEqual(line_within(2, "data:"), f'data: {{"key":"{key}"}}')
+            line_within(HEARTBEAT + 2, ": heartbeat")
         finally:
+            # The answer holds the socket open as long as it is open itself.
+            if response:
+                response.close()
             stream.close()
 
     def test_device_cookie_is_secure_behind_the_proxy(self):
-        # The proxy says the client came over HTTPS, so the device cookie is sent over HTTPS only.
+        # The proxy tells the service the client came over HTTPS (whatever the client claims),
+        # so the device cookie goes over HTTPS only. Anyone on the service's own (plain) port
+        # who says so is not believed.
         form = f"email={quote(EMAIL)}&password={quote(PASSWORD)}"
         headers = {"Content-Type": "application/x-www-form-urlencoded", "X-Ferrybox-Page": "1"}
-        answer = self.proxy.request("POST", "/web/sign-in", form, headers)
-        self.assertEqual(answer.status, 200, answer.body)
-        attributes = [a.strip() for a in answer.headers["Set-Cookie"].split(";")]
-        self.assertIn("Secure", attributes)
-        self.assertIn("HttpOnly", attributes)
+        for via, server, source, claim, secure in (
+                ("the proxy", self.proxy, HOST, "http", True),
+                ("the service's port", self.service, NEIGHBOUR, "https", False)):
+            with self.subTest(via=via):
+                answer = server.request("POST", "/web/sign-in", form,
+                                        {**headers, "X-Forwarded-Proto": claim}, source)
+                self.assertEqual(answer.status, 200, answer.body)
+                attributes = [a.strip() for a in answer.headers["Set-Cookie"].split(";")]
+                self.assertIn("HttpOnly", attributes)
+                self.assertEqual("Secure" in attributes, secure)
 
 
 class NginxTest(ProxyTests, unittest.TestCase):
