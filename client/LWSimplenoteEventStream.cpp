@@ -23,6 +23,10 @@ constexpr qsizetype kLongestLine = 64 * 1024;
 // A stream that has said nothing for this many heartbeat periods is dead, whatever the socket
 // thinks (a sleeping laptop, a NAT that forgot the connection).
 constexpr int kSilentPeriods = 3;
+// A service whose heartbeat is slower than ours (its --event-heartbeat) would see its streams
+// dropped again and again: after each silence the limit doubles, up to this many times the first,
+// and it is the first again as soon as two comments come closer together than that.
+constexpr int kLongestSilenceFactor = 8;
 
 QString seconds(qint64 ms) {
     return QString::number(static_cast<double>(ms) / 1000.0);
@@ -78,6 +82,7 @@ void LWSimplenoteEventStream::start() {
     retry_->stop();
     failures_ = 0;
     serverRetryMs_ = -1;
+    silenceLimitMs_ = kSilentPeriods * timing_.heartbeatMs;
     everOpen_ = false;
     lossLogged_ = false;
     backLogged_ = false;
@@ -107,6 +112,7 @@ void LWSimplenoteEventStream::open() {
     request.setTransferTimeout(0);
 
     answered_ = false;
+    lastComment_.invalidate();
     status_ = 0;
     discarded_ = 0;
     buffer_.clear();
@@ -119,7 +125,7 @@ void LWSimplenoteEventStream::open() {
                      [this] { onResponse(); });
     QObject::connect(reply, &QIODevice::readyRead, context_.get(), [this] { onData(); });
     QObject::connect(reply, &QNetworkReply::finished, context_.get(), [this] { onFinished(); });
-    silence_->start(kSilentPeriods * timing_.heartbeatMs);
+    silence_->start(silenceLimitMs_);
     setState(State::Connecting);
 }
 
@@ -139,7 +145,7 @@ void LWSimplenoteEventStream::onResponse() {
     const QByteArray type = reply_->rawHeader("Content-Type").trimmed().toLower();
     if (code != 200 || !type.startsWith("text/event-stream"))
         return;
-    silence_->start(kSilentPeriods * timing_.heartbeatMs);
+    silence_->start(silenceLimitMs_);
     openSince_.start();
     reopened_ = everOpen_;
     if (!everOpen_) {
@@ -164,7 +170,7 @@ void LWSimplenoteEventStream::onData() {
             conclude();
         return;
     }
-    silence_->start(kSilentPeriods * timing_.heartbeatMs);
+    silence_->start(silenceLimitMs_);
     buffer_ += bytes;
     takeLines();
 }
@@ -209,8 +215,12 @@ void LWSimplenoteEventStream::conclude() {
 }
 
 void LWSimplenoteEventStream::onSilence() {
-    lose(QStringLiteral("nothing heard for %1 s")
-             .arg(seconds(kSilentPeriods * timing_.heartbeatMs)));
+    const int limit = silenceLimitMs_;
+    if (state_ == State::Open) {
+        silenceLimitMs_ = std::min(silenceLimitMs_ * 2,
+                                   kLongestSilenceFactor * kSilentPeriods * timing_.heartbeatMs);
+    }
+    lose(QStringLiteral("nothing heard for %1 s").arg(seconds(limit)));
 }
 
 // Lines end at a line feed; a carriage return before it is dropped, as the format allows.
@@ -241,8 +251,14 @@ void LWSimplenoteEventStream::takeLine(const QByteArray& line) {
         dispatch();
         return;
     }
-    if (line.startsWith(':'))
-        return;  // a comment: "ready", the heartbeat
+    if (line.startsWith(':')) {
+        // A comment: "ready", the heartbeat.
+        const int usual = kSilentPeriods * timing_.heartbeatMs;
+        if (lastComment_.isValid() && lastComment_.elapsed() <= usual)
+            silenceLimitMs_ = usual;
+        lastComment_.start();
+        return;
+    }
     const qsizetype colon = line.indexOf(':');
     const QByteArray field = colon < 0 ? line : line.left(colon);
     QByteArray value = colon < 0 ? QByteArray() : line.mid(colon + 1);

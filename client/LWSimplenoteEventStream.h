@@ -22,7 +22,8 @@ class QTimer;
 // Life and ownership: made and owned by the one who listens (the agent's controller). start()
 // opens the stream with the token and address that the credential store holds at that moment;
 // each later opening reads them again. From then on the stream keeps itself open: one that ends,
-// fails, answers an unexpected status or stays silent for three heartbeat periods is opened again
+// fails, answers an unexpected status or stays silent for three heartbeat periods (longer after
+// each silence, for a service whose heartbeat is slower than ours) is opened again
 // after a wait that starts at the service's "retry" time (one second when it names none) and
 // doubles up to a minute; once a stream has stayed open for a whole heartbeat period, the next
 // loss waits the shortest time again. Two answers end the listening until the next start(): 404
@@ -111,9 +112,11 @@ private:
     bool backLogged_ = false;
     bool reopened_ = false;
     QElapsedTimer openSince_;
+    QElapsedTimer lastComment_;
     int failures_ = 0;        // openings in a row that did not last
     int serverRetryMs_ = -1;  // the service's "retry", when it gave one
     int retryDelayMs_ = 0;
+    int silenceLimitMs_ = 45000;  // silence that counts as a loss
 
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // gone with this object
     QByteArray buffer_;  // received bytes not yet a whole line

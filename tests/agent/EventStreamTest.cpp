@@ -383,6 +383,27 @@ TEST_F(EventStreamTest, SilenceIsALoss) {
               "with waits of up to 0.04 s");
 }
 
+// A service whose heartbeat is slower than three of ours gets more time after each silence, and
+// the usual limit again once its comments come often enough.
+TEST_F(EventStreamTest, SlowerHeartbeatIsWaitedFor) {
+    quick(100, 10, 40);
+    service_.script({stream({": ready\n\n"})});
+    stream_->start();
+    ASSERT_TRUE(waitUntil([&] { return service_.requestCount() == 3; }));
+    ASSERT_TRUE(waitUntil([&] { return stream_->state() == State::Open; }));
+    // Heartbeats every 50 ms for a while, then silence.
+    for (int i = 0; i < 4; ++i) {
+        service_.sendToAll(": heartbeat\n\n");
+        settle(50);
+    }
+    ASSERT_TRUE(waitUntil([&] { return service_.requestCount() == 4; }));
+    const QStringList losses = changeLogLines().filter(" opening again ");
+    ASSERT_GE(losses.size(), 3) << changeLogLines().join("\n").toStdString();
+    EXPECT_TRUE(losses[0].contains("(nothing heard for 0.3 s)")) << losses[0].toStdString();
+    EXPECT_TRUE(losses[1].contains("(nothing heard for 0.6 s)")) << losses[1].toStdString();
+    EXPECT_TRUE(losses[2].contains("(nothing heard for 0.3 s)")) << losses[2].toStdString();
+}
+
 // Heartbeats keep a quiet stream open.
 TEST_F(EventStreamTest, HeartbeatsKeepItOpen) {
     quick(100, 10, 40);
