@@ -156,6 +156,39 @@ def tearDownModule():
         browser.quit()
 
 
+def serve_file(test, name, content):
+    """A loopback web server holding one file, for the test's life: its folder and link."""
+    work = tempfile.TemporaryDirectory()
+    test.addCleanup(work.cleanup)
+    os.mkdir(f"{work.name}/www")
+    with open(f"{work.name}/www/{name}", "w") as f:
+        f.write(content)
+    quiet = type("Quiet", (http.server.SimpleHTTPRequestHandler,),
+                 {"log_message": lambda *_: None})
+    files = http.server.ThreadingHTTPServer(
+        ("127.0.0.1", 0), lambda *a: quiet(*a, directory=f"{work.name}/www"))
+    threading.Thread(target=files.serve_forever, daemon=True).start()
+    test.addCleanup(files.server_close)
+    test.addCleanup(files.shutdown)
+    return work, f"http://127.0.0.1:{files.server_port}/{name}"
+
+
+def agent_command(home, *arguments):
+    """The headless agent for the account, its password in a file under home."""
+    with open(f"{home}/password", "w", opener=lambda p, f: os.open(p, f, 0o600)) as f:
+        f.write(PASSWORD + "\n")
+    return [f"{BUILD}/app/ferrybox", "--headless", *arguments, "--email", EMAIL,
+            "--password-file", f"{home}/password"]
+
+
+def agent_environment(home, service_url):
+    env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=f"{home}/.config",
+               FERRYBOX_API_URL=service_url + "/api", QT_QPA_PLATFORM="offscreen")
+    for name in ("DBUS_SESSION_BUS_ADDRESS", "FERRYBOX_PASSWORD_FILE"):
+        env.pop(name, None)
+    return env
+
+
 class PageTestCase(unittest.TestCase):
     arguments, environment = (), None
 
@@ -279,19 +312,7 @@ class WebPageTest(PageTestCase):
 
     def test_download_note_from_q_edited_here_is_fetched_by_the_agent(self):
         key = self.notes.create("Ferrybox_Downloads")
-        work = tempfile.TemporaryDirectory()
-        self.addCleanup(work.cleanup)
-        os.mkdir(f"{work.name}/www")
-        with open(f"{work.name}/www/linked.txt", "w") as f:
-            f.write("fetched through the page\n")
-        quiet = type("Quiet", (http.server.SimpleHTTPRequestHandler,),
-                     {"log_message": lambda *_: None})
-        files = http.server.ThreadingHTTPServer(
-            ("127.0.0.1", 0), lambda *a: quiet(*a, directory=f"{work.name}/www"))
-        threading.Thread(target=files.serve_forever, daemon=True).start()
-        self.addCleanup(files.server_close)
-        self.addCleanup(files.shutdown)
-        link = f"http://127.0.0.1:{files.server_port}/linked.txt"
+        work, link = serve_file(self, "linked.txt", "fetched through the page\n")
 
         self.fresh("/?q=Ferrybox_Downloads")
         self.sign_in()
@@ -301,16 +322,8 @@ class WebPageTest(PageTestCase):
         self.message("Saved.")
         self.assertEqual(self.notes.text(key), f"Ferrybox_Downloads\n{link}")
 
-        with open(f"{work.name}/password", "w", opener=lambda p, f: os.open(p, f, 0o600)) as f:
-            f.write(PASSWORD + "\n")
-        env = dict(os.environ, HOME=work.name, XDG_CONFIG_HOME=f"{work.name}/.config",
-                   FERRYBOX_API_URL=self.notes.url + "/api", QT_QPA_PLATFORM="offscreen")
-        for name in ("DBUS_SESSION_BUS_ADDRESS", "FERRYBOX_PASSWORD_FILE"):
-            env.pop(name, None)
-        agent = subprocess.run(
-            [f"{BUILD}/app/ferrybox", "--headless", "--once", "--email", EMAIL,
-             "--password-file", f"{work.name}/password"],
-            env=env, capture_output=True, text=True, timeout=60)
+        agent = subprocess.run(agent_command(work.name, "--once"), env=agent_environment(
+            work.name, self.notes.url), capture_output=True, text=True, timeout=60)
         self.assertEqual(agent.returncode, 0, agent.stderr)
         with open(f"{work.name}/Downloads/Ferrybox/linked.txt") as f:
             self.assertEqual(f.read(), "fetched through the page\n")
@@ -598,6 +611,52 @@ class ShareTest(PageTestCase):
         self.message("Nothing to download")
         self.assertEqual(self.el("link").get_attribute("value"), "not a link")
         self.assertEqual(self.notes.download_note(), before)
+
+
+class RunningAgentTest(PageTestCase):
+    """The whole way, with an account of its own: one download note, one agent."""
+
+    def test_share_reaches_the_running_agent_at_once(self):
+        """A phone shares a link; the agent at home, checking only every ten minutes, has the
+        download under way moments later."""
+        work, link = serve_file(self, "shared.txt", "shared from a phone\n")
+        # Its first check, at start, fetches what the note held already; then it waits for
+        # the interval.
+        earlier = link.replace("shared.txt", "earlier.txt")
+        self.notes.create("Ferrybox_Downloads\n" + earlier)
+        with open(f"{work.name}/www/earlier.txt", "w") as f:
+            f.write("queued before\n")
+        agent = subprocess.Popen(agent_command(work.name), stderr=subprocess.PIPE, text=True,
+                                 env=agent_environment(work.name, self.notes.url))
+        self.addCleanup(agent.wait, 10)
+        self.addCleanup(agent.terminate)
+        said = []
+        threading.Thread(target=lambda: said.extend(agent.stderr), daemon=True).start()
+        try:
+            wait_for(lambda: any(line.startswith("download begins: " + earlier) for line in said)
+                     or agent.poll() is not None, "the agent's first check", 30)
+        except AssertionError as timeout:
+            raise AssertionError("".join(said)) from timeout
+        self.assertIsNone(agent.poll(), "".join(said))
+
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        browser.switch_to.new_window("tab")
+        share_tab = browser.current_window_handle
+        for handle in browser.window_handles:
+            if handle != share_tab:
+                browser.switch_to.window(handle)
+                browser.close()
+        browser.switch_to.window(share_tab)
+        browser.get(self.notes.url + share_url(text="Look", url=link))
+        self.visible("queued")
+        self.assertEqual(self.el("queued-text").text, "Queued: shared.txt")
+        # How soon is measured by the benchmark; here it is only bounded loosely.
+        wait_for(lambda: any(line.startswith("download begins: " + link) for line in said),
+                 "the agent to begin the shared download", 10)
+        wait_for(lambda: os.path.exists(f"{work.name}/Downloads/Ferrybox/shared.txt"),
+                 "the shared file", 10)
 
 
 class OfflineTest(PageTestCase):
