@@ -5,156 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <QElapsedTimer>
-#include <QPointer>
 #include <QTcpServer>
-#include <QTcpSocket>
-#include <QTimer>
 #include <memory>
 #include <vector>
 
 #include "client/LWSimplenoteCredentialStore.h"
 #include "client/LWSimplenoteEventStream.h"
 #include "foundation/Log.h"
+#include "tests/agent/StreamService.h"
 #include "tests/support/TempHome.h"
 #include "tests/support/Wait.h"
 
 namespace {
 
+using agenttest::Answer;
+using agenttest::other;
+using agenttest::stream;
+using agenttest::StreamService;
 using State = LWSimplenoteEventStream::State;
 using testsupport::settle;
 using testsupport::waitUntil;
 
 const QString kToken = QStringLiteral("tok-3f9a7c");
 const QString kEmail = QStringLiteral("me@example.org");
-
-// How one request is answered.
-struct Answer {
-    int status = 200;
-    QByteArray contentType = "text/event-stream";
-    QList<QByteArray> chunks;  // sent a few milliseconds apart, each in writes of its own
-    bool close = false;        // the service ends the stream after the last chunk
-    bool silent = false;       // the request is read and never answered
-};
-
-Answer stream(QList<QByteArray> chunks, bool close = false) {
-    Answer a;
-    a.chunks = std::move(chunks);
-    a.close = close;
-    return a;
-}
-
-// Any other answer, its body sent whole and the connection closed.
-Answer other(int status, QByteArray contentType = "text/plain", QByteArray body = {}) {
-    Answer a;
-    a.status = status;
-    a.contentType = std::move(contentType);
-    if (!body.isEmpty())
-        a.chunks << body;
-    a.close = true;
-    return a;
-}
-
-// A scripted event-stream service in the test's own event loop. Request n is answered by
-// answer n; the last answer also answers every later request.
-class StreamService {
-public:
-    StreamService() {
-        server_.listen(QHostAddress::LocalHost, 0);
-        QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] { accept(); });
-    }
-    ~StreamService() { closeAll(); }
-
-    QString base() const {
-        return QStringLiteral("http://127.0.0.1:%1/api").arg(server_.serverPort());
-    }
-    void script(std::vector<Answer> answers) { answers_ = std::move(answers); }
-    int requestCount() const { return static_cast<int>(heads_.size()); }
-    const QList<QByteArray>& heads() const { return heads_; }
-    // Connections the service still holds open.
-    int openConnections() const {
-        int n = 0;
-        for (const auto& socket : sockets_) {
-            if (socket && socket->state() == QAbstractSocket::ConnectedState)
-                ++n;
-        }
-        return n;
-    }
-    void sendToAll(const QByteArray& bytes) {
-        for (const auto& socket : sockets_) {
-            if (socket && socket->state() == QAbstractSocket::ConnectedState) {
-                socket->write(bytes);
-                socket->flush();
-            }
-        }
-    }
-    void closeAll() {
-        for (const auto& socket : sockets_) {
-            if (socket)
-                socket->disconnectFromHost();
-        }
-    }
-
-private:
-    void accept() {
-        while (QTcpSocket* socket = server_.nextPendingConnection()) {
-            sockets_.push_back(socket);
-            auto head = std::make_shared<QByteArray>();
-            QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, head] {
-                if (head->endsWith("\r\n\r\n"))
-                    return;
-                *head += socket->readAll();
-                if (!head->contains("\r\n\r\n"))
-                    return;
-                *head = head->left(head->indexOf("\r\n\r\n") + 4);
-                heads_ << *head;
-                answer(
-                    socket,
-                    answers_.empty()
-                        ? other(404)
-                        : answers_[std::min<std::size_t>(heads_.size() - 1, answers_.size() - 1)]);
-            });
-        }
-    }
-
-    void answer(QTcpSocket* socket, const Answer& a) {
-        if (a.silent)
-            return;
-        QByteArray head = "HTTP/1.1 " + QByteArray::number(a.status) + " Scripted\r\n";
-        head += "Content-Type: " + a.contentType + "\r\nCache-Control: no-cache\r\n";
-        if (a.status != 200)
-            head += "Content-Length: 0\r\n";
-        head += "Connection: close\r\n\r\n";
-        socket->write(head);
-        socket->flush();
-        if (a.status != 200) {
-            socket->disconnectFromHost();
-            return;
-        }
-        // Chunks a few milliseconds apart, so that the stream reads them one by one.
-        QPointer<QTcpSocket> guarded(socket);
-        int delay = 0;
-        for (const QByteArray& chunk : a.chunks) {
-            delay += 5;
-            QTimer::singleShot(delay, socket, [guarded, chunk] {
-                if (guarded) {
-                    guarded->write(chunk);
-                    guarded->flush();
-                }
-            });
-        }
-        if (a.close) {
-            QTimer::singleShot(delay + 5, socket, [guarded] {
-                if (guarded)
-                    guarded->disconnectFromHost();
-            });
-        }
-    }
-
-    QTcpServer server_;
-    std::vector<Answer> answers_;
-    QList<QByteArray> heads_;
-    std::vector<QPointer<QTcpSocket>> sockets_;
-};
 
 class EventStreamTest : public ::testing::Test {
 protected:
