@@ -376,6 +376,12 @@ struct HttpServer::Impl {
         }
         MHD_Response* reply = MHD_create_response_from_buffer(
             response.body.size(), const_cast<char*>(response.body.data()), MHD_RESPMEM_MUST_COPY);
+        queue(connection, exchange, reply, response);
+    }
+
+    // Sends reply with the response's status and headers, and lets go of it.
+    static void queue(MHD_Connection* connection, const Exchange& exchange, MHD_Response* reply,
+                      const HttpResponse& response) {
         MHD_add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
         // Note text must never be taken for markup or script, whatever a browser guesses.
         MHD_add_response_header(reply, "X-Content-Type-Options", "nosniff");
@@ -514,13 +520,7 @@ struct HttpServer::Impl {
             answer(connection, exchange, failed(response));
             return;
         }
-        MHD_add_response_header(reply, MHD_HTTP_HEADER_CONTENT_TYPE, response.contentType.c_str());
-        MHD_add_response_header(reply, "X-Content-Type-Options", "nosniff");
-        for (const auto& [name, value] : response.headers)
-            MHD_add_response_header(reply, name.c_str(), value.c_str());
-        MHD_queue_response(connection, static_cast<unsigned>(response.status), reply);
-        MHD_destroy_response(reply);
-        logAnswer(exchange, response.status);
+        queue(connection, exchange, reply, response);
     }
 
     // Ends every stream and waits a moment for their ends to go out; afterwards no connection

@@ -126,21 +126,11 @@ bool RawClient::readable() const {
 }
 
 const std::string& RawClient::read(int timeoutMs, int answers) {
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!closed_ && static_cast<int>(parseAnswers(received_).size()) < answers) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(std::max<long>(0, left.count()))) != 1)
-            break;
-        char buffer[16384];
-        const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-        if (n > 0)
-            received_.append(buffer, static_cast<std::size_t>(n));
-        else if (n == 0 || errno != EINTR)
-            closed_ = true;
-    }
+    readUntil(
+        [&](const std::string& received) {
+            return closed_ || static_cast<int>(parseAnswers(received).size()) >= answers;
+        },
+        timeoutMs);
     return received_;
 }
 
