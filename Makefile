@@ -18,6 +18,8 @@ as_root_for = dir="$(1)"; while [ ! -e "$$dir" ]; do dir=$$(dirname "$$dir"); do
 
 .PHONY: deps build build-asan test run install uninstall deb bench fuzz format clean
 
+# Caddy is here for the tests of the reverse-proxy files; the system service its package starts
+# on port 80 is stopped again when this installed it.
 deps:
 	@missing=$$(for p in $(DEB_PACKAGES); do \
 		dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; \
@@ -25,7 +27,9 @@ deps:
 	if [ -n "$$missing" ]; then \
 		echo "Installing:" $$missing; \
 		$(SUDO) apt-get update -qq && \
-		DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+		DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing && \
+		{ ! echo " $$missing " | grep -q ' caddy ' || \
+		  $(SUDO) systemctl disable --now caddy >/dev/null 2>&1 || true; }; \
 	fi
 
 build: deps
