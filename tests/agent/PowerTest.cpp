@@ -183,6 +183,10 @@ TEST_F(RunningAgentTest, ConfirmedTurnOffCancelsEveryDownloadAndDeletesItsPart) 
     addDownload();
     addDownload();
     ASSERT_EQ(downloadFolder().size(), 2);
+    // Each begin is announced; those announcements travel on their own and must be in before
+    // the slate is wiped.
+    ASSERT_TRUE(
+        testsupport::waitUntil([this] { return notifications->notifications().size() >= 2; }));
     notifications->clear();
     controller().turnFerryboxOff(nullptr);
     EXPECT_TRUE(controller().downloadList().empty());
@@ -191,7 +195,11 @@ TEST_F(RunningAgentTest, ConfirmedTurnOffCancelsEveryDownloadAndDeletesItsPart) 
     server().releaseStalled();
     testsupport::settle(200);
     EXPECT_TRUE(downloadFolder().isEmpty());
-    EXPECT_TRUE(notifications->notifications().isEmpty()) << "no callback after a cancel";
+    QStringList summaries;
+    for (const auto& n : notifications->notifications())
+        summaries << n.summary + QLatin1Char('/') + n.body;
+    EXPECT_TRUE(summaries.isEmpty())
+        << "no callback after a cancel: " << summaries.join(QStringLiteral(", ")).toStdString();
 }
 
 TEST_F(RunningAgentTest, QuitGuardAsksOnlyWhileDownloading) {
