@@ -68,6 +68,9 @@ public:
     void searchForNote();
     void downloadFiles(const foundation::Notification& notification);
     int downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note);
+    // A line of the download note that a check downloads: not empty, not the header, not a
+    // "#" comment.
+    static bool isLinkLine(const QString& line, const QString& searchTerm);
     // --- change events: a link saved into the download note starts a check at once
     // Whether a running agent listens for the service's change events. Off until the
     // application turns it on (the agent's executable does, except for a single check).

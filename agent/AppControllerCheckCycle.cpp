@@ -71,6 +71,10 @@ void AppController::downloadFiles(const foundation::Notification& notification) 
     }
 }
 
+bool AppController::isLinkLine(const QString& line, const QString& searchTerm) {
+    return !line.isEmpty() && line != searchTerm && !line.startsWith(QLatin1Char('#'));
+}
+
 int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note) {
     const QString text = note->text();
     // Only a line feed ends a line: a carriage return stays part of its line.
@@ -88,7 +92,7 @@ int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& no
     for (const QString& line : lines) {
         if (line.isEmpty())
             continue;
-        if (line != searchTerm_ && !line.startsWith(QLatin1Char('#'))) {
+        if (isLinkLine(line, searchTerm_)) {
             // The line as it stands is the link; one that is no URL fails as a download.
             foundation::URLRequest request;
             request.url = QUrl(line, QUrl::StrictMode);

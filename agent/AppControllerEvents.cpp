@@ -7,6 +7,7 @@
 // nothing more. A service without events, a lost stream or a refused session never shows an
 // alert or turns the agent off: the timer goes on checking at its interval.
 #include <QPointer>
+#include <algorithm>
 
 #include "agent/AppController.h"
 #include "client/LWSimplenote.h"
@@ -30,16 +31,14 @@ const QString kPushFailedInTransport =
 // this, a check whose end went unseen (it threw on the way) holds up no change any longer.
 constexpr double kLongestCheckSeconds = 150.0;
 
-// What a check would download from this text: it must begin with the search term, and a link
-// is a line that is not empty, not the term and not a comment.
+// Whether a check would download anything from this text: it must begin with the search term.
 bool holdsLinks(const QString& text, const QString& searchTerm) {
     if (text.isNull() || !text.startsWith(searchTerm))
         return false;
-    for (const QString& line : text.split(QLatin1Char('\n'))) {
-        if (!line.isEmpty() && line != searchTerm && !line.startsWith(QLatin1Char('#')))
-            return true;
-    }
-    return false;
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    return std::any_of(lines.begin(), lines.end(), [&](const QString& line) {
+        return AppController::isLinkLine(line, searchTerm);
+    });
 }
 
 bool isDeleted(const LWSimplenote& note) {

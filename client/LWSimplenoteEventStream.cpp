@@ -59,24 +59,6 @@ LWSimplenoteEventStream::~LWSimplenoteEventStream() {
     dropReply();
 }
 
-QString LWSimplenoteEventStream::stateName(State state) {
-    switch (state) {
-        case State::Stopped:
-            return QStringLiteral("stopped");
-        case State::Connecting:
-            return QStringLiteral("connecting");
-        case State::Open:
-            return QStringLiteral("open");
-        case State::Waiting:
-            return QStringLiteral("waiting");
-        case State::Unavailable:
-            return QStringLiteral("unavailable");
-        case State::Refused:
-            return QStringLiteral("refused");
-    }
-    return QString();
-}
-
 void LWSimplenoteEventStream::start() {
     dropReply();
     retry_->stop();

@@ -69,7 +69,6 @@ public:
     void stop();
 
     State state() const { return state_; }
-    static QString stateName(State state);
     // While Waiting: how long this wait lasts.
     int retryDelayMs() const { return retryDelayMs_; }
     // Whether the stream now open follows a lost one (rather than a start()).

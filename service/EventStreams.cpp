@@ -2,7 +2,8 @@
 #include "service/EventStreams.h"
 
 #include <algorithm>
-#include <cstdio>
+
+#include "Classes/TWJSON/TWJsonWriter.h"
 
 namespace notes {
 
@@ -12,24 +13,6 @@ namespace {
 // client that the stream is live.
 constexpr char kPreamble[] = "retry: 2000\n: ready\n\n";
 constexpr char kHeartbeat[] = ": heartbeat\n\n";
-
-// A JSON string; control characters escaped, so that the event stays on its one data line.
-std::string jsonString(const QString& text) {
-    std::string out = "\"";
-    for (const char c : text.toStdString()) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + '"';
-}
 
 }  // namespace
 
@@ -83,7 +66,11 @@ void EventStreams::ended(qint64 account, const Entry* entry) {
 }
 
 void EventStreams::noteChanged(qint64 account, const QString& key) {
-    const std::string event = "event: change\ndata: {\"key\":" + jsonString(key) + "}\n\n";
+    TWJsonValue data = TWJsonValue::dictionary();
+    data.insert(QStringLiteral("key"), TWJsonValue::string(key));
+    // Compact JSON escapes every control character, so the event stays on its one data line.
+    const std::string event =
+        "event: change\ndata: " + TWJsonWriter().stringWithObject(data).toStdString() + "\n\n";
     std::vector<std::shared_ptr<HttpStream>> targets;
     {
         std::lock_guard lock(mutex_);
