@@ -56,6 +56,12 @@ TEST_P(TrayTest, LogsInDownloadsAndStaysAlive) {
             break;
     }
     EXPECT_TRUE(partialFiles().isEmpty());
+    // A link saved from elsewhere while the agent idles is fetched at once, not at the timer's
+    // next tick ten minutes away: the service's change events reach the desktop agent.
+    serveFile("/shared.bin", kMiB);
+    queueLinks({fileLink("/shared.bin")});
+    EXPECT_TRUE(
+        waitUntil([this] { return QFile::exists(downloadFolder() + "/shared.bin"); }, 10000));
     EXPECT_TRUE(agentRunning());
 }
 
