@@ -47,9 +47,9 @@ std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& stor
     return store.userForToken(tokenHash(token), email, nowMicros());
 }
 
-LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginThrottle& throttle,
+LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle,
                        const QString& email, const QString& password) {
-    const LoginThrottle::Key who{email, QString::fromStdString(req.clientAddress)};
+    const LoginLimiter::Key who{email, QString::fromStdString(req.clientAddress)};
     if (!throttle.allowed(who))
         return {std::nullopt, 429};
     auto user = store.userByEmail(email);

@@ -35,7 +35,7 @@ struct LoginResult {
     std::optional<User> user;
     int status = 200;
 };
-LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginThrottle& throttle,
+LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle,
                        const QString& email, const QString& password);
 
 }  // namespace notes

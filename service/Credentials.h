@@ -23,11 +23,10 @@ bool verifyPassword(const QString& password, const QString& stored);
 QString newToken();
 QByteArray tokenHash(const QString& token);
 
-// Slows down guessing: an account that failed to log in kMaxFailures times within the window
+// Slows down guessing: an account that failed to log in kMaxFailures times within a window
 // from one client address is refused from that address until the oldest of those failures
 // leaves the window. Other addresses are not held up, so a stranger cannot lock the owner out.
-// The table keeps the most recent `capacity` pairs; the longest untouched is dropped first.
-class LoginThrottle {
+class LoginLimiter {
 public:
     static constexpr int kMaxFailures = 5;
     struct Key {
@@ -35,14 +34,23 @@ public:
         QString clientAddress;
         std::weak_ordering operator<=>(const Key&) const = default;
     };
+    virtual ~LoginLimiter() = default;
+    virtual bool allowed(const Key& who) = 0;
+    virtual void failed(const Key& who) = 0;
+    virtual void succeeded(const Key& who) = 0;
+};
 
+// The failures counted in this process's memory. The table keeps the most recent `capacity`
+// pairs; the longest untouched is dropped first.
+class LoginThrottle : public LoginLimiter {
+public:
     explicit LoginThrottle(std::chrono::seconds window = std::chrono::seconds(60),
                            std::size_t capacity = 10000)
         : window_(window), capacity_(capacity) {}
 
-    bool allowed(const Key& who);
-    void failed(const Key& who);
-    void succeeded(const Key& who);
+    bool allowed(const Key& who) override;
+    void failed(const Key& who) override;
+    void succeeded(const Key& who) override;
     std::size_t size();
 
 private:

@@ -53,7 +53,7 @@ bool admitForm(const HttpRequest& req, HttpResponse& res) {
 
 class Api {
 public:
-    Api(NotesStore& store, LoginThrottle& throttle, NoteEvents& events, const ApiSettings& settings)
+    Api(NotesStore& store, LoginLimiter& throttle, NoteEvents& events, const ApiSettings& settings)
         : store_(store), throttle_(throttle), events_(events), settings_(settings) {}
 
     void login(const HttpRequest& req, HttpResponse& res) {
@@ -188,14 +188,14 @@ public:
 
 private:
     NotesStore& store_;
-    LoginThrottle& throttle_;
+    LoginLimiter& throttle_;
     NoteEvents& events_;
     ApiSettings settings_;
 };
 
 }  // namespace
 
-void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, NoteEvents& events,
+void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
                 const ApiSettings& settings) {
     auto api = std::make_shared<Api>(store, throttle, events, settings);
     using Handler = void (Api::*)(const HttpRequest&, HttpResponse&);

@@ -24,7 +24,7 @@ struct ApiSettings {
 // a note is told to events. The web page's own calls under /web (WebSessions.h) come with it,
 // and a request from the page may stand for its account by the page's device session instead
 // of auth and email.
-void installApi(HttpServer& server, NotesStore& store, LoginThrottle& throttle, NoteEvents& events,
+void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
                 const ApiSettings& settings);
 
 }  // namespace notes

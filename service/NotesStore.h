@@ -3,14 +3,13 @@
 
 #include <QByteArray>
 #include <QString>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <vector>
 
-#include "service/ReadConnections.h"
-
-struct sqlite3;
+#include "service/Credentials.h"
+#include "service/NoteEvents.h"
 
 namespace notes {
 
@@ -54,66 +53,87 @@ struct User {
     QString passwordHash;
 };
 
-// The service's SQLite database (WAL, every commit synced): users, hashed session tokens and
-// notes. Writes go one at a time through one connection; reads run side by side on connections
-// of their own. The schema carries its version (PRAGMA user_version) and is migrated forward on
-// open; a database from a newer version, or a file that is not a database, is refused and left
-// untouched.
+// A database refused to answer right now (unreachable, restarting); the request can be tried
+// again later and nothing it asked for was done.
+class StoreUnavailable : public StoreError {
+public:
+    using StoreError::StoreError;
+};
+
+// Everything the service keeps: accounts, hashed session tokens, device sessions and notes. One
+// interface, two backends: SQLite in one file (one process serves it) and PostgreSQL (any number
+// of processes, "nodes", serve it at once). Writes are durable before they return.
 class NotesStore {
 public:
-    static constexpr int kSchemaVersion = 3;
     // A device session nobody used for this long has ended.
     static constexpr qint64 kDeviceIdleMicros = 180LL * 24 * 3600 * 1000000;
+    // A device's use is written down at most this often, so that a busy page does not cost a
+    // durable write for every request.
+    static constexpr qint64 kDeviceUseGranularityMicros = 60LL * 1000000;
 
-    explicit NotesStore(const QString& path);
-    ~NotesStore();
-    NotesStore(const NotesStore&) = delete;
-    NotesStore& operator=(const NotesStore&) = delete;
+    virtual ~NotesStore() = default;
 
     // false when the address is taken.
-    bool addUser(const QString& email, const QString& passwordHash);
-    bool removeUser(const QString& email);
-    std::optional<User> userByEmail(const QString& email);
+    virtual bool addUser(const QString& email, const QString& passwordHash) = 0;
+    virtual bool removeUser(const QString& email) = 0;
+    virtual std::optional<User> userByEmail(const QString& email) = 0;
 
-    void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros);
+    virtual void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) = 0;
     // The user whose live token hashes to tokenHash, if that user has this address.
-    std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
-                                       qint64 nowMicros);
+    virtual std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
+                                               qint64 nowMicros) = 0;
 
-    qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
-                     qint64 nowMicros);
+    virtual qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                             qint64 nowMicros) = 0;
     // The live session whose token hashes to tokenHash; notes its use.
-    std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash, qint64 nowMicros);
+    virtual std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash,
+                                                       qint64 nowMicros) = 0;
     // Most recently used first.
-    std::vector<Device> devices(qint64 userId, qint64 nowMicros);
-    bool endDevice(qint64 userId, qint64 deviceId);
+    virtual std::vector<Device> devices(qint64 userId, qint64 nowMicros) = 0;
+    virtual bool endDevice(qint64 userId, qint64 deviceId) = 0;
 
     // Adds line at the end of the newest live note whose text begins with header, unless it is
-    // a line of that note already; with no such note, makes one of header and line. One write
-    // at a time, so appends that race each other all land.
-    Appended appendLine(qint64 userId, const QString& header, const QString& line,
-                        qint64 nowMicros);
+    // a line of that note already; with no such note, makes one of header and line. Appends
+    // that race each other, from any process, all land.
+    virtual Appended appendLine(qint64 userId, const QString& header, const QString& line,
+                                qint64 nowMicros) = 0;
 
-    QString createNote(qint64 userId, const QString& text, qint64 nowMicros);
-    bool updateNote(qint64 userId, const QString& key, const QString& text, qint64 nowMicros);
-    std::optional<Note> note(qint64 userId, const QString& key);
-    bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros);
-    bool purge(qint64 userId, const QString& key);
-    // Newest change first; deleted notes included.
-    std::vector<Note> index(qint64 userId);
-    // Notes not deleted whose text contains needle, without regard to case, newest change
-    // first: the page [offset, offset + limit) and the count of every match.
-    std::vector<Note> search(qint64 userId, const QString& needle, int limit, int offset,
-                             qint64* total);
+    virtual QString createNote(qint64 userId, const QString& text, qint64 nowMicros) = 0;
+    virtual bool updateNote(qint64 userId, const QString& key, const QString& text,
+                            qint64 nowMicros) = 0;
+    virtual std::optional<Note> note(qint64 userId, const QString& key) = 0;
+    virtual bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros) = 0;
+    virtual bool purge(qint64 userId, const QString& key) = 0;
+    // Newest change first (the later written first on a tie); deleted notes included, texts
+    // left empty.
+    virtual std::vector<Note> index(qint64 userId) = 0;
+    // Notes not deleted whose text contains needle, without regard to case (as
+    // QString::contains with Qt::CaseInsensitive decides it), newest change first: the page
+    // [offset, offset + limit) and the count of every match.
+    virtual std::vector<Note> search(qint64 userId, const QString& needle, int limit, int offset,
+                                     qint64* total) = 0;
 
-private:
-    void execute(const char* sql);
-    void migrate();
+    // Moving a service from one store to another: every account, and every note of one with
+    // its text, in index order.
+    virtual std::vector<User> users() = 0;
+    virtual std::vector<Note> notes(qint64 userId) = 0;
+    // Adds an account with its notes as they are (keys, dates, deleted flags), all or nothing;
+    // false when the address is taken.
+    virtual bool importAccount(const User& user, const std::vector<Note>& notes) = 0;
 
-    sqlite3* db_ = nullptr;  // for writes
-    std::mutex mutex_;       // one write at a time on db_
-    ReadConnections reads_;
+    // Where failed logins are counted: the memory of the one process that serves a SQLite
+    // file; the database itself when several processes share it, so that guesses spread over
+    // them add up.
+    virtual LoginLimiter& logins() = 0;
+    // Tells a change to the event streams of every process serving this store; local stands
+    // for this process's own streams. SQLite: local itself.
+    virtual std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) = 0;
 };
+
+// The store at location: a postgresql:// or postgres:// URI (libpq's connection URI), or else
+// the path of a SQLite file. The schema is made or brought up to date first.
+std::unique_ptr<NotesStore> openNotesStore(const QString& location);
+bool isDatabaseUrl(const QString& location);
 
 // "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
 QString formatMicros(qint64 micros);

@@ -93,7 +93,7 @@ TWJsonValue object(std::initializer_list<std::pair<const char*, TWJsonValue>> me
 
 class WebSessions {
 public:
-    WebSessions(NotesStore& store, LoginThrottle& throttle, NoteEvents& events)
+    WebSessions(NotesStore& store, LoginLimiter& throttle, NoteEvents& events)
         : store_(store), throttle_(throttle), events_(events) {}
 
     void signIn(const HttpRequest& req, HttpResponse& res) {
@@ -196,7 +196,7 @@ private:
     }
 
     NotesStore& store_;
-    LoginThrottle& throttle_;
+    LoginLimiter& throttle_;
     NoteEvents& events_;
 };
 
@@ -210,7 +210,7 @@ bool admitFromOwnPage(const HttpRequest& req, HttpResponse& res) {
 
 }  // namespace
 
-void installWebSessions(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
+void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
                         NoteEvents& events) {
     auto web = std::make_shared<WebSessions>(store, throttle, events);
     using Handler = void (WebSessions::*)(const HttpRequest&, HttpResponse&);

@@ -4,7 +4,7 @@
 namespace notes {
 
 class HttpServer;
-class LoginThrottle;
+class LoginLimiter;
 class NoteEvents;
 class NotesStore;
 
@@ -19,7 +19,7 @@ class NotesStore;
 //   GET  /web/devices                          -> [{"id","name","created","lastSeen","current"}]
 //   POST /web/devices/end?id=ID                -> 200; 404
 //   POST /web/append         url, text, title  -> {"queued","link","key","added"}; 422 {"error"}
-void installWebSessions(HttpServer& server, NotesStore& store, LoginThrottle& throttle,
+void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
                         NoteEvents& events);
 
 }  // namespace notes

@@ -280,7 +280,6 @@ int serve(const Arguments& a, notes::NotesStore& store) {
                             .arg(a.tlsCert, a.tlsKey));
         }
     }
-    notes::LoginThrottle throttle;
     notes::ApiSettings settings;
     settings.maxBodyBytes = a.maxBodyBytes;
     bool ok = false;
@@ -297,10 +296,11 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     // Outlives the server, whose stop ends every stream.
-    notes::EventStreams events(a.events);
+    notes::EventStreams streams(a.events);
+    const std::unique_ptr<notes::NoteEvents> changes = store.changeRelay(streams);
     notes::HttpServer server(a.limits);
-    notes::installApi(server, store, throttle, events, settings);
-    notes::installEvents(server, store, events);
+    notes::installApi(server, store, store.logins(), *changes, settings);
+    notes::installEvents(server, store, streams);
     notes::installWebPage(server);
     if (const std::string error = server.start(host.toStdString(), port, certificate, key);
         !error.empty()) {
@@ -333,9 +333,11 @@ int main(int argc, char** argv) {
     // The database holds every note and password hash: what this program creates is its
     // owner's alone.
     ::umask(077);
-    QDir().mkpath(QFileInfo(a.db).absolutePath());
+    if (!notes::isDatabaseUrl(a.db))
+        QDir().mkpath(QFileInfo(a.db).absolutePath());
     try {
-        notes::NotesStore store(a.db);
+        const std::unique_ptr<notes::NotesStore> opened = notes::openNotesStore(a.db);
+        notes::NotesStore& store = *opened;
         if (a.command == QLatin1String("serve"))
             return serve(a, store);
         if (a.command == QLatin1String("remove-user")) {

@@ -1,0 +1,545 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "service/SqliteStore.h"
+
+#include <openssl/rand.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <QDateTime>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string_view>
+
+#include "service/TextMatch.h"
+
+namespace notes {
+
+namespace {
+
+// A prepared statement that finalises itself.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) : db_(db) {
+        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+            throw StoreError(std::string("cannot prepare statement: ") + sqlite3_errmsg(db));
+        }
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int i, const QString& text) {
+        const QByteArray utf8 = text.toUtf8();
+        sqlite3_bind_text(stmt_, i, utf8.constData(), static_cast<int>(utf8.size()),
+                          SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int i, const QByteArray& blob) {
+        sqlite3_bind_blob(stmt_, i, blob.constData(), static_cast<int>(blob.size()),
+                          SQLITE_TRANSIENT);
+        return *this;
+    }
+    Statement& bind(int i, qint64 n) {
+        sqlite3_bind_int64(stmt_, i, n);
+        return *this;
+    }
+    // true while a row is there.
+    bool step() {
+        const int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_ROW)
+            return true;
+        if (rc == SQLITE_DONE)
+            return false;
+        if (rc == SQLITE_CONSTRAINT)
+            throw std::invalid_argument("constraint");
+        throw StoreError(std::string("database error: ") + sqlite3_errmsg(db_));
+    }
+    QString text(int column) const {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+        return QString::fromUtf8(bytes, sqlite3_column_bytes(stmt_, column));
+    }
+    // Valid until the next step.
+    std::string_view utf8(int column) const {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+        return {bytes ? bytes : "", static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column))};
+    }
+    qint64 integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+private:
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+Note readNote(const Statement& s) {
+    return Note{s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4) != 0};
+}
+
+// Keys are 128 random bits in hex: opaque, URL-safe, unguessable.
+QString randomKey() {
+    unsigned char bytes[16];
+    if (RAND_bytes(bytes, sizeof bytes) != 1)
+        throw StoreError("no random bytes");
+    return QString::fromLatin1(
+        QByteArray(reinterpret_cast<const char*>(bytes), sizeof bytes).toHex());
+}
+
+const char* const kMigrations[] = {
+    // 0 -> 1
+    "CREATE TABLE users (id INTEGER PRIMARY KEY, email TEXT NOT NULL UNIQUE,"
+    "  password_hash TEXT NOT NULL);"
+    "CREATE TABLE tokens (token_hash BLOB PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, expires INTEGER NOT NULL);"
+    "CREATE TABLE notes (key TEXT PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, text TEXT NOT NULL, created INTEGER NOT NULL,"
+    "  modified INTEGER NOT NULL, deleted INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX notes_by_user ON notes(user_id, modified DESC);",
+    // 1 -> 2: walked backwards, this index yields "newest change first, newest row first on a
+    // tie" as it stands, so listing and searching need no sort of every note.
+    "DROP INDEX notes_by_user;"
+    "CREATE INDEX notes_by_change ON notes(user_id, modified);",
+    // 2 -> 3: the web page's long-lived device sessions.
+    "CREATE TABLE devices (id INTEGER PRIMARY KEY, user_id INTEGER NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, token_hash BLOB NOT NULL UNIQUE,"
+    "  name TEXT NOT NULL, created INTEGER NOT NULL, last_seen INTEGER NOT NULL);"
+    "CREATE INDEX devices_by_user ON devices(user_id);",
+};
+
+// Every note and password hash is in these files: they are not served while other users can
+// read or change them. Says which file is open to others and how to close it, or nothing.
+std::string exposedFile(const QByteArray& file) {
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const QByteArray name = file + suffix;
+        struct stat info {};
+        if (::stat(name.constData(), &info) != 0 || (info.st_mode & 077) == 0)
+            continue;
+        const char* how = (info.st_mode & 044) ? "readable" : "writable";
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        return name.toStdString() + " is " + how + " by other users (mode " + mode +
+               "); make it private first: chmod 600 " + name.toStdString();
+    }
+    return {};
+}
+
+}  // namespace
+
+SqliteStore::SqliteStore(const QString& path) : reads_(path.toUtf8()) {
+    const QByteArray file = path.toUtf8();
+    if (sqlite3_open_v2(file.constData(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
+        const std::string why = db_ ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("cannot open database " + file.toStdString() + ": " + why);
+    }
+    // mutex_ already keeps the connection to one thread at a time; SQLite's own locking on
+    // every call would only cost time.
+    sqlite3_busy_timeout(db_, 5000);
+    std::string exposed;
+    try {
+        // Reading the schema is the first thing that notices a file that is not a database.
+        Statement(db_, "SELECT count(*) FROM sqlite_master").step();
+        exposed = exposedFile(file);
+        if (exposed.empty()) {
+            execute("PRAGMA journal_mode=WAL");
+            execute("PRAGMA synchronous=FULL");
+            execute("PRAGMA foreign_keys=ON");
+            migrate();
+        }
+    } catch (const StoreError& e) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("database " + file.toStdString() + " is unusable (" + e.what() +
+                         "); it was left as it is");
+    }
+    if (!exposed.empty()) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError(exposed);
+    }
+}
+
+SqliteStore::~SqliteStore() {
+    sqlite3_close(db_);
+}
+
+void SqliteStore::execute(const char* sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string why = message ? message : "unknown error";
+        sqlite3_free(message);
+        throw StoreError(why);
+    }
+}
+
+void SqliteStore::migrate() {
+    const int version = [this] {
+        // Finished before migrating: a pending read keeps the schema from changing.
+        Statement query(db_, "PRAGMA user_version");
+        query.step();
+        return static_cast<int>(query.integer(0));
+    }();
+    if (version > kSchemaVersion) {
+        throw StoreError("schema version " + std::to_string(version) +
+                         " is newer than this program knows");
+    }
+    for (int v = version; v < kSchemaVersion; ++v) {
+        execute("BEGIN IMMEDIATE");
+        try {
+            execute(kMigrations[v]);
+            execute(("PRAGMA user_version=" + std::to_string(v + 1)).c_str());
+            execute("COMMIT");
+        } catch (...) {
+            execute("ROLLBACK");
+            throw;
+        }
+    }
+}
+
+bool SqliteStore::addUser(const QString& email, const QString& passwordHash) {
+    std::lock_guard lock(mutex_);
+    try {
+        Statement(db_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
+            .bind(1, email)
+            .bind(2, passwordHash)
+            .step();
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+    return true;
+}
+
+bool SqliteStore::removeUser(const QString& email) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM users WHERE email = ?").bind(1, email).step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::optional<User> SqliteStore::userByEmail(const QString& email) {
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db, "SELECT id, email, password_hash FROM users WHERE email = ?");
+    s.bind(1, email);
+    if (!s.step())
+        return std::nullopt;
+    return User{s.integer(0), s.text(1), s.text(2)};
+}
+
+void SqliteStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM tokens WHERE expires < ?").bind(1, nowMicros()).step();
+    Statement(db_, "INSERT INTO tokens (token_hash, user_id, expires) VALUES (?, ?, ?)")
+        .bind(1, tokenHash)
+        .bind(2, userId)
+        .bind(3, expiresMicros)
+        .step();
+}
+
+std::optional<qint64> SqliteStore::userForToken(const QByteArray& tokenHash, const QString& email,
+                                                qint64 now) {
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
+                "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
+                "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
+    s.bind(1, tokenHash).bind(2, email).bind(3, now);
+    if (!s.step())
+        return std::nullopt;
+    return s.integer(0);
+}
+
+qint64 SqliteStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                              qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM devices WHERE last_seen < ?")
+        .bind(1, now - kDeviceIdleMicros)
+        .step();
+    Statement(db_,
+              "INSERT INTO devices (user_id, token_hash, name, created, last_seen) "
+              "VALUES (?, ?, ?, ?, ?)")
+        .bind(1, userId)
+        .bind(2, tokenHash)
+        .bind(3, name)
+        .bind(4, now)
+        .bind(5, now)
+        .step();
+    return sqlite3_last_insert_rowid(db_);
+}
+
+std::optional<DeviceSession> SqliteStore::deviceSession(const QByteArray& tokenHash, qint64 now) {
+    DeviceSession session;
+    qint64 lastSeen = 0;
+    {
+        const auto lease = reads_.take();
+        Statement s(lease.get(),
+                    "SELECT devices.id, devices.user_id, users.email, devices.last_seen "
+                    "FROM devices JOIN users ON users.id = devices.user_id "
+                    "WHERE devices.token_hash = ? AND devices.last_seen > ?");
+        s.bind(1, tokenHash).bind(2, now - kDeviceIdleMicros);
+        if (!s.step())
+            return std::nullopt;
+        session = DeviceSession{s.integer(1), s.integer(0), s.text(2)};
+        lastSeen = s.integer(3);
+    }
+    if (now - lastSeen > kDeviceUseGranularityMicros) {
+        std::lock_guard lock(mutex_);
+        Statement(db_, "UPDATE devices SET last_seen = ? WHERE id = ?")
+            .bind(1, now)
+            .bind(2, session.deviceId)
+            .step();
+    }
+    return session;
+}
+
+std::vector<Device> SqliteStore::devices(qint64 userId, qint64 now) {
+    const auto lease = reads_.take();
+    Statement s(lease.get(),
+                "SELECT id, name, created, last_seen FROM devices "
+                "WHERE user_id = ? AND last_seen > ? ORDER BY last_seen DESC, id DESC");
+    s.bind(1, userId).bind(2, now - kDeviceIdleMicros);
+    std::vector<Device> list;
+    while (s.step())
+        list.push_back(Device{s.integer(0), s.text(1), s.integer(2), s.integer(3)});
+    return list;
+}
+
+bool SqliteStore::endDevice(qint64 userId, qint64 deviceId) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM devices WHERE id = ? AND user_id = ?")
+        .bind(1, deviceId)
+        .bind(2, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QString& line,
+                                 qint64 now) {
+    std::lock_guard lock(mutex_);
+    QString key, text;
+    {
+        Statement s(db_,
+                    "SELECT key, text FROM notes WHERE user_id = ? AND deleted = 0 "
+                    "AND substr(text, 1, ?) = ? ORDER BY modified DESC, rowid DESC LIMIT 1");
+        s.bind(1, userId).bind(2, qint64(header.size())).bind(3, header);
+        if (s.step()) {
+            key = s.text(0);
+            text = s.text(1);
+        }
+    }
+    if (key.isNull()) {
+        key = randomKey();
+        Statement(db_,
+                  "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, "
+                  "?)")
+            .bind(1, key)
+            .bind(2, userId)
+            .bind(3, header + QLatin1Char('\n') + line)
+            .bind(4, now)
+            .bind(5, now)
+            .step();
+        return {key, true};
+    }
+    if (text.split(QLatin1Char('\n')).contains(line))
+        return {key, false};
+    if (!text.endsWith(QLatin1Char('\n')))
+        text += QLatin1Char('\n');
+    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ?")
+        .bind(1, text + line)
+        .bind(2, now)
+        .bind(3, key)
+        .step();
+    return {key, true};
+}
+
+QString SqliteStore::createNote(qint64 userId, const QString& text, qint64 now) {
+    std::lock_guard lock(mutex_);
+    const QString key = randomKey();
+    Statement(db_,
+              "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, ?)")
+        .bind(1, key)
+        .bind(2, userId)
+        .bind(3, text)
+        .bind(4, now)
+        .bind(5, now)
+        .step();
+    return key;
+}
+
+bool SqliteStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ? AND user_id = ?")
+        .bind(1, text)
+        .bind(2, now)
+        .bind(3, key)
+        .bind(4, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::optional<Note> SqliteStore::note(qint64 userId, const QString& key) {
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
+                "SELECT key, text, created, modified, deleted FROM notes "
+                "WHERE key = ? AND user_id = ?");
+    s.bind(1, key).bind(2, userId);
+    if (!s.step())
+        return std::nullopt;
+    return readNote(s);
+}
+
+bool SqliteStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "UPDATE notes SET deleted = 1, modified = ? WHERE key = ? AND user_id = ?")
+        .bind(1, now)
+        .bind(2, key)
+        .bind(3, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+bool SqliteStore::purge(qint64 userId, const QString& key) {
+    std::lock_guard lock(mutex_);
+    Statement(db_, "DELETE FROM notes WHERE key = ? AND user_id = ?")
+        .bind(1, key)
+        .bind(2, userId)
+        .step();
+    return sqlite3_changes(db_) > 0;
+}
+
+std::vector<Note> SqliteStore::index(qint64 userId) {
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    Statement s(db,
+                "SELECT key, '', created, modified, deleted FROM notes WHERE user_id = ? "
+                "ORDER BY modified DESC, rowid DESC");
+    s.bind(1, userId);
+    std::vector<Note> list;
+    while (s.step())
+        list.push_back(readNote(s));
+    return list;
+}
+
+std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int limit, int offset,
+                                      qint64* total) {
+    const TextMatch match(needle);
+    const auto lease = reads_.take();
+    sqlite3* const db = lease.get();
+    // Every live note's text is looked at in place, in the table's own order (a straight read,
+    // where walking an index would fetch each row by itself); only the matches are sorted and
+    // only the page is copied out.
+    struct Hit {
+        qint64 modified;
+        qint64 rowid;
+        bool operator>(const Hit& o) const {
+            return modified != o.modified ? modified > o.modified : rowid > o.rowid;
+        }
+    };
+    std::vector<Hit> hits;
+    // One snapshot for the scan and the page, whatever is written meanwhile.
+    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    struct EndRead {
+        sqlite3* db;
+        ~EndRead() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
+    } endRead{db};
+    Statement scan(db,
+                   "SELECT rowid, modified, text FROM notes NOT INDEXED "
+                   "WHERE user_id = ? AND deleted = 0");
+    scan.bind(1, userId);
+    while (scan.step()) {
+        if (match.matches(scan.utf8(2)))
+            hits.push_back(Hit{scan.integer(1), scan.integer(0)});
+    }
+    std::sort(hits.begin(), hits.end(), std::greater<Hit>());
+    *total = static_cast<qint64>(hits.size());
+
+    std::vector<Note> page;
+    const auto end = std::min<std::size_t>(hits.size(), std::size_t(offset) + std::size_t(limit));
+    for (std::size_t i = std::size_t(offset); i < end; ++i) {
+        Statement row(db,
+                      "SELECT key, text, created, modified, deleted FROM notes "
+                      "WHERE rowid = ?");
+        if (row.bind(1, hits[i].rowid).step())
+            page.push_back(readNote(row));
+    }
+    return page;
+}
+
+std::vector<User> SqliteStore::users() {
+    const auto lease = reads_.take();
+    Statement s(lease.get(), "SELECT id, email, password_hash FROM users ORDER BY id");
+    std::vector<User> list;
+    while (s.step())
+        list.push_back(User{s.integer(0), s.text(1), s.text(2)});
+    return list;
+}
+
+std::vector<Note> SqliteStore::notes(qint64 userId) {
+    const auto lease = reads_.take();
+    Statement s(lease.get(),
+                "SELECT key, text, created, modified, deleted FROM notes WHERE user_id = ? "
+                "ORDER BY modified DESC, rowid DESC");
+    s.bind(1, userId);
+    std::vector<Note> list;
+    while (s.step())
+        list.push_back(readNote(s));
+    return list;
+}
+
+bool SqliteStore::importAccount(const User& user, const std::vector<Note>& notes) {
+    std::lock_guard lock(mutex_);
+    execute("BEGIN IMMEDIATE");
+    try {
+        Statement(db_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
+            .bind(1, user.email)
+            .bind(2, user.passwordHash)
+            .step();
+        const qint64 id = sqlite3_last_insert_rowid(db_);
+        // Oldest first, so that rows tied on their date keep their order.
+        for (auto it = notes.rbegin(); it != notes.rend(); ++it) {
+            Statement(db_,
+                      "INSERT INTO notes (key, user_id, text, created, modified, deleted) "
+                      "VALUES (?, ?, ?, ?, ?, ?)")
+                .bind(1, it->key)
+                .bind(2, id)
+                .bind(3, it->text)
+                .bind(4, it->createMicros)
+                .bind(5, it->modifyMicros)
+                .bind(6, qint64(it->deleted))
+                .step();
+        }
+        execute("COMMIT");
+    } catch (const std::invalid_argument&) {
+        execute("ROLLBACK");
+        return false;
+    } catch (...) {
+        execute("ROLLBACK");
+        throw;
+    }
+    return true;
+}
+
+namespace {
+
+// One process serves a SQLite file, so its own streams are all there are.
+class LocalChanges : public NoteEvents {
+public:
+    explicit LocalChanges(NoteEvents& local) : local_(local) {}
+    void noteChanged(qint64 userId, const QString& key) override {
+        local_.noteChanged(userId, key);
+    }
+
+private:
+    NoteEvents& local_;
+};
+
+}  // namespace
+
+std::unique_ptr<NoteEvents> SqliteStore::changeRelay(NoteEvents& local) {
+    return std::make_unique<LocalChanges>(local);
+}
+
+}  // namespace notes

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <mutex>
+
+#include "service/NotesStore.h"
+#include "service/ReadConnections.h"
+
+struct sqlite3;
+
+namespace notes {
+
+// The store in one SQLite file (WAL, every commit synced), served by one process. Writes go one
+// at a time through one connection; reads run side by side on connections of their own. The
+// schema carries its version (PRAGMA user_version) and is migrated forward on open; a database
+// from a newer version, or a file that is not a database, is refused and left untouched.
+class SqliteStore : public NotesStore {
+public:
+    static constexpr int kSchemaVersion = 3;
+
+    explicit SqliteStore(const QString& path);
+    ~SqliteStore() override;
+    SqliteStore(const SqliteStore&) = delete;
+    SqliteStore& operator=(const SqliteStore&) = delete;
+
+    bool addUser(const QString& email, const QString& passwordHash) override;
+    bool removeUser(const QString& email) override;
+    std::optional<User> userByEmail(const QString& email) override;
+    void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) override;
+    std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
+                                       qint64 nowMicros) override;
+    qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                     qint64 nowMicros) override;
+    std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash,
+                                               qint64 nowMicros) override;
+    std::vector<Device> devices(qint64 userId, qint64 nowMicros) override;
+    bool endDevice(qint64 userId, qint64 deviceId) override;
+    Appended appendLine(qint64 userId, const QString& header, const QString& line,
+                        qint64 nowMicros) override;
+    QString createNote(qint64 userId, const QString& text, qint64 nowMicros) override;
+    bool updateNote(qint64 userId, const QString& key, const QString& text,
+                    qint64 nowMicros) override;
+    std::optional<Note> note(qint64 userId, const QString& key) override;
+    bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros) override;
+    bool purge(qint64 userId, const QString& key) override;
+    std::vector<Note> index(qint64 userId) override;
+    std::vector<Note> search(qint64 userId, const QString& needle, int limit, int offset,
+                             qint64* total) override;
+    std::vector<User> users() override;
+    std::vector<Note> notes(qint64 userId) override;
+    bool importAccount(const User& user, const std::vector<Note>& notes) override;
+    LoginLimiter& logins() override { return logins_; }
+    std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) override;
+
+private:
+    void execute(const char* sql);
+    void migrate();
+
+    sqlite3* db_ = nullptr;  // for writes
+    std::mutex mutex_;       // one write at a time on db_
+    ReadConnections reads_;
+    LoginThrottle logins_;
+};
+
+}  // namespace notes
