@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "foundation/Log.h"
+#include "service/NotesStore.h"
 #include "service/RequestDeadlines.h"
 
 namespace notes {
@@ -472,6 +473,12 @@ struct HttpServer::Impl {
         HttpResponse response;
         try {
             exchange.route->handle(exchange.request, response);
+        } catch (const StoreUnavailable& e) {
+            // The database is away (restarting, unreachable): say so at once, and let the
+            // client come back, rather than hold the request.
+            foundation::log(
+                QStringLiteral("database unavailable: %1").arg(QString::fromUtf8(e.what())));
+            response = failed(response, 503);
         } catch (const std::exception& e) {
             foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
             response = failed(response);
@@ -483,12 +490,14 @@ struct HttpServer::Impl {
         }
     }
 
-    // A plain 500 in place of response; a stream it opened ends unstarted.
-    static HttpResponse failed(HttpResponse& response) {
+    // A plain error (500 unless said) in place of response; a stream it opened ends unstarted.
+    static HttpResponse failed(HttpResponse& response, int status = 500) {
         if (auto opened = std::dynamic_pointer_cast<Stream>(response.stream))
             opened->finish();
         HttpResponse error;
-        error.status = 500;
+        error.status = status;
+        if (status == 503)
+            error.headers.emplace_back("Retry-After", "2");
         return error;
     }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/TextMatch.h"
 
+#include <QList>
 #include <algorithm>
 #include <array>
 
@@ -23,6 +24,14 @@ unsigned char lower(char c) {
 }
 
 }  // namespace
+
+QString foldForSearch(const QString& text) {
+    QList<uint> codePoints = text.toUcs4();
+    for (uint& c : codePoints)
+        c = QChar::toCaseFolded(c);
+    return QString::fromUcs4(reinterpret_cast<const char32_t*>(codePoints.constData()),
+                             codePoints.size());
+}
 
 TextMatch::TextMatch(const QString& needle) : needle_(needle) {
     ascii_ = std::all_of(needle.begin(), needle.end(), [](QChar c) { return c.unicode() < 0x80; });
