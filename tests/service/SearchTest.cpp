@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Search through every kind of store, against the plain answer: the notes not deleted whose text
-// contains the needle without regard to case, newest change first.
+// contains the needle as QString::contains(Qt::CaseInsensitive) decides it, newest change first
+// (the later written first on a tie), paged, with the count of every match. Checked for texts and
+// needles where case folding is tricky, where an index's query language could get in the way,
+// and again after the notes were changed, deleted, purged and their accounts removed.
 #include <gtest/gtest.h>
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <algorithm>
+#include <string_view>
 
 #include "service/NotesStore.h"
 
 namespace servicetest {
 namespace {
+
+using namespace std::literals;
 
 // Where a store can live; each kind of store is one row.
 struct StoreKind {
@@ -32,28 +38,285 @@ const StoreKind kStores[] = {
     {"sqlite", &openSqlite},
 };
 
+QString text(std::u16string_view s) {
+    return QString::fromUtf16(s.data(), static_cast<qsizetype>(s.size()));
+}
+
+// Note texts: case folding beyond ASCII, characters an index's query language gives meaning to,
+// text an index could cut short or take for other text.
+constexpr std::u16string_view kTexts[] = {
+    u"Hello World"sv,
+    u"hello world, again"sv,
+    u"ab"sv,
+    u""sv,
+    u"aaaa"sv,
+    u"Die Straße"sv,
+    u"DIE STRASSE"sv,
+    u"die straẞe"sv,  // LATIN CAPITAL LETTER SHARP S
+    u"İstanbul"sv,
+    u"ıstanbul"sv,
+    u"ISTANBUL"sv,
+    u"ΟΔΟΣ"sv,
+    u"οδος"sv,                // final sigma
+    u"cooled to 4 \u212A"sv,  // KELVIN SIGN
+    u"ſtop"sv,                // LATIN SMALL LETTER LONG S
+    u"Привет, МИР"sv,
+    u"party 🎉 time"sv,
+    u"𐐀𐐁𐐂"sv,         // DESERET CAPITAL LETTERS (supplementary plane, with case)
+    u"cafe\u0301"sv,  // e and COMBINING ACUTE ACCENT
+    u"café"sv,
+    u"say \"hi\" now"sv,
+    u"a*b wildcard"sv,
+    u"^start of it"sv,
+    u"key:value"sv,
+    u"(paren) open"sv,
+    u"this AND that"sv,
+    u"NEAR(x y)"sv,
+    u"OR NOT"sv,
+    u"before\0after"sv,
+    u"ab\uFFFDcd"sv,
+    u"ab\uFFFEcd"sv,
+    u"new\nline\ttab"sv,
+    u"   "sv,
+};
+
+constexpr std::u16string_view kNeedles[] = {
+    u""sv,
+    u"a"sv,
+    u"A"sv,
+    u"ab"sv,
+    u"aaa"sv,
+    u"aaaa"sv,
+    u"aaaaa"sv,
+    u"hello"sv,
+    u"WORLD"sv,
+    u"o w"sv,
+    u"straße"sv,
+    u"STRASSE"sv,
+    u"ß"sv,
+    u"ẞe"sv,
+    u"ss"sv,
+    u"İstanbul"sv,
+    u"istanbul"sv,
+    u"ISTANBUL"sv,
+    u"ıSTAN"sv,
+    u"i̇st"sv,  // i and COMBINING DOT ABOVE
+    u"οδος"sv,
+    u"ΟΔΟΣ"sv,
+    u"ς"sv,
+    u"δος"sv,
+    u"δοσ"sv,
+    u"4 k"sv,
+    u"4 \u212A"sv,
+    u"stop"sv,
+    u"ſTOP"sv,
+    u"привет"sv,
+    u"мир"sv,
+    u"🎉"sv,
+    u"🎉 t"sv,
+    u"𐐨𐐩"sv,  // the small letters of the Deseret text
+    u"𐐨𐐩𐐪"sv,
+    u"e\u0301"sv,
+    u"café"sv,
+    u"CAFÉ"sv,
+    u"\"hi\""sv,
+    u"\""sv,
+    u"\"\"\""sv,
+    u"a*b"sv,
+    u"*"sv,
+    u"^start"sv,
+    u"^"sv,
+    u"key:value"sv,
+    u"y:v"sv,
+    u"(paren)"sv,
+    u"("sv,
+    u"AND"sv,
+    u"this AND that"sv,
+    u"NEAR"sv,
+    u"NEAR(x"sv,
+    u"OR NOT"sv,
+    u"e\0a"sv,
+    u"\0"sv,
+    u"b\uFFFDc"sv,
+    u"b\uFFFEc"sv,
+    u"\nline\t"sv,
+    u"   "sv,
+    u"zzz"sv,
+    u"page note"sv,
+};
+
+struct Written {
+    QString key;
+    QString text;
+    qint64 modified;
+    int order;  // creation order: the later written comes first on a tie
+    bool deleted = false;
+};
+
 class SearchTest : public ::testing::TestWithParam<StoreKind> {
 protected:
     void SetUp() override {
         ASSERT_TRUE(dir_.isValid());
         store_ = GetParam().open(dir_);
         ASSERT_TRUE(store_);
-        ASSERT_TRUE(store_->addUser("me@example.org", "x"));
-        user_ = store_->userByEmail("me@example.org")->id;
+        ASSERT_TRUE(store_->addUser(QStringLiteral("me@example.org"), QStringLiteral("x")));
+        user_ = store_->userByEmail(QStringLiteral("me@example.org"))->id;
+    }
+
+    // Every text of the table, then pages' worth of one word with ties on the date.
+    void writeTheTable() {
+        for (const std::u16string_view t : kTexts)
+            create(text(t));
+        for (int i = 0; i < 30; ++i)
+            create(QStringLiteral("Page note %1").arg(i), i % 3 == 0 ? clock_ : ++clock_);
+    }
+
+    Written& create(const QString& t, qint64 when = 0) {
+        when = when ? when : ++clock_;
+        written_.push_back({store_->createNote(user_, t, when), t, when, order_++});
+        return written_.back();
+    }
+
+    Written& find(const QString& t) {
+        auto it = std::find_if(written_.begin(), written_.end(),
+                               [&](const Written& w) { return w.text == t; });
+        EXPECT_NE(it, written_.end()) << t.toStdString();
+        return *it;
+    }
+
+    void update(const QString& from, const QString& to) {
+        Written& w = find(from);
+        ASSERT_TRUE(store_->updateNote(user_, w.key, to, ++clock_));
+        w.text = to;
+        w.modified = clock_;
+    }
+
+    void markDeleted(const QString& t) {
+        Written& w = find(t);
+        ASSERT_TRUE(store_->markDeleted(user_, w.key, ++clock_));
+        w.deleted = true;
+        w.modified = clock_;
+    }
+
+    void purge(const QString& t) {
+        const QString key = find(t).key;
+        ASSERT_TRUE(store_->purge(user_, key));
+        std::erase_if(written_, [&](const Written& w) { return w.key == key; });
+    }
+
+    // The plain answer: every live note containing needle, newest change first.
+    std::vector<const Written*> expected(const QString& needle) const {
+        std::vector<const Written*> hits;
+        for (const Written& w : written_) {
+            if (!w.deleted && w.text.contains(needle, Qt::CaseInsensitive))
+                hits.push_back(&w);
+        }
+        std::sort(hits.begin(), hits.end(), [](const Written* a, const Written* b) {
+            return a->modified != b->modified ? a->modified > b->modified : a->order > b->order;
+        });
+        return hits;
+    }
+
+    // Every needle of the table, as a whole and page by page.
+    void expectThePlainAnswer(const char* when) {
+        struct Page {
+            int limit;
+            int offset;
+        };
+        const Page pages[] = {{1000, 0}, {10, 0}, {10, 10}, {7, 25}, {3, 40}, {1, 1}};
+        for (const std::u16string_view n : kNeedles) {
+            const QString needle = text(n);
+            const auto all = expected(needle);
+            for (const Page& page : pages) {
+                SCOPED_TRACE(::testing::Message() << when << ", needle \"" << needle.toStdString()
+                                                  << "\" (" << needle.size() << " UTF-16), limit "
+                                                  << page.limit << ", offset " << page.offset);
+                qint64 total = -1;
+                const auto found = store_->search(user_, needle, page.limit, page.offset, &total);
+                EXPECT_EQ(total, qint64(all.size()));
+                std::vector<QString> want, got;
+                for (std::size_t i = std::size_t(page.offset);
+                     i < all.size() && i < std::size_t(page.offset + page.limit); ++i)
+                    want.push_back(all[i]->text);
+                for (const notes::Note& note : found) {
+                    got.push_back(note.text);
+                    EXPECT_FALSE(note.deleted);
+                    const auto it = std::find_if(all.begin(), all.end(), [&](const Written* w) {
+                        return w->key == note.key;
+                    });
+                    ASSERT_NE(it, all.end()) << note.text.toStdString();
+                    EXPECT_EQ(note.modifyMicros, (*it)->modified);
+                }
+                EXPECT_EQ(got, want);
+            }
+        }
     }
 
     QTemporaryDir dir_;
     std::unique_ptr<notes::NotesStore> store_;
     qint64 user_ = 0;
+    std::vector<Written> written_;
+    qint64 clock_ = 1'700'000'000'000'000;
+    int order_ = 0;
 };
 
-TEST_P(SearchTest, FindsTextWithoutRegardToCase) {
-    const QString key = store_->createNote(user_, QStringLiteral("Hello World"), 1);
+TEST_P(SearchTest, FindsWhatContainsTheNeedleIgnoringCase) {
+    writeTheTable();
+    markDeleted(QStringLiteral("hello world, again"));
+    markDeleted(text(u"ab\uFFFDcd"sv));
+    expectThePlainAnswer("as written");
+}
+
+TEST_P(SearchTest, FollowsEveryChangeToTheNotes) {
+    writeTheTable();
+    expectThePlainAnswer("before the changes");
+
+    update(QStringLiteral("Hello World"), QStringLiteral("goodbye"));
+    update(QStringLiteral("goodbye"), QStringLiteral("HELLO AGAIN, world"));
+    update(QStringLiteral("OR NOT"), text(u"Straße NEAR(x"sv));
+    update(QStringLiteral("Page note 7"), QStringLiteral("not on a page any more"));
+    markDeleted(QStringLiteral("Page note 3"));
+    markDeleted(QStringLiteral("aaaa"));
+    // A deleted note stays deleted when it is written.
+    update(QStringLiteral("aaaa"), QStringLiteral("aaaaaa"));
+    purge(QStringLiteral("Page note 29"));  // the latest written
+    purge(text(u"die straẞe"sv));
+    // The purged note's place is taken by a new one.
+    create(QStringLiteral("zzz sleeping"));
+    // A line appended to the download note, made first and then extended.
+    const QString header = QStringLiteral("Ferrybox_Downloads");
+    const notes::Appended made =
+        store_->appendLine(user_, header, QStringLiteral("https://example.org/a.zip"), ++clock_);
+    written_.push_back(
+        {made.key, header + QStringLiteral("\nhttps://example.org/a.zip"), clock_, order_++});
+    store_->appendLine(user_, header, QStringLiteral("https://example.org/Straße.zip"), ++clock_);
+    written_.back().text += text(u"\nhttps://example.org/Straße.zip"sv);
+    written_.back().modified = clock_;
+    expectThePlainAnswer("after the changes");
     qint64 total = 0;
-    const auto found = store_->search(user_, QStringLiteral("WORLD"), 10, 0, &total);
-    EXPECT_EQ(total, 1);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].key, key);
+    EXPECT_EQ(store_->search(user_, QStringLiteral("EXAMPLE.ORG/a.zip"), 10, 0, &total).size(), 1u);
+
+    // Another account's notes, brought in and then removed with it, are never this account's.
+    notes::User other{0, QStringLiteral("other@example.org"), QStringLiteral("x")};
+    std::vector<notes::Note> theirs;
+    for (int i = 0; i < 5; ++i) {
+        theirs.push_back({QStringLiteral("%1").arg(i, 32, 16, QLatin1Char('0')),
+                          QStringLiteral("Hello from elsewhere %1").arg(i), clock_ - i, clock_ - i,
+                          i == 4});
+    }
+    ASSERT_TRUE(store_->importAccount(other, theirs));
+    const qint64 otherId = store_->userByEmail(other.email)->id;
+    const auto found = store_->search(otherId, QStringLiteral("HELLO FROM"), 10, 0, &total);
+    EXPECT_EQ(total, 4);
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(found[0].key, theirs[0].key);
+    expectThePlainAnswer("beside another account");
+    ASSERT_TRUE(store_->removeUser(other.email));
+    EXPECT_TRUE(store_->search(otherId, QStringLiteral("HELLO FROM"), 10, 0, &total).empty());
+    // New notes may take the places of the removed account's.
+    for (int i = 0; i < 6; ++i)
+        create(QStringLiteral("page note after %1").arg(i));
+    expectThePlainAnswer("after another account was removed");
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, SearchTest, ::testing::ValuesIn(kStores),
