@@ -3,7 +3,7 @@
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev \
 	qt6-base-dev qt6-base-dev-tools libqt6dbus6 libgl-dev \
 	libsecret-1-dev gnome-keyring dbus dbus-x11 desktop-file-utils librsvg2-bin man-db \
-	libcpp-httplib-dev libmicrohttpd-dev libssl-dev libsqlite3-dev openssl \
+	libcpp-httplib-dev libmicrohttpd-dev libssl-dev libsqlite3-dev libpq-dev postgresql openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
 	wrk nginx-light caddy curl aria2 time python3 python3-selenium chromium chromium-driver \
 	xvfb xdotool trayer libxcb1-dev lintian
@@ -18,8 +18,9 @@ as_root_for = dir="$(1)"; while [ ! -e "$$dir" ]; do dir=$$(dirname "$$dir"); do
 
 .PHONY: deps build build-asan test run install uninstall deb bench fuzz format clean
 
-# Caddy is here for the tests of the reverse-proxy files; the system service its package starts
-# on port 80 is stopped again when this installed it.
+# Caddy is here for the tests of the reverse-proxy files, PostgreSQL for the tests of the service
+# on it (they run private servers of their own): the system services their packages start are
+# stopped again when this installed them.
 deps:
 	@missing=$$(for p in $(DEB_PACKAGES); do \
 		dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; \
@@ -28,8 +29,10 @@ deps:
 		echo "Installing:" $$missing; \
 		$(SUDO) apt-get update -qq && \
 		DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing && \
-		{ ! echo " $$missing " | grep -q ' caddy ' || \
-		  $(SUDO) systemctl disable --now caddy >/dev/null 2>&1 || true; }; \
+		for service in caddy postgresql; do \
+			! echo " $$missing " | grep -q " $$service " || \
+			$(SUDO) systemctl disable --now $$service >/dev/null 2>&1 || true; \
+		done; \
 	fi
 
 build: deps

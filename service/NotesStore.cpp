@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/NotesStore.h"
 
+#include <openssl/rand.h>
+
 #include <QDateTime>
 #include <chrono>
 
+#include "service/PostgresStore.h"
 #include "service/SqliteStore.h"
 
 namespace notes {
@@ -14,7 +17,17 @@ bool isDatabaseUrl(const QString& location) {
 }
 
 std::unique_ptr<NotesStore> openNotesStore(const QString& location) {
+    if (isDatabaseUrl(location))
+        return std::make_unique<PostgresStore>(location);
     return std::make_unique<SqliteStore>(location);
+}
+
+QString newNoteKey() {
+    unsigned char bytes[16];
+    if (RAND_bytes(bytes, sizeof bytes) != 1)
+        throw StoreError("no random bytes");
+    return QString::fromLatin1(
+        QByteArray(reinterpret_cast<const char*>(bytes), sizeof bytes).toHex());
 }
 
 qint64 nowMicros() {

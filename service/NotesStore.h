@@ -135,6 +135,9 @@ public:
 std::unique_ptr<NotesStore> openNotesStore(const QString& location);
 bool isDatabaseUrl(const QString& location);
 
+// A new note's key: 128 random bits in hex, opaque, URL-safe and unguessable.
+QString newNoteKey();
+
 // "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
 QString formatMicros(qint64 micros);
 qint64 nowMicros();

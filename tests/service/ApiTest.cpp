@@ -30,7 +30,9 @@ std::string get(httplib::Client& c, const std::string& path) {
 
 class ApiTest : public ServiceTest {};
 
-TEST_F(ApiTest, LoginAnswersATokenOrAnEmptyRefusal) {
+INSTANTIATE_TEST_SUITE_P(Backends, ApiTest, kBackends, backendName);
+
+TEST_P(ApiTest, LoginAnswersATokenOrAnEmptyRefusal) {
     auto ok = login(kEmail, kPassword);
     ASSERT_TRUE(ok);
     EXPECT_EQ(ok->status, 200);
@@ -45,7 +47,7 @@ TEST_F(ApiTest, LoginAnswersATokenOrAnEmptyRefusal) {
     EXPECT_EQ(post(*client_, "/api/login", base64("user=me&pass=x")), "400 ");
 }
 
-TEST_F(ApiTest, EveryOtherCallNeedsALiveTokenOfThatAccount) {
+TEST_P(ApiTest, EveryOtherCallNeedsALiveTokenOfThatAccount) {
     ASSERT_TRUE(server_->addUser("other@example.org", "secret"));
     const std::string key = createNote("mine");
     const std::string otherToken = login("other@example.org", "secret")->body;
@@ -64,7 +66,7 @@ TEST_F(ApiTest, EveryOtherCallNeedsALiveTokenOfThatAccount) {
               "404 ");
 }
 
-TEST_F(ApiTest, NoteLifecycleWithHeadersAndDates) {
+TEST_P(ApiTest, NoteLifecycleWithHeadersAndDates) {
     const std::string text = "Ferrybox_Downloads\n# keep\nhttps://example.org/ü";
     const std::string key = createNote(text);
     EXPECT_TRUE(
@@ -92,7 +94,7 @@ TEST_F(ApiTest, NoteLifecycleWithHeadersAndDates) {
     EXPECT_EQ(post(*client_, "/api/note" + auth(), std::string(1024 * 1024 + 4, 'A')), "413 ");
 }
 
-TEST_F(ApiTest, SoftDeleteKeepsTheNoteInTheIndexPermanentDeleteDoesNot) {
+TEST_P(ApiTest, SoftDeleteKeepsTheNoteInTheIndexPermanentDeleteDoesNot) {
     const std::string soft = createNote("first findme");
     const std::string dead = createNote("second findme");
     EXPECT_EQ(get(*client_, "/api/delete" + auth("&key=" + soft)), "200 " + soft);
@@ -115,7 +117,7 @@ TEST_F(ApiTest, SoftDeleteKeepsTheNoteInTheIndexPermanentDeleteDoesNot) {
     EXPECT_EQ(found.valueForKey("Response")->valueForKey("totalRecords")->numberText(), "0");
 }
 
-TEST_F(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
+TEST_P(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
     for (int i = 0; i < 25; ++i)
         createNote((i % 2 ? "ALPHA note " : "alpha note ") + std::to_string(i));
     createNote("beta only");

@@ -17,7 +17,9 @@ std::string wrapped(const std::string& text) {
 
 class BodyTest : public ServiceTest {};
 
-TEST_F(BodyTest, NoteBodiesOfEveryAcceptedSizeAndShapeArriveWhole) {
+INSTANTIATE_TEST_SUITE_P(Backends, BodyTest, kBackends, backendName);
+
+TEST_P(BodyTest, NoteBodiesOfEveryAcceptedSizeAndShapeArriveWhole) {
     struct Case {
         const char* name;
         std::string text;
@@ -43,7 +45,7 @@ TEST_F(BodyTest, NoteBodiesOfEveryAcceptedSizeAndShapeArriveWhole) {
     }
 }
 
-TEST_F(BodyTest, RefusedBodiesGetAnEmptyAnswerAndTheConnectionStaysUsable) {
+TEST_P(BodyTest, RefusedBodiesGetAnEmptyAnswerAndTheConnectionStaysUsable) {
     struct Case {
         const char* name;
         const char* path;

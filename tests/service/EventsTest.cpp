@@ -104,7 +104,9 @@ protected:
     std::string otherToken_;
 };
 
-TEST_F(EventsTest, AStreamSaysItIsReadyAtOnceWithHeadersThatKeepProxiesOutOfTheWay) {
+INSTANTIATE_TEST_SUITE_P(Backends, EventsTest, kBackends, backendName);
+
+TEST_P(EventsTest, AStreamSaysItIsReadyAtOnceWithHeadersThatKeepProxiesOutOfTheWay) {
     auto stream = openStream();
     const StreamedAnswer answer = parseStreamed(stream->received());
     EXPECT_EQ(answer.status, 200);
@@ -116,7 +118,7 @@ TEST_F(EventsTest, AStreamSaysItIsReadyAtOnceWithHeadersThatKeepProxiesOutOfTheW
     EXPECT_FALSE(answer.finished);
 }
 
-TEST_F(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
+TEST_P(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
     auto stream = openStream();
     // A note to change, whose own creation has been announced already.
     const auto existing = [&] {
@@ -162,7 +164,7 @@ TEST_F(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
     EXPECT_EQ(count(body(*stream), "event: change\n"), 7u) << "three notes made, four changes";
 }
 
-TEST_F(EventsTest, ChangesInQuickSuccessionAreEachAnnouncedInOrder) {
+TEST_P(EventsTest, ChangesInQuickSuccessionAreEachAnnouncedInOrder) {
     auto stream = openStream();
     std::string expected;
     for (int i = 0; i < 40; ++i)
@@ -170,7 +172,7 @@ TEST_F(EventsTest, ChangesInQuickSuccessionAreEachAnnouncedInOrder) {
     EXPECT_TRUE(waitForText(*stream, expected, kAnnouncedWithinMs)) << body(*stream);
 }
 
-TEST_F(EventsTest, OnlyTheAccountsOwnChangesAreAnnounced) {
+TEST_P(EventsTest, OnlyTheAccountsOwnChangesAreAnnounced) {
     auto mine = openStream();
     auto theirs = openStream(otherAuth());
     // A change is written to the streams before its request is answered, so once a stream
@@ -185,7 +187,7 @@ TEST_F(EventsTest, OnlyTheAccountsOwnChangesAreAnnounced) {
     EXPECT_EQ(body(*theirs), kReady + changeEvent(theirFirst) + changeEvent(theirLast));
 }
 
-TEST_F(EventsTest, WithoutALiveSessionTheAnswerIs401) {
+TEST_P(EventsTest, WithoutALiveSessionTheAnswerIs401) {
     const std::string live = token();
     struct Case {
         const char* name;
@@ -206,7 +208,7 @@ TEST_F(EventsTest, WithoutALiveSessionTheAnswerIs401) {
     }
 }
 
-TEST_F(EventsTest, AnAccountHoldsABoundedNumberOfStreamsAndAStreamThatGoesFreesItsPlace) {
+TEST_P(EventsTest, AnAccountHoldsABoundedNumberOfStreamsAndAStreamThatGoesFreesItsPlace) {
     struct Case {
         const char* name;
         bool abruptly;
@@ -245,7 +247,7 @@ TEST_F(EventsTest, AnAccountHoldsABoundedNumberOfStreamsAndAStreamThatGoesFreesI
     }
 }
 
-TEST_F(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
+TEST_P(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
     startServer({"--idle-timeout", "1", "--event-heartbeat", "1"});
     auto stream = openStream();
     RawClient idle("127.0.0.1", server_->port());
@@ -262,7 +264,7 @@ TEST_F(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
     EXPECT_TRUE(waitForText(*stream, changeEvent(key))) << body(*stream);
 }
 
-TEST_F(EventsTest, StreamsEndCleanlyWhenTheServiceStops) {
+TEST_P(EventsTest, StreamsEndCleanlyWhenTheServiceStops) {
     auto first = openStream();
     auto second = openStream();
     const auto asked = Clock::now();

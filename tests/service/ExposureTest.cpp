@@ -86,7 +86,13 @@ protected:
     long rss() const { return rssKiB(server_->pid()); }
 };
 
-TEST_F(ExposureTest, IdleConnectionsStarveNoOneAndEachAddressHasItsShare) {
+INSTANTIATE_TEST_SUITE_P(Backends, ExposureTest, kBackends, backendName);
+
+// What only a database in a file of its own has.
+class SqliteExposureTest : public ExposureTest {};
+INSTANTIATE_TEST_SUITE_P(File, SqliteExposureTest, ::testing::Values(Backend::SQLite), backendName);
+
+TEST_P(ExposureTest, IdleConnectionsStarveNoOneAndEachAddressHasItsShare) {
     // 50 from each of ten addresses, all within the per-address cap, so the server holds 500.
     startServer({"--max-connections-per-address", "64"});
     const std::string index = get("/api/index" + auth());
@@ -103,7 +109,7 @@ TEST_F(ExposureTest, IdleConnectionsStarveNoOneAndEachAddressHasItsShare) {
     EXPECT_EQ(dropped, 0) << "connections within every limit are held, not shed";
 }
 
-TEST_F(ExposureTest, AnAddressAtItsLimitGivesUpItsLongestIdleConnectionForANewOne) {
+TEST_P(ExposureTest, AnAddressAtItsLimitGivesUpItsLongestIdleConnectionForANewOne) {
     startServer({"--max-connections-per-address", "4"});
     const std::string index = get("/api/index" + auth());
     // Each is answered before the next comes, so they fell idle in this order.
@@ -146,7 +152,7 @@ TEST_F(ExposureTest, AnAddressAtItsLimitGivesUpItsLongestIdleConnectionForANewOn
     EXPECT_EQ(statusFrom("127.0.0.2", index), 200) << "other addresses never noticed";
 }
 
-TEST_F(ExposureTest, ConnectionsThatAreBusyAreNeverClosedToMakeRoom) {
+TEST_P(ExposureTest, ConnectionsThatAreBusyAreNeverClosedToMakeRoom) {
     startServer({"--max-connections-per-address", "3"});
     const std::string events = get("/api/events" + auth());
     // Three live event streams: three connections busy for as long as they last.
@@ -177,7 +183,7 @@ TEST_F(ExposureTest, ConnectionsThatAreBusyAreNeverClosedToMakeRoom) {
     EXPECT_EQ(statusFrom("127.0.0.2", get("/api/index" + auth())), 200);
 }
 
-TEST_F(ExposureTest, HeaderTricklersAreCutOffAtTheRequestTimeout) {
+TEST_P(ExposureTest, HeaderTricklersAreCutOffAtTheRequestTimeout) {
     startServer({"--request-timeout", "2"});
     const std::string index = get("/api/index" + auth());
     const std::string trickle =
@@ -203,7 +209,7 @@ TEST_F(ExposureTest, HeaderTricklersAreCutOffAtTheRequestTimeout) {
     EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
 }
 
-TEST_F(ExposureTest, EndlessHeadersAreCutOffEarly) {
+TEST_P(ExposureTest, EndlessHeadersAreCutOffEarly) {
     const std::string index = get("/api/index" + auth());
     const long before = rss();
     ASSERT_GT(before, 0);
@@ -221,7 +227,7 @@ TEST_F(ExposureTest, EndlessHeadersAreCutOffEarly) {
     EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
 }
 
-TEST_F(ExposureTest, LoginBodiesAreCappedBeforeTheAddressIsLookedAt) {
+TEST_P(ExposureTest, LoginBodiesAreCappedBeforeTheAddressIsLookedAt) {
     const std::string index = get("/api/index" + auth());
     const long before = rss();
     ASSERT_GT(before, 0);
@@ -252,7 +258,7 @@ TEST_F(ExposureTest, LoginBodiesAreCappedBeforeTheAddressIsLookedAt) {
     EXPECT_EQ(statusFrom("127.0.0.2", index), 200);
 }
 
-TEST_F(ExposureTest, HugeAndEndlessBodiesAreCutOff) {
+TEST_P(ExposureTest, HugeAndEndlessBodiesAreCutOff) {
     // Notes capped at 64 KiB here, logins at 4 KiB always: both far below the 1 MiB offered.
     startServer({"--max-body-bytes", "65536"});
     const std::string note = "/api/note" + auth();
@@ -283,7 +289,7 @@ TEST_F(ExposureTest, HugeAndEndlessBodiesAreCutOff) {
     EXPECT_EQ(statusFrom("127.0.0.2", get("/api/index" + auth())), 200);
 }
 
-TEST_F(ExposureTest, GuessingSlowsDownThatAddressOnly) {
+TEST_P(ExposureTest, GuessingSlowsDownThatAddressOnly) {
     const auto attempt = [&](const char* password) {
         return statusFrom("127.0.0.2", post("/api/login", base64(std::string("email=") + kEmail +
                                                                  "&password=" + password)));
@@ -296,7 +302,7 @@ TEST_F(ExposureTest, GuessingSlowsDownThatAddressOnly) {
 
 // Behind a reverse proxy every client comes from the proxy's address; the proxy names the
 // client last in X-Forwarded-For, and only a proxy the service was told to trust is believed.
-TEST_F(ExposureTest, TheLoginSlowDownCountsTheClientATrustedProxyNamesAndNoOneElse) {
+TEST_P(ExposureTest, TheLoginSlowDownCountsTheClientATrustedProxyNamesAndNoOneElse) {
     const auto forwarded = [](const std::string& list) {
         return "X-Forwarded-For: " + list + "\r\n";
     };
@@ -346,7 +352,7 @@ TEST_F(ExposureTest, TheLoginSlowDownCountsTheClientATrustedProxyNamesAndNoOneEl
     }
 }
 
-TEST_F(ExposureTest, ATrustedProxyMustNameItsClient) {
+TEST_P(ExposureTest, ATrustedProxyMustNameItsClient) {
     startServer({"--trusted-proxy", "127.0.0.1"});
     const std::string index = "/api/index" + auth();
     struct Case {
@@ -370,7 +376,7 @@ TEST_F(ExposureTest, ATrustedProxyMustNameItsClient) {
         EXPECT_EQ(statusFrom("127.0.0.2", head("GET " + index, c.fields)), 200) << c.name;
 }
 
-TEST_F(ExposureTest, BehindATrustedProxyEachClientHasItsOwnShare) {
+TEST_P(ExposureTest, BehindATrustedProxyEachClientHasItsOwnShare) {
     startServer({"--trusted-proxy", "127.0.0.1", "--max-connections-per-address", "2",
                  "--event-heartbeat", "1"});
     const std::string index = "/api/index" + auth();
@@ -414,7 +420,7 @@ TEST_F(ExposureTest, BehindATrustedProxyEachClientHasItsOwnShare) {
     EXPECT_EQ(status, 200);
 }
 
-TEST_F(ExposureTest, DatabaseFilesArePrivateAndAnExposedOneIsRefused) {
+TEST_P(SqliteExposureTest, DatabaseFilesArePrivateAndAnExposedOneIsRefused) {
     createNote("written");
     const QString db = server_->dbPath();
     for (const char* suffix : {"", "-wal", "-shm"}) {
@@ -443,7 +449,7 @@ TEST_F(ExposureTest, DatabaseFilesArePrivateAndAnExposedOneIsRefused) {
         << error.toStdString();
 }
 
-TEST_F(ExposureTest, OddRequests) {
+TEST_P(ExposureTest, OddRequests) {
     const std::string first = createNote("first");
     const std::string second = createNote("second");
     const auto indexBefore = client_->Get(("/api/index" + auth()).c_str());
@@ -478,7 +484,7 @@ TEST_F(ExposureTest, OddRequests) {
     EXPECT_EQ(answers[1].body, "second");
 }
 
-TEST_F(ExposureTest, LimitsOutsideTheirRangeAreRefusedAtStart) {
+TEST_P(ExposureTest, LimitsOutsideTheirRangeAreRefusedAtStart) {
     const QStringList refused[] = {{"--threads", "0"},
                                    {"--max-connections", "-5"},
                                    {"--idle-timeout", "soon"},

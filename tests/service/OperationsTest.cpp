@@ -15,7 +15,14 @@ namespace {
 
 class OperationsTest : public ServiceTest {};
 
-TEST_F(OperationsTest, TokensExpire) {
+INSTANTIATE_TEST_SUITE_P(Backends, OperationsTest, kBackends, backendName);
+
+// What only a database in a file of its own has.
+class SqliteOperationsTest : public OperationsTest {};
+INSTANTIATE_TEST_SUITE_P(File, SqliteOperationsTest, ::testing::Values(Backend::SQLite),
+                         backendName);
+
+TEST_P(OperationsTest, TokensExpire) {
     QProcessEnvironment env;
     env.insert("FERRYBOX_NOTES_TOKEN_SECONDS", "1");
     startServer({}, env);
@@ -24,7 +31,7 @@ TEST_F(OperationsTest, TokensExpire) {
         [&] { return client_->Get(("/api/index" + auth()).c_str())->status == 401; }, 5000));
 }
 
-TEST_F(OperationsTest, RepeatedFailuresAreSlowedDown) {
+TEST_P(OperationsTest, RepeatedFailuresAreSlowedDown) {
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(login(kEmail, "wrong")->status, 401) << i;
     auto refused = login(kEmail, kPassword);
@@ -35,7 +42,7 @@ TEST_F(OperationsTest, RepeatedFailuresAreSlowedDown) {
     EXPECT_EQ(login("other@example.org", "secret")->status, 200);
 }
 
-TEST_F(OperationsTest, ServesTlsWithItsOwnCertificate) {
+TEST_P(OperationsTest, ServesTlsWithItsOwnCertificate) {
     const QString dir = server_->folder();
     QProcess openssl;
     openssl.start("openssl",
@@ -55,7 +62,7 @@ TEST_F(OperationsTest, ServesTlsWithItsOwnCertificate) {
     EXPECT_FALSE(login(kEmail, kPassword)) << "plain HTTP must not be answered";
 }
 
-TEST_F(OperationsTest, PlainHttpOnlyOnLoopback) {
+TEST_P(OperationsTest, PlainHttpOnlyOnLoopback) {
     QString output;
     const int port = testsupport::NotesServerProcess::freePort();
     EXPECT_EQ(
@@ -64,7 +71,7 @@ TEST_F(OperationsTest, PlainHttpOnlyOnLoopback) {
     EXPECT_TRUE(output.contains("refusing plain HTTP on 0.0.0.0")) << output.toStdString();
 }
 
-TEST_F(OperationsTest, AnAnsweredWriteSurvivesKill9) {
+TEST_P(OperationsTest, AnAnsweredWriteSurvivesKill9) {
     const std::string key = createNote("durable");
     ASSERT_EQ(client_
                   ->Post(("/api/note" + auth("&key=" + key)).c_str(), base64("durable 2"),
@@ -94,7 +101,7 @@ std::string sql(const QString& path, const char* statements) {
     return last;
 }
 
-TEST_F(OperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
+TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     const std::string older = createNote("older");
     const std::string newer = createNote("newer");
     server_->killHard();
@@ -113,7 +120,7 @@ TEST_F(OperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "3");
 }
 
-TEST_F(OperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
+TEST_P(SqliteOperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
     const QString path = server_->folder() + "/damaged.db";
     const QByteArray garbage = QByteArray("not a database at all, ").repeated(200);
     {
@@ -134,7 +141,7 @@ TEST_F(OperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
     EXPECT_EQ(f.readAll(), garbage);
 }
 
-TEST_F(OperationsTest, FiftyClientsAtOnce) {
+TEST_P(OperationsTest, FiftyClientsAtOnce) {
     const std::string query = auth();
     std::atomic<int> failures{0};
     std::vector<std::thread> clients;
@@ -158,7 +165,7 @@ TEST_F(OperationsTest, FiftyClientsAtOnce) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-TEST_F(OperationsTest, AccountCommands) {
+TEST_P(OperationsTest, AccountCommands) {
     QString output;
     EXPECT_EQ(server_->runCommand({"add-user", kEmail}, "again\n", &output), 1);
     EXPECT_TRUE(output.contains("exists already"));
@@ -171,7 +178,7 @@ TEST_F(OperationsTest, AccountCommands) {
     EXPECT_TRUE(output.contains("SYNOPSIS"));
 }
 
-TEST_F(OperationsTest, LogShowsRequestsButNoSecrets) {
+TEST_P(OperationsTest, LogShowsRequestsButNoSecrets) {
     const std::string key = createNote("secret note text");
     client_->Get(("/api/note" + auth("&key=" + key)).c_str());
     const QString log = server_->log();

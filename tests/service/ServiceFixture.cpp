@@ -1,7 +1,22 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tests/service/ServiceFixture.h"
 
+#include "tests/support/PostgresServer.h"
+
 namespace servicetest {
+
+std::string backendName(const ::testing::TestParamInfo<Backend>& info) {
+    return info.param == Backend::SQLite ? "SQLite" : "PostgreSQL";
+}
+
+QString newDatabase(Backend backend) {
+    if (backend == Backend::SQLite)
+        return QString();
+    auto& server = testsupport::PostgresServer::shared();
+    const QString url = server.newDatabase();
+    EXPECT_FALSE(url.isEmpty()) << "no PostgreSQL database: " << server.log().toStdString();
+    return url;
+}
 
 void ServiceTest::SetUp() {
     startServer();
@@ -9,7 +24,8 @@ void ServiceTest::SetUp() {
 
 void ServiceTest::startServer(const QStringList& arguments, const QProcessEnvironment& env) {
     client_.reset();
-    server_ = std::make_unique<testsupport::NotesServerProcess>(arguments, env);
+    server_ =
+        std::make_unique<testsupport::NotesServerProcess>(arguments, env, newDatabase(GetParam()));
     ASSERT_TRUE(server_->isRunning()) << server_->log().toStdString();
     ASSERT_TRUE(server_->addUser(kEmail, kPassword));
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());

@@ -14,8 +14,18 @@ inline std::string base64(const std::string& text) {
     return QByteArray::fromStdString(text).toBase64().toStdString();
 }
 
-// A running service with one account, and a client for it.
-class ServiceTest : public ::testing::Test {
+// Where the service under test keeps its notes.
+enum class Backend { SQLite, PostgreSQL };
+inline const auto kBackends = ::testing::Values(Backend::SQLite, Backend::PostgreSQL);
+std::string backendName(const ::testing::TestParamInfo<Backend>& info);
+
+// A fresh, empty database of the backend for one server, as NotesServerProcess takes it: empty
+// for a file in the server's own folder, or the URL of a new database of the test program's
+// private PostgreSQL server (the test fails when there is none).
+QString newDatabase(Backend backend);
+
+// A running service with one account, and a client for it; each test runs with each backend.
+class ServiceTest : public ::testing::TestWithParam<Backend> {
 protected:
     static constexpr const char* kEmail = "me+tag@example.org";
     static constexpr const char* kPassword = "pa ss&word=1";

@@ -65,7 +65,9 @@ protected:
     }
 };
 
-TEST_F(SessionTest, SigningInGivesACookieTheScriptCannotReadThatActsForTheAccount) {
+INSTANTIATE_TEST_SUITE_P(Backends, SessionTest, kBackends, backendName);
+
+TEST_P(SessionTest, SigningInGivesACookieTheScriptCannotReadThatActsForTheAccount) {
     const SignIn answer = signIn("ua");
     ASSERT_EQ(answer.status, 200);
     const std::string& cookie = answer.cookie;
@@ -86,7 +88,7 @@ TEST_F(SessionTest, SigningInGivesACookieTheScriptCannotReadThatActsForTheAccoun
     EXPECT_EQ(noteText(key), "changed");
 }
 
-TEST_F(SessionTest, WrongPasswordsAreRefusedAndSlowedDownAsAtTheApi) {
+TEST_P(SessionTest, WrongPasswordsAreRefusedAndSlowedDownAsAtTheApi) {
     const std::string body = "email=" + formEncode(kEmail) + "&password=wrong";
     for (int i = 0; i < 5; ++i) {
         auto res =
@@ -104,7 +106,7 @@ TEST_F(SessionTest, WrongPasswordsAreRefusedAndSlowedDownAsAtTheApi) {
 
 // A page of another site can make a browser send the cookie along (a link, a form, an image),
 // but not the page's header, and the browser says where the request came from.
-TEST_F(SessionTest, NothingIsDoneForRequestsAnotherSiteCouldHaveMade) {
+TEST_P(SessionTest, NothingIsDoneForRequestsAnotherSiteCouldHaveMade) {
     const std::string cookie = signIn().cookie;
     const std::string key = createNote("Ferrybox_Downloads");
     const httplib::Headers elsewhere[] = {
@@ -128,7 +130,7 @@ TEST_F(SessionTest, NothingIsDoneForRequestsAnotherSiteCouldHaveMade) {
     EXPECT_EQ(status(call("GET", "/web/me", cookie)), 200);
 }
 
-TEST_F(SessionTest, DevicesAreListedByNameAndEachCanBeEnded) {
+TEST_P(SessionTest, DevicesAreListedByNameAndEachCanBeEnded) {
     const struct {
         const char* userAgent;
         const char* name;
@@ -217,7 +219,7 @@ TEST(SharedLinkTest, TheFirstWebAddressIsTakenFromWhatAppsShare) {
     EXPECT_EQ(notes::linkName(QUrl("https://example.org/")), "example.org");
 }
 
-TEST_F(SessionTest, ASharedLinkIsQueuedOnceInTheDownloadNote) {
+TEST_P(SessionTest, ASharedLinkIsQueuedOnceInTheDownloadNote) {
     const std::string cookie = signIn().cookie;
     // No download note yet: one is made as the agent makes it, with the link under it.
     auto first = call("POST", "/web/append", cookie,
@@ -267,7 +269,7 @@ TEST_F(SessionTest, ASharedLinkIsQueuedOnceInTheDownloadNote) {
     EXPECT_EQ(noteText(deleted), "Ferrybox_Downloads");
 }
 
-TEST_F(SessionTest, SharesAtTheSameMomentAllLand) {
+TEST_P(SessionTest, SharesAtTheSameMomentAllLand) {
     const std::string cookie = signIn().cookie;
     const std::string key = createNote("Ferrybox_Downloads\n# header comment");
     constexpr int kShares = 16;

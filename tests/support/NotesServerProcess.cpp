@@ -10,8 +10,11 @@
 namespace testsupport {
 
 NotesServerProcess::NotesServerProcess(const QStringList& extraServeArguments,
-                                       const QProcessEnvironment& extraEnvironment)
-    : extraArguments_(extraServeArguments), extraEnvironment_(extraEnvironment) {
+                                       const QProcessEnvironment& extraEnvironment,
+                                       const QString& database)
+    : database_(database),
+      extraArguments_(extraServeArguments),
+      extraEnvironment_(extraEnvironment) {
     port_ = freePort();
     running_ = start();
 }

@@ -9,12 +9,14 @@
 
 namespace testsupport {
 
-// The real ferrybox-notes on a free loopback port with a database of its own in a temporary
-// folder. Password hashing is made cheap for tests through FERRYBOX_NOTES_HASH_ITERATIONS.
+// The real ferrybox-notes on a free loopback port with a database of its own: a SQLite file in a
+// temporary folder, or the database given (a PostgreSQL URL). Password hashing is made cheap
+// for tests through FERRYBOX_NOTES_HASH_ITERATIONS.
 class NotesServerProcess {
 public:
     explicit NotesServerProcess(const QStringList& extraServeArguments = {},
-                                const QProcessEnvironment& extraEnvironment = {});
+                                const QProcessEnvironment& extraEnvironment = {},
+                                const QString& database = {});
     ~NotesServerProcess();
     NotesServerProcess(const NotesServerProcess&) = delete;
     NotesServerProcess& operator=(const NotesServerProcess&) = delete;
@@ -22,7 +24,10 @@ public:
     bool isRunning() const { return running_; }
     QString baseUrl() const;  // "http://127.0.0.1:PORT"
     QString apiUrl() const { return baseUrl() + QStringLiteral("/api"); }
-    QString dbPath() const { return dir_.path() + QStringLiteral("/notes.db"); }
+    // What --db says: the SQLite file's path or the database's URL.
+    QString dbPath() const {
+        return database_.isEmpty() ? dir_.path() + QStringLiteral("/notes.db") : database_;
+    }
     QString folder() const { return dir_.path(); }
     int port() const { return port_; }
     qint64 pid() const { return process_.processId(); }
@@ -44,6 +49,7 @@ private:
     QProcessEnvironment environment() const;
 
     QTemporaryDir dir_;
+    QString database_;
     QStringList extraArguments_;
     QProcessEnvironment extraEnvironment_;
     QProcess process_;

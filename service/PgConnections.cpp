@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "service/PgConnections.h"
+
+#include <libpq-fe.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "service/NotesStore.h"
+
+namespace notes {
+
+PgParams& PgParams::add(const QString& text) {
+    values_.push_back(text.toStdString());
+    lengths_.push_back(0);
+    formats_.push_back(0);
+    return *this;
+}
+
+PgParams& PgParams::add(qint64 number) {
+    values_.push_back(std::to_string(number));
+    lengths_.push_back(0);
+    formats_.push_back(0);
+    return *this;
+}
+
+PgParams& PgParams::addBytes(const QByteArray& bytes) {
+    values_.push_back(bytes.toStdString());
+    lengths_.push_back(static_cast<int>(bytes.size()));
+    formats_.push_back(1);
+    return *this;
+}
+
+std::vector<const char*> PgParams::values() const {
+    std::vector<const char*> pointers;
+    pointers.reserve(values_.size());
+    for (const std::string& value : values_)
+        pointers.push_back(value.c_str());
+    return pointers;
+}
+
+PgResult::~PgResult() {
+    PQclear(result_);
+}
+
+int PgResult::rows() const {
+    return PQntuples(result_);
+}
+
+qint64 PgResult::changed() const {
+    const char* count = PQcmdTuples(result_);
+    return *count ? std::strtoll(count, nullptr, 10) : 0;
+}
+
+bool PgResult::isNull(int row, int column) const {
+    return PQgetisnull(result_, row, column) != 0;
+}
+
+QString PgResult::text(int row, int column) const {
+    return QString::fromUtf8(PQgetvalue(result_, row, column), PQgetlength(result_, row, column));
+}
+
+qint64 PgResult::integer(int row, int column) const {
+    return std::strtoll(PQgetvalue(result_, row, column), nullptr, 10);
+}
+
+bool PgResult::boolean(int row, int column) const {
+    return PQgetvalue(result_, row, column)[0] == 't';
+}
+
+namespace {
+
+// What went wrong, without the password that a connection string could hold.
+std::string describe(PGconn* connection) {
+    std::string message = connection ? PQerrorMessage(connection) : "out of memory";
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
+        message.pop_back();
+    return message;
+}
+
+[[noreturn]] void fail(PGconn* connection, const PGresult* result) {
+    const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+    const std::string code = state ? state : "";
+    const std::string message = describe(connection);
+    if (code == "23505" || code == "23503")
+        throw std::invalid_argument("constraint");
+    // Connection failures (08), a server shutting down or restarting (57P), and no answer at
+    // all: the database is away, not wrong.
+    if (PQstatus(connection) != CONNECTION_OK || code.rfind("08", 0) == 0 ||
+        code.rfind("57P", 0) == 0 || code.empty()) {
+        throw StoreUnavailable("database unavailable: " + message);
+    }
+    throw StoreError("database error: " + message);
+}
+
+}  // namespace
+
+PgConnections::PgConnections(QString location) : location_(std::move(location)) {}
+
+PgConnections::~PgConnections() {
+    for (PGconn* connection : idle_)
+        PQfinish(connection);
+}
+
+PGconn* PgConnections::connect() const {
+    const QByteArray uri = location_.toUtf8();
+    // Ours come first: what the address itself says wins.
+    const char* keys[] = {"connect_timeout",  "application_name", "keepalives_idle",
+                          "tcp_user_timeout", "dbname",           nullptr};
+    const char* values[] = {"3", "ferrybox-notes", "30", "10000", uri.constData(), nullptr};
+    PGconn* connection = PQconnectdbParams(keys, values, 1);
+    if (PQstatus(connection) != CONNECTION_OK) {
+        const std::string why = describe(connection);
+        PQfinish(connection);
+        throw StoreUnavailable("cannot connect to the database: " + why);
+    }
+    // An answered write must be on disk, whatever the server's own default says.
+    PGresult* set = PQexec(connection, "SET synchronous_commit = on");
+    const bool ok = PQresultStatus(set) == PGRES_COMMAND_OK;
+    PQclear(set);
+    if (!ok) {
+        const std::string why = describe(connection);
+        PQfinish(connection);
+        throw StoreUnavailable("cannot set up the database connection: " + why);
+    }
+    return connection;
+}
+
+PgConnections::Lease PgConnections::take() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!idle_.empty()) {
+            PGconn* connection = idle_.back();
+            idle_.pop_back();
+            return Lease(*this, connection);
+        }
+    }
+    return Lease(*this, connect());
+}
+
+void PgConnections::giveBack(PGconn* connection) {
+    // A connection that broke, or was left inside a transaction, is not used again.
+    if (PQstatus(connection) != CONNECTION_OK || PQtransactionStatus(connection) != PQTRANS_IDLE) {
+        PQfinish(connection);
+        return;
+    }
+    std::lock_guard lock(mutex_);
+    idle_.push_back(connection);
+}
+
+PgConnections::Lease::~Lease() {
+    owner_.giveBack(connection_);
+}
+
+PgResult PgConnections::Lease::run(const char* sql, const PgParams& params) {
+    const std::vector<const char*> values = params.values();
+    PGresult* result = PQexecParams(connection_, sql, params.size(), nullptr, values.data(),
+                                    params.lengths(), params.formats(), 0);
+    const ExecStatusType status = PQresultStatus(result);
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        PgResult owned(result);
+        fail(connection_, result);
+    }
+    return PgResult(result);
+}
+
+void PgConnections::Lease::execute(const char* sql) {
+    PGresult* result = PQexec(connection_, sql);
+    PgResult owned(result);
+    const ExecStatusType status = PQresultStatus(result);
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
+        fail(connection_, result);
+}
+
+PgTransaction::PgTransaction(PgConnections::Lease& lease, const char* begin) : lease_(lease) {
+    lease_.execute(begin);
+}
+
+PgTransaction::~PgTransaction() {
+    if (!open_)
+        return;
+    try {
+        lease_.execute("ROLLBACK");
+    } catch (const std::exception&) {
+        // A broken connection ends its transaction by itself, and is not reused.
+    }
+}
+
+void PgTransaction::commit() {
+    lease_.execute("COMMIT");
+    open_ = false;
+}
+
+}  // namespace notes

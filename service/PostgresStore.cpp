@@ -1,0 +1,359 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "service/PostgresStore.h"
+
+#include <QStringList>
+
+#include "service/PgChangeRelay.h"
+#include "service/TextMatch.h"
+
+namespace notes {
+
+namespace {
+
+const char* const kMigrations[] = {
+    // 0 -> 1
+    "CREATE EXTENSION IF NOT EXISTS pg_trgm;"
+    "CREATE TABLE users (id bigserial PRIMARY KEY, email text NOT NULL UNIQUE,"
+    "  password_hash text NOT NULL);"
+    "CREATE TABLE tokens (token_hash bytea PRIMARY KEY, user_id bigint NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, expires bigint NOT NULL);"
+    "CREATE INDEX tokens_by_expiry ON tokens(expires);"
+    // folded: the text as foldForSearch makes it, which the trigram index covers.
+    "CREATE TABLE notes (id bigserial PRIMARY KEY, key text NOT NULL UNIQUE, user_id bigint"
+    "  NOT NULL REFERENCES users(id) ON DELETE CASCADE, text text NOT NULL,"
+    "  folded text NOT NULL, created bigint NOT NULL, modified bigint NOT NULL,"
+    "  deleted boolean NOT NULL DEFAULT false);"
+    "CREATE INDEX notes_by_change ON notes(user_id, modified, id);"
+    "CREATE INDEX notes_by_text ON notes USING gin (folded gin_trgm_ops);"
+    "CREATE TABLE devices (id bigserial PRIMARY KEY, user_id bigint NOT NULL"
+    "  REFERENCES users(id) ON DELETE CASCADE, token_hash bytea NOT NULL UNIQUE,"
+    "  name text NOT NULL, created bigint NOT NULL, last_seen bigint NOT NULL);"
+    "CREATE INDEX devices_by_user ON devices(user_id);"
+    "CREATE TABLE login_failures (email text NOT NULL, address text NOT NULL,"
+    "  at timestamptz NOT NULL DEFAULT clock_timestamp());"
+    "CREATE INDEX login_failures_by_who ON login_failures(email, address, at);"
+    "CREATE INDEX login_failures_by_age ON login_failures(at);",
+};
+static_assert(std::size(kMigrations) == PostgresStore::kSchemaVersion);
+
+// The advisory lock under which one node at a time makes or migrates the schema; the
+// two-number form, whose keys never meet the one-number keys taken per account.
+constexpr const char* kSchemaLock = "SELECT pg_advisory_xact_lock(1179796018, 1)";
+
+// LIKE's wildcards and escape character, taken literally.
+QString likeLiteral(const QString& text) {
+    QString escaped;
+    escaped.reserve(text.size());
+    for (const QChar c : text) {
+        if (c == QLatin1Char('\\') || c == QLatin1Char('%') || c == QLatin1Char('_'))
+            escaped += QLatin1Char('\\');
+        escaped += c;
+    }
+    return escaped;
+}
+
+Note readNote(const PgResult& r, int row, int first = 0) {
+    return Note{r.text(row, first), r.text(row, first + 1), r.integer(row, first + 2),
+                r.integer(row, first + 3), r.boolean(row, first + 4)};
+}
+
+std::vector<Note> readNotes(const PgResult& r) {
+    std::vector<Note> list;
+    list.reserve(std::size_t(r.rows()));
+    for (int row = 0; row < r.rows(); ++row)
+        list.push_back(readNote(r, row));
+    return list;
+}
+
+constexpr const char* kInsertNote =
+    "INSERT INTO notes (key, user_id, text, folded, created, modified, deleted) "
+    "VALUES ($1, $2, $3, $4, $5, $6, $7)";
+
+PgParams noteRow(const QString& key, qint64 userId, const QString& text, qint64 created,
+                 qint64 modified, bool deleted) {
+    return std::move(PgParams()
+                         .add(key)
+                         .add(userId)
+                         .add(text)
+                         .add(foldForSearch(text))
+                         .add(created)
+                         .add(modified)
+                         .add(QString::fromLatin1(deleted ? "true" : "false")));
+}
+
+}  // namespace
+
+PostgresStore::PostgresStore(const QString& location)
+    : location_(location), connections_(location), logins_(connections_) {
+    migrate();
+}
+
+PostgresStore::~PostgresStore() = default;
+
+void PostgresStore::migrate() {
+    auto lease = connections_.take();
+    PgTransaction transaction(lease);
+    lease.execute(kSchemaLock);
+    lease.execute("CREATE TABLE IF NOT EXISTS ferrybox_schema (version integer NOT NULL)");
+    const PgResult current = lease.run("SELECT version FROM ferrybox_schema");
+    const int version = current.rows() ? static_cast<int>(current.integer(0, 0)) : 0;
+    if (version > kSchemaVersion) {
+        throw StoreError("schema version " + std::to_string(version) +
+                         " is newer than this program knows");
+    }
+    for (int v = version; v < kSchemaVersion; ++v)
+        lease.execute(kMigrations[v]);
+    if (version == 0)
+        lease.execute("INSERT INTO ferrybox_schema VALUES (0)");
+    lease.run("UPDATE ferrybox_schema SET version = $1", PgParams().add(kSchemaVersion));
+    transaction.commit();
+}
+
+bool PostgresStore::addUser(const QString& email, const QString& passwordHash) {
+    auto lease = connections_.take();
+    try {
+        lease.run("INSERT INTO users (email, password_hash) VALUES ($1, $2)",
+                  PgParams().add(email).add(passwordHash));
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+    return true;
+}
+
+bool PostgresStore::removeUser(const QString& email) {
+    auto lease = connections_.take();
+    return lease.run("DELETE FROM users WHERE email = $1", PgParams().add(email)).changed() > 0;
+}
+
+std::optional<User> PostgresStore::userByEmail(const QString& email) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run("SELECT id, email, password_hash FROM users WHERE email = $1",
+                                 PgParams().add(email));
+    if (!r.rows())
+        return std::nullopt;
+    return User{r.integer(0, 0), r.text(0, 1), r.text(0, 2)};
+}
+
+void PostgresStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) {
+    auto lease = connections_.take();
+    lease.run(
+        "WITH expired AS (DELETE FROM tokens WHERE expires < $4) "
+        "INSERT INTO tokens (token_hash, user_id, expires) VALUES ($1, $2, $3)",
+        PgParams().addBytes(tokenHash).add(userId).add(expiresMicros).add(nowMicros()));
+}
+
+std::optional<qint64> PostgresStore::userForToken(const QByteArray& tokenHash, const QString& email,
+                                                  qint64 now) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run(
+        "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
+        "WHERE tokens.token_hash = $1 AND users.email = $2 AND tokens.expires > $3",
+        PgParams().addBytes(tokenHash).add(email).add(now));
+    if (!r.rows())
+        return std::nullopt;
+    return r.integer(0, 0);
+}
+
+qint64 PostgresStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
+                                qint64 now) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run(
+        "WITH ended AS (DELETE FROM devices WHERE last_seen < $5) "
+        "INSERT INTO devices (user_id, token_hash, name, created, last_seen) "
+        "VALUES ($1, $2, $3, $4, $4) RETURNING id",
+        PgParams().add(userId).addBytes(tokenHash).add(name).add(now).add(now - kDeviceIdleMicros));
+    return r.integer(0, 0);
+}
+
+std::optional<DeviceSession> PostgresStore::deviceSession(const QByteArray& tokenHash, qint64 now) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run(
+        "SELECT devices.id, devices.user_id, users.email, devices.last_seen "
+        "FROM devices JOIN users ON users.id = devices.user_id "
+        "WHERE devices.token_hash = $1 AND devices.last_seen > $2",
+        PgParams().addBytes(tokenHash).add(now - kDeviceIdleMicros));
+    if (!r.rows())
+        return std::nullopt;
+    const DeviceSession session{r.integer(0, 1), r.integer(0, 0), r.text(0, 2)};
+    if (now - r.integer(0, 3) > kDeviceUseGranularityMicros) {
+        lease.run("UPDATE devices SET last_seen = $1 WHERE id = $2",
+                  PgParams().add(now).add(session.deviceId));
+    }
+    return session;
+}
+
+std::vector<Device> PostgresStore::devices(qint64 userId, qint64 now) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run(
+        "SELECT id, name, created, last_seen FROM devices "
+        "WHERE user_id = $1 AND last_seen > $2 ORDER BY last_seen DESC, id DESC",
+        PgParams().add(userId).add(now - kDeviceIdleMicros));
+    std::vector<Device> list;
+    for (int row = 0; row < r.rows(); ++row)
+        list.push_back(
+            Device{r.integer(row, 0), r.text(row, 1), r.integer(row, 2), r.integer(row, 3)});
+    return list;
+}
+
+bool PostgresStore::endDevice(qint64 userId, qint64 deviceId) {
+    auto lease = connections_.take();
+    return lease
+               .run("DELETE FROM devices WHERE id = $1 AND user_id = $2",
+                    PgParams().add(deviceId).add(userId))
+               .changed() > 0;
+}
+
+Appended PostgresStore::appendLine(qint64 userId, const QString& header, const QString& line,
+                                   qint64 now) {
+    auto lease = connections_.take();
+    PgTransaction transaction(lease);
+    // One append per account at a time, on every node: two shares made at the same moment
+    // must not both decide that there is no note yet, nor both rewrite the same one.
+    lease.run("SELECT pg_advisory_xact_lock($1)", PgParams().add(userId));
+    const PgResult found = lease.run(
+        "SELECT key, text FROM notes WHERE user_id = $1 AND NOT deleted "
+        "AND left(text, $2) = $3 ORDER BY modified DESC, id DESC LIMIT 1 FOR UPDATE",
+        PgParams().add(userId).add(qint64(header.size())).add(header));
+    Appended appended;
+    if (!found.rows()) {
+        appended = {newNoteKey(), true};
+        lease.run(kInsertNote, noteRow(appended.key, userId, header + QLatin1Char('\n') + line, now,
+                                       now, false));
+    } else {
+        appended.key = found.text(0, 0);
+        QString text = found.text(0, 1);
+        appended.added = !text.split(QLatin1Char('\n')).contains(line);
+        if (appended.added) {
+            if (!text.endsWith(QLatin1Char('\n')))
+                text += QLatin1Char('\n');
+            text += line;
+            lease.run("UPDATE notes SET text = $1, folded = $2, modified = $3 WHERE key = $4",
+                      PgParams().add(text).add(foldForSearch(text)).add(now).add(appended.key));
+        }
+    }
+    transaction.commit();
+    return appended;
+}
+
+QString PostgresStore::createNote(qint64 userId, const QString& text, qint64 now) {
+    auto lease = connections_.take();
+    const QString key = newNoteKey();
+    lease.run(kInsertNote, noteRow(key, userId, text, now, now, false));
+    return key;
+}
+
+bool PostgresStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
+    auto lease = connections_.take();
+    return lease
+               .run(
+                   "UPDATE notes SET text = $1, folded = $2, modified = $3 "
+                   "WHERE key = $4 AND user_id = $5",
+                   PgParams().add(text).add(foldForSearch(text)).add(now).add(key).add(userId))
+               .changed() > 0;
+}
+
+std::optional<Note> PostgresStore::note(qint64 userId, const QString& key) {
+    auto lease = connections_.take();
+    const PgResult r = lease.run(
+        "SELECT key, text, created, modified, deleted FROM notes WHERE key = $1 AND user_id = $2",
+        PgParams().add(key).add(userId));
+    if (!r.rows())
+        return std::nullopt;
+    return readNote(r, 0);
+}
+
+bool PostgresStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
+    auto lease = connections_.take();
+    return lease
+               .run(
+                   "UPDATE notes SET deleted = true, modified = $1 WHERE key = $2 AND user_id = $3",
+                   PgParams().add(now).add(key).add(userId))
+               .changed() > 0;
+}
+
+bool PostgresStore::purge(qint64 userId, const QString& key) {
+    auto lease = connections_.take();
+    return lease
+               .run("DELETE FROM notes WHERE key = $1 AND user_id = $2",
+                    PgParams().add(key).add(userId))
+               .changed() > 0;
+}
+
+std::vector<Note> PostgresStore::index(qint64 userId) {
+    auto lease = connections_.take();
+    return readNotes(
+        lease.run("SELECT key, '', created, modified, deleted FROM notes WHERE user_id = $1 "
+                  "ORDER BY modified DESC, id DESC",
+                  PgParams().add(userId)));
+}
+
+std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, int limit, int offset,
+                                        qint64* total) {
+    auto lease = connections_.take();
+    // One statement, so the count and the page come from one snapshot; the count's row is
+    // there even when the page is empty.
+    const PgResult r = lease.run(
+        "WITH hits AS MATERIALIZED (SELECT id, modified FROM notes "
+        "  WHERE user_id = $1 AND NOT deleted AND folded LIKE $2), "
+        "page AS (SELECT id FROM hits ORDER BY modified DESC, id DESC LIMIT $3 OFFSET $4) "
+        "SELECT counted.total, n.key, n.text, n.created, n.modified, n.deleted "
+        "FROM (SELECT count(*) AS total FROM hits) counted "
+        "LEFT JOIN (page JOIN notes n USING (id)) ON true "
+        "ORDER BY n.modified DESC, n.id DESC",
+        PgParams()
+            .add(userId)
+            .add(QLatin1Char('%') + likeLiteral(foldForSearch(needle)) + QLatin1Char('%'))
+            .add(qint64(limit))
+            .add(qint64(offset)));
+    *total = r.integer(0, 0);
+    std::vector<Note> page;
+    for (int row = 0; row < r.rows(); ++row) {
+        if (!r.isNull(row, 1))
+            page.push_back(readNote(r, row, 1));
+    }
+    return page;
+}
+
+std::vector<User> PostgresStore::users() {
+    auto lease = connections_.take();
+    const PgResult r = lease.run("SELECT id, email, password_hash FROM users ORDER BY id");
+    std::vector<User> list;
+    for (int row = 0; row < r.rows(); ++row)
+        list.push_back(User{r.integer(row, 0), r.text(row, 1), r.text(row, 2)});
+    return list;
+}
+
+std::vector<Note> PostgresStore::notes(qint64 userId) {
+    auto lease = connections_.take();
+    return readNotes(
+        lease.run("SELECT key, text, created, modified, deleted FROM notes WHERE user_id = $1 "
+                  "ORDER BY modified DESC, id DESC",
+                  PgParams().add(userId)));
+}
+
+bool PostgresStore::importAccount(const User& user, const std::vector<Note>& notes) {
+    auto lease = connections_.take();
+    PgTransaction transaction(lease);
+    qint64 id = 0;
+    try {
+        id = lease
+                 .run("INSERT INTO users (email, password_hash) VALUES ($1, $2) RETURNING id",
+                      PgParams().add(user.email).add(user.passwordHash))
+                 .integer(0, 0);
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
+    // Oldest first, so that notes tied on their date keep their order.
+    for (auto it = notes.rbegin(); it != notes.rend(); ++it) {
+        lease.run(kInsertNote,
+                  noteRow(it->key, id, it->text, it->createMicros, it->modifyMicros, it->deleted));
+    }
+    transaction.commit();
+    return true;
+}
+
+std::unique_ptr<NoteEvents> PostgresStore::changeRelay(NoteEvents& local) {
+    return std::make_unique<PgChangeRelay>(connections_, local);
+}
+
+}  // namespace notes
