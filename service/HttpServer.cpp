@@ -403,6 +403,17 @@ struct HttpServer::Impl {
                             .arg(ms, 0, 'f', 2));
     }
 
+    // The route's own admission of the request; a failure in it refuses the request as a
+    // failing handler would.
+    bool admitted(Exchange& exchange, HttpResponse& refusal) {
+        try {
+            return exchange.route->admit(exchange.request, refusal);
+        } catch (const std::exception&) {
+            refusal = failedOnException(refusal);
+        }
+        return false;
+    }
+
     // Headers are in: find the route and decide whether the body is worth reading.
     void admit(MHD_Connection* connection, Exchange& exchange, const char* url,
                const char* method) {
@@ -429,7 +440,7 @@ struct HttpServer::Impl {
             refusal.status = 404;
         } else if (length != SIZE_MAX && length > exchange.route->bodyLimit) {
             refusal.status = 413;
-        } else if (!exchange.route->admit || exchange.route->admit(request, refusal)) {
+        } else if (!exchange.route->admit || admitted(exchange, refusal)) {
             return;
         }
         if (length <= kDrainBytes) {
@@ -473,20 +484,28 @@ struct HttpServer::Impl {
         HttpResponse response;
         try {
             exchange.route->handle(exchange.request, response);
-        } catch (const StoreUnavailable& e) {
-            // The database is away (restarting, unreachable): say so at once, and let the
-            // client come back, rather than hold the request.
-            foundation::log(
-                QStringLiteral("database unavailable: %1").arg(QString::fromUtf8(e.what())));
-            response = failed(response, 503);
-        } catch (const std::exception& e) {
-            foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
-            response = failed(response);
+        } catch (const std::exception&) {
+            response = failedOnException(response);
         }
         if (response.stream) {
             stream(connection, exchange, response);
         } else {
             answer(connection, exchange, response);
+        }
+    }
+
+    // In place of response, within a catch block: 503 while the database is away (restarting,
+    // unreachable), which says so at once and lets the client come back rather than hold the
+    // request, else a 500.
+    static HttpResponse failedOnException(HttpResponse& response) {
+        try {
+            throw;
+        } catch (const StoreUnavailable& e) {
+            foundation::log(QStringLiteral("%1").arg(QString::fromUtf8(e.what())));
+            return failed(response, 503);
+        } catch (const std::exception& e) {
+            foundation::log(QStringLiteral("internal error: %1").arg(QString::fromUtf8(e.what())));
+            return failed(response);
         }
     }
 

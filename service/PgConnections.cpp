@@ -70,13 +70,15 @@ bool PgResult::boolean(int row, int column) const {
 
 namespace {
 
-// What went wrong, without the password that a connection string could hold.
+// What went wrong, on one line.
 std::string describe(PGconn* connection) {
-    std::string message = connection ? PQerrorMessage(connection) : "out of memory";
-    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
-        message.pop_back();
-    return message;
+    const QString message =
+        QString::fromUtf8(connection ? PQerrorMessage(connection) : "out of memory");
+    return message.simplified().toStdString();
 }
+
+// The server's notices ("relation already exists, skipping") are not for the service's log.
+void ignoreNotice(void*, const char*) {}
 
 [[noreturn]] void fail(PGconn* connection, const PGresult* result) {
     const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
@@ -114,6 +116,7 @@ PGconn* PgConnections::connect() const {
         PQfinish(connection);
         throw StoreUnavailable("cannot connect to the database: " + why);
     }
+    PQsetNoticeProcessor(connection, &ignoreNotice, nullptr);
     // An answered write must be on disk, whatever the server's own default says.
     PGresult* set = PQexec(connection, "SET synchronous_commit = on");
     const bool ok = PQresultStatus(set) == PGRES_COMMAND_OK;

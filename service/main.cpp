@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QTextStream>
+#include <QUrl>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -34,6 +35,7 @@ SYNOPSIS
                          [--trusted-proxy ADDRESS]... [LIMITS] [EVENTS]
     ferrybox-notes add-user EMAIL [--db FILE]
     ferrybox-notes remove-user EMAIL [--db FILE]
+    ferrybox-notes copy --from FILE --to FILE
     ferrybox-notes --help | --version
 
 DESCRIPTION
@@ -47,11 +49,23 @@ DESCRIPTION
     add-user      creates an account; the password is read from standard input (first line),
                   or asked for without echo on a terminal.
     remove-user   deletes an account with all its notes and sessions.
+    copy          copies every account (address and password hash) and every note (key,
+                  text, dates, deleted or not) from one database to another, which must be
+                  empty; sessions and signed-in devices are not copied. Either side may be a
+                  SQLite file or a PostgreSQL URL: the way from one to the other.
 
     --db FILE     the SQLite database (default $XDG_DATA_HOME/ferrybox-notes/notes.db, that is
                   ~/.local/share/ferrybox-notes/notes.db). Every answered write is on disk.
                   It is created readable by its owner only, and refused when other users
                   can read or write it.
+    --db postgresql://USER@HOST:PORT/DATABASE
+                  a PostgreSQL database instead (any libpq connection URI), which any
+                  number of ferrybox-notes processes may serve at once behind one address.
+                  The password comes from ~/.pgpass or PGPASSWORD, never from the command
+                  line. The database needs the pg_trgm extension (in PostgreSQL's own
+                  packages), which the service creates when it may. Every answered write
+                  is committed; while the database cannot be reached, requests are
+                  answered 503 at once, and the service recovers by itself.
     --trusted-proxy ADDRESS
                   a reverse proxy in front of the service (numeric IPv4 or IPv6 address; may
                   be given more than once). For its requests, the client is the address it
@@ -103,6 +117,8 @@ struct Arguments {
     QString email;
     QString listen = QStringLiteral("127.0.0.1:8080");
     QString db;
+    QString from;
+    QString to;
     QString tlsCert;
     QString tlsKey;
     notes::HttpLimits limits;
@@ -155,6 +171,12 @@ QString defaultDatabase() {
     return data + QStringLiteral("/ferrybox-notes/notes.db");
 }
 
+// A database's location for messages: the file, or the URL without any password.
+QString shown(const QString& location) {
+    return notes::isDatabaseUrl(location) ? QUrl(location).toDisplayString(QUrl::RemovePassword)
+                                          : location;
+}
+
 // Returns an exit status when the arguments end the run, else -1.
 int parse(const QStringList& args, Arguments& a) {
     if (args.size() < 2 || args[1] == QLatin1String("--help") || args[1] == QLatin1String("-h")) {
@@ -183,6 +205,10 @@ int parse(const QStringList& args, Arguments& a) {
             ok = next(a.listen);
         } else if (arg == QLatin1String("--db")) {
             ok = next(a.db);
+        } else if (arg == QLatin1String("--from")) {
+            ok = next(a.from);
+        } else if (arg == QLatin1String("--to")) {
+            ok = next(a.to);
         } else if (arg == QLatin1String("--tls-cert")) {
             ok = next(a.tlsCert);
         } else if (arg == QLatin1String("--tls-key")) {
@@ -221,6 +247,14 @@ int parse(const QStringList& args, Arguments& a) {
     }
     if (a.db.isEmpty())
         a.db = defaultDatabase();
+    for (const QString& location : {a.db, a.from, a.to}) {
+        if (notes::isDatabaseUrl(location) && QUrl(location).password() != QString()) {
+            return fail(QStringLiteral("put the database password in ~/.pgpass or PGPASSWORD, "
+                                       "not on the command line, where every user of the "
+                                       "machine can read it"),
+                        2);
+        }
+    }
     return -1;
 }
 
@@ -308,10 +342,35 @@ int serve(const Arguments& a, notes::NotesStore& store) {
             QStringLiteral("cannot listen on %1: %2").arg(a.listen, QString::fromStdString(error)));
     }
     QTextStream(stderr) << "ferrybox-notes: serving " << (tls ? "https" : "http") << "://"
-                        << a.listen << "/api from " << a.db << Qt::endl;
+                        << a.listen << "/api from " << shown(a.db) << Qt::endl;
     int signal = 0;
     sigwait(&stopSignals, &signal);
     server.stop();
+    return 0;
+}
+
+int copy(const Arguments& a) {
+    if (a.from.isEmpty() || a.to.isEmpty())
+        return fail(QStringLiteral("copy needs --from and --to"), 2);
+    const std::unique_ptr<notes::NotesStore> source = notes::openNotesStore(a.from);
+    if (!notes::isDatabaseUrl(a.to))
+        QDir().mkpath(QFileInfo(a.to).absolutePath());
+    const std::unique_ptr<notes::NotesStore> target = notes::openNotesStore(a.to);
+    if (!target->users().empty()) {
+        return fail(QStringLiteral("%1 holds accounts already; copy only into an empty database")
+                        .arg(shown(a.to)));
+    }
+    qsizetype accounts = 0, notesCopied = 0;
+    for (const notes::User& user : source->users()) {
+        const std::vector<notes::Note> notes = source->notes(user.id);
+        if (!target->importAccount(user, notes))
+            return fail(
+                QStringLiteral("account %1 appeared in %2 meanwhile").arg(user.email, shown(a.to)));
+        ++accounts;
+        notesCopied += qsizetype(notes.size());
+    }
+    QTextStream(stdout) << "copied " << accounts << " accounts and " << notesCopied
+                        << " notes from " << shown(a.from) << " to " << shown(a.to) << Qt::endl;
     return 0;
 }
 
@@ -324,7 +383,7 @@ int main(int argc, char** argv) {
         return status;
     const bool needsEmail =
         a.command == QLatin1String("add-user") || a.command == QLatin1String("remove-user");
-    if (a.command != QLatin1String("serve") && !needsEmail) {
+    if (a.command != QLatin1String("serve") && a.command != QLatin1String("copy") && !needsEmail) {
         return fail(QStringLiteral("unknown command %1 (see --help)").arg(a.command), 2);
     }
     if (needsEmail && a.email.isEmpty())
@@ -336,6 +395,8 @@ int main(int argc, char** argv) {
     if (!notes::isDatabaseUrl(a.db))
         QDir().mkpath(QFileInfo(a.db).absolutePath());
     try {
+        if (a.command == QLatin1String("copy"))
+            return copy(a);
         const std::unique_ptr<notes::NotesStore> opened = notes::openNotesStore(a.db);
         notes::NotesStore& store = *opened;
         if (a.command == QLatin1String("serve"))

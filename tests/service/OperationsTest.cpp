@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Running the service: sessions that expire, guessing slowed down, TLS, refusals, durability
-// across kill -9, a damaged database, many clients at once, account commands, a quiet log.
+// across kill -9, a damaged database, many clients at once, account commands, copying to
+// another database, a quiet log.
 #include <sqlite3.h>
 
 #include <QFile>
 #include <QProcess>
 #include <thread>
+#include <tuple>
 
+#include "service/NotesStore.h"
 #include "tests/service/ServiceFixture.h"
 #include "tests/support/Wait.h"
 
@@ -117,7 +120,7 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     const std::string index = client_->Get(("/api/index" + auth()).c_str())->body;
     EXPECT_LT(index.find(newer), index.find(older)) << index;
     server_->killHard();
-    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "3");
+    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "4");
 }
 
 TEST_P(SqliteOperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
@@ -176,6 +179,59 @@ TEST_P(OperationsTest, AccountCommands) {
     EXPECT_EQ(login(kEmail, kPassword)->status, 401);
     EXPECT_EQ(server_->runCommand({"--help"}, {}, &output), 0);
     EXPECT_TRUE(output.contains("SYNOPSIS"));
+}
+
+// Accounts and notes, and nothing else, as the store gives them out.
+using NoteRow = std::tuple<QString, QString, qint64, qint64, bool>;
+using AccountRow = std::tuple<QString, QString, std::vector<NoteRow>>;
+
+std::vector<AccountRow> contentsOf(const QString& location) {
+    const auto store = notes::openNotesStore(location);
+    std::vector<AccountRow> accounts;
+    for (const notes::User& user : store->users()) {
+        std::vector<NoteRow> notes;
+        for (const notes::Note& note : store->notes(user.id))
+            notes.emplace_back(note.key, note.text, note.createMicros, note.modifyMicros,
+                               note.deleted);
+        accounts.emplace_back(user.email, user.passwordHash, std::move(notes));
+    }
+    return accounts;
+}
+
+TEST_P(SqliteOperationsTest, CopyMovesAccountsAndNotesToPostgreSQLAndBack) {
+    createNote("Ferrybox_Downloads\nhttps://example.org/a");
+    createNote("Grüße, ΣΊΣΥΦΟΣ 😀\n\ttabs and \"quotes\"");
+    const std::string gone = createNote("deleted later");
+    ASSERT_EQ(client_->Get(("/api/delete" + auth("&key=" + gone)).c_str())->status, 200);
+    ASSERT_TRUE(server_->addUser("second@example.org", "another"));
+    const std::vector<AccountRow> original = contentsOf(server_->dbPath());
+    ASSERT_EQ(original.size(), 2u);
+
+    const QString postgres = newDatabase(Backend::PostgreSQL);
+    const QString back = server_->folder() + "/back/notes.db";
+    QString output;
+    ASSERT_EQ(
+        server_->runCommand({"copy", "--from", server_->dbPath(), "--to", postgres}, {}, &output),
+        0)
+        << output.toStdString();
+    EXPECT_TRUE(output.contains("copied 2 accounts and 3 notes")) << output.toStdString();
+    EXPECT_EQ(server_->runCommand({"copy", "--from", postgres, "--to", back}), 0);
+    EXPECT_EQ(contentsOf(postgres), original);
+    EXPECT_EQ(contentsOf(back), original);
+
+    // Sessions stay behind; the copy's owner signs in again, with the same password.
+    const auto copied = notes::openNotesStore(back);
+    EXPECT_FALSE(copied->userForToken(notes::tokenHash(QString::fromStdString(token())), kEmail,
+                                      notes::nowMicros()));
+    // Only into an empty database, and never with a password on the command line.
+    EXPECT_EQ(server_->runCommand({"copy", "--from", server_->dbPath(), "--to", back}, {}, &output),
+              1);
+    EXPECT_TRUE(output.contains("holds accounts already")) << output.toStdString();
+    QString withPassword = postgres;
+    withPassword.replace("ferrybox@", "ferrybox:secret@");
+    EXPECT_EQ(server_->runCommand({"copy", "--from", withPassword, "--to", back}, {}, &output), 2);
+    EXPECT_TRUE(output.contains("PGPASSWORD")) << output.toStdString();
+    EXPECT_EQ(contentsOf(back), original);
 }
 
 TEST_P(OperationsTest, LogShowsRequestsButNoSecrets) {

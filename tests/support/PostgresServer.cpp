@@ -81,6 +81,8 @@ void PostgresServer::watchOwner() {
 PostgresServer::~PostgresServer() {
     if (running_)
         stop();
+    watchdog_.kill();
+    watchdog_.waitForFinished(2000);
 }
 
 PostgresServer& PostgresServer::shared() {
