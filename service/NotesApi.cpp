@@ -30,7 +30,7 @@ void answerJson(HttpResponse& res, const TWJsonValue& json) {
     res.contentType = "application/json; charset=utf-8";
 }
 
-// Base64 of UTF-8 text; null when the body is either not base64 or not UTF-8 underneath.
+// Base64 of UTF-8 text; null when the body is either not base64 or not UTF-8 text underneath.
 QString decodeBase64Text(const std::string& body) {
     // Line breaks and blanks are allowed between the characters: many encoders wrap their
     // output at 76 columns.
@@ -40,7 +40,9 @@ QString decodeBase64Text(const std::string& body) {
         QByteArray::fromBase64Encoding(text, QByteArray::AbortOnBase64DecodingErrors);
     if (!result)
         return QString();
-    return foundation::strictUtf8(result.decoded);
+    const QString decoded = foundation::strictUtf8(result.decoded);
+    // A note is text: a NUL character is none, and PostgreSQL's text cannot hold one.
+    return decoded.contains(QChar(0)) ? QString() : decoded;
 }
 
 // Bodies come as base64 under any content type but multipart, which no client of this API sends.

@@ -58,6 +58,9 @@ TEST_P(BodyTest, RefusedBodiesGetAnEmptyAnswerAndTheConnectionStaysUsable) {
          "application/x-www-form-urlencoded", 413},
         {"note far over 1 MiB", "/api/note", std::string(3 * 1024 * 1024, 'A'),
          "application/x-www-form-urlencoded", 413},
+        // Text, but with a NUL character, which no text note holds (nor can PostgreSQL).
+        {"note with a NUL", "/api/note", base64(std::string("a\0b", 3)),
+         "application/x-www-form-urlencoded", 400},
         {"multipart note", "/api/note", "--b\r\n\r\naGk=\r\n--b--\r\n",
          "multipart/form-data; boundary=b", 400},
         {"login over 1 MiB", "/api/login", std::string(1024 * 1024 + 4, 'A'),
