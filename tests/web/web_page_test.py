@@ -3,6 +3,7 @@
 download note, the real headless agent), each on a free loopback port with a temporary home: the
 page itself, the installed app's share target and quick add, and the device sessions."""
 import base64
+import glob
 import http.server
 import json
 import os
@@ -34,7 +35,10 @@ except ImportError:
 BUILD = os.environ.get("FERRYBOX_BUILD_DIR", os.path.join(os.path.dirname(__file__), "../../build"))
 CHROMIUM, CHROMEDRIVER = shutil.which("chromium"), shutil.which("chromedriver")
 EMAIL, PASSWORD = "me@example.org", "secret words"
+# Where the service keeps its notes: "sqlite" (a file) or "postgresql" (a private server).
+BACKEND = os.environ.get("FERRYBOX_TEST_NOTES_BACKEND", "sqlite")
 browser = None
+postgres = None
 
 
 def wait_for(condition, what, seconds=15):
@@ -53,18 +57,63 @@ def accepts(port):
         return False
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class PrivatePostgres:
+    """A PostgreSQL server of the test run's own: Debian's initdb and pg_ctl in a temporary
+    folder, on a free loopback port, no password for the user "ferrybox"; as root it runs as the
+    postgres user, which PostgreSQL requires."""
+
+    def __init__(self):
+        programs = sorted(glob.glob("/usr/lib/postgresql/*/bin/pg_ctl"),
+                          key=lambda path: int(path.split("/")[4]))
+        if not programs:
+            raise RuntimeError("web page test: PostgreSQL is not installed (make deps installs "
+                               "it); this test does not skip")
+        self.bin = os.path.dirname(programs[-1])
+        self.dir = tempfile.TemporaryDirectory()
+        if os.geteuid() == 0:
+            shutil.chown(self.dir.name, "postgres", "postgres")
+        self.data, self.port, self.count = f"{self.dir.name}/data", free_port(), 0
+        self.run("initdb", "-D", self.data, "-U", "ferrybox", "--auth=trust", "-E", "UTF8",
+                 "--locale=C.UTF-8", "--no-sync")
+        self.run("pg_ctl", "-D", self.data, "-l", f"{self.dir.name}/server.log", "-w", "-o",
+                 f"-p {self.port} -k {self.dir.name} -c listen_addresses=127.0.0.1 -c fsync=off",
+                 "start")
+
+    def run(self, program, *arguments):
+        command = [f"{self.bin}/{program}", *arguments]
+        if os.geteuid() == 0:
+            command = ["runuser", "-u", "postgres", "--", *command]
+        subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.STDOUT)
+
+    def new_database(self):
+        self.count += 1
+        name = f"notes{self.count}"
+        subprocess.run([f"{self.bin}/createdb", "-h", "127.0.0.1", "-p", str(self.port), "-U",
+                        "ferrybox", name], check=True)
+        return f"postgresql://ferrybox@127.0.0.1:{self.port}/{name}"
+
+    def stop(self):
+        self.run("pg_ctl", "-D", self.data, "-m", "fast", "-w", "stop")
+        self.dir.cleanup()
+
+
 class NotesService:
-    """ferrybox-notes serving a temporary database that holds one account."""
+    """ferrybox-notes serving a new database that holds one account."""
 
     def __init__(self, *arguments, environment=None):
         self.dir = tempfile.TemporaryDirectory()
         env = dict(os.environ, FERRYBOX_NOTES_HASH_ITERATIONS="1000", **(environment or {}))
-        binary, db = f"{BUILD}/service/ferrybox-notes", f"{self.dir.name}/notes.db"
+        binary = f"{BUILD}/service/ferrybox-notes"
+        db = postgres.new_database() if postgres else f"{self.dir.name}/notes.db"
         subprocess.run([binary, "add-user", EMAIL, "--db", db], input=PASSWORD + "\n",
                        text=True, env=env, check=True, capture_output=True)
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
+        port = free_port()
         self.url = f"http://127.0.0.1:{port}"
         self.process = subprocess.Popen(
             [binary, "serve", "--listen", f"127.0.0.1:{port}", "--db", db, *arguments],
@@ -136,7 +185,9 @@ class NotesService:
 
 
 def setUpModule():
-    global browser
+    global browser, postgres
+    if BACKEND == "postgresql":
+        postgres = PrivatePostgres()
     if not (CHROMIUM and CHROMEDRIVER):
         raise RuntimeError("web page test: chromium and chromium-driver are needed "
                            "(make deps installs them); this test does not skip")
@@ -153,6 +204,8 @@ def setUpModule():
 def tearDownModule():
     if browser:
         browser.quit()
+    if postgres:
+        postgres.stop()
 
 
 def serve_file(test, name, content):
