@@ -104,7 +104,82 @@ const char* const kMigrations[] = {
     "  REFERENCES users(id) ON DELETE CASCADE, token_hash BLOB NOT NULL UNIQUE,"
     "  name TEXT NOT NULL, created INTEGER NOT NULL, last_seen INTEGER NOT NULL);"
     "CREATE INDEX devices_by_user ON devices(user_id);",
+    // 3 -> 4: a trigram index of every note's folded text (one row per note, under the note's
+    // rowid), so that a search looks up its matches rather than reading every note. It keeps
+    // the folded text itself: taking a row out reads what was put in, never a new folding of
+    // the note's text, which a later Qt could fold otherwise. Kept by triggers, so no write can
+    // pass it by; a write from a program that lacks the folding function fails rather than
+    // leave the index behind. Which Unicode tables folded it is written down beside it.
+    "CREATE VIRTUAL TABLE note_search USING fts5(folded,"
+    "  tokenize='trigram case_sensitive 1', columnsize=0);"
+    "INSERT INTO note_search (rowid, folded) SELECT rowid, ferrybox_fold(text) FROM notes;"
+    "CREATE TABLE note_search_folding (unicode_version INTEGER NOT NULL);"
+    "INSERT INTO note_search_folding VALUES (ferrybox_unicode_version());"
+    "CREATE TRIGGER note_search_insert AFTER INSERT ON notes BEGIN"
+    "  INSERT INTO note_search (rowid, folded) VALUES (new.rowid, ferrybox_fold(new.text));"
+    "END;"
+    "CREATE TRIGGER note_search_update AFTER UPDATE OF text ON notes"
+    "  WHEN new.text IS NOT old.text BEGIN"
+    "  UPDATE note_search SET folded = ferrybox_fold(new.text) WHERE rowid = new.rowid;"
+    "END;"
+    "CREATE TRIGGER note_search_delete AFTER DELETE ON notes BEGIN"
+    "  DELETE FROM note_search WHERE rowid = old.rowid;"
+    "END;",
 };
+
+// The text as the search index holds it: folded (TextMatch.h), and with U+0000, at which the
+// trigram tokenizer stops reading, given as U+FFFD, with which that tokenizer already confuses
+// U+FFFE and U+FFFF. A needle goes through the same, so the index may only find too much, and
+// only for a needle that has one of these characters; such a search checks what it finds.
+QString indexed(const QString& text) {
+    QString folded = foldForSearch(text);
+    folded.replace(QChar(u'\0'), QChar(QChar::ReplacementCharacter));
+    return folded;
+}
+
+bool mayFindTooMuch(const QString& indexedNeedle) {
+    return std::any_of(indexedNeedle.begin(), indexedNeedle.end(),
+                       [](QChar c) { return c.unicode() >= QChar::ReplacementCharacter; });
+}
+
+// The smallest needle a trigram index can look up: three characters (code points).
+bool indexable(const QString& indexedNeedle) {
+    qsizetype characters = 0;
+    for (QChar c : indexedNeedle)
+        characters += c.isLowSurrogate() ? 0 : 1;
+    return characters >= 3;
+}
+
+// The needle as a full-text query for exactly that text in a row: one phrase, quoted, its own
+// quotes doubled, so that nothing in it is read as the query language. A trigram phrase
+// matches where its text is a substring.
+QString phraseQuery(const QString& indexedNeedle) {
+    QString quoted = indexedNeedle;
+    quoted.replace(QLatin1Char('"'), QLatin1String("\"\""));
+    return QLatin1Char('"') + quoted + QLatin1Char('"');
+}
+
+// ferrybox_fold(text): what the search index holds for a note's text.
+void foldFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+    if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) {
+        sqlite3_result_null(context);
+        return;
+    }
+    try {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
+        const QByteArray folded =
+            indexed(QString::fromUtf8(bytes, sqlite3_value_bytes(arguments[0]))).toUtf8();
+        sqlite3_result_text(context, folded.constData(), static_cast<int>(folded.size()),
+                            SQLITE_TRANSIENT);
+    } catch (const std::bad_alloc&) {
+        sqlite3_result_error_nomem(context);
+    }
+}
+
+// ferrybox_unicode_version(): the Unicode tables this program folds with.
+void unicodeVersionFunction(sqlite3_context* context, int, sqlite3_value**) {
+    sqlite3_result_int(context, static_cast<int>(QChar::currentUnicodeVersion()));
+}
 
 // Every note and password hash is in these files: they are not served while other users can
 // read or change them. Says which file is open to others and how to close it, or nothing.
@@ -147,7 +222,17 @@ SqliteStore::SqliteStore(const QString& path) : reads_(path.toUtf8()) {
             execute("PRAGMA journal_mode=WAL");
             execute("PRAGMA synchronous=FULL");
             execute("PRAGMA foreign_keys=ON");
+            // Before migrating: the search index's triggers call them.
+            const int flags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
+            if (sqlite3_create_function_v2(db_, "ferrybox_fold", 1, flags, nullptr, &foldFunction,
+                                           nullptr, nullptr, nullptr) != SQLITE_OK ||
+                sqlite3_create_function_v2(db_, "ferrybox_unicode_version", 0, flags, nullptr,
+                                           &unicodeVersionFunction, nullptr, nullptr,
+                                           nullptr) != SQLITE_OK) {
+                throw StoreError(sqlite3_errmsg(db_));
+            }
             migrate();
+            refoldIfUnicodeChanged();
         }
     } catch (const StoreError& e) {
         sqlite3_close(db_);
@@ -196,6 +281,29 @@ void SqliteStore::migrate() {
             execute("ROLLBACK");
             throw;
         }
+    }
+}
+
+void SqliteStore::refoldIfUnicodeChanged() {
+    {
+        Statement folding(db_,
+                          "SELECT unicode_version = ferrybox_unicode_version() "
+                          "FROM note_search_folding");
+        if (!folding.step() || folding.integer(0))
+            return;
+    }
+    // Case folding may have changed for some characters: the index is made anew, so that it
+    // holds what a needle folded today is compared with.
+    execute("BEGIN IMMEDIATE");
+    try {
+        execute(
+            "DELETE FROM note_search;"
+            "INSERT INTO note_search (rowid, folded) SELECT rowid, ferrybox_fold(text) FROM notes;"
+            "UPDATE note_search_folding SET unicode_version = ferrybox_unicode_version();");
+        execute("COMMIT");
+    } catch (...) {
+        execute("ROLLBACK");
+        throw;
     }
 }
 
@@ -426,11 +534,10 @@ std::vector<Note> SqliteStore::index(qint64 userId) {
 std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int limit, int offset,
                                       qint64* total) {
     const TextMatch match(needle);
+    const QString lookFor = indexed(needle);
     const auto lease = reads_.take();
     sqlite3* const db = lease.get();
-    // Every live note's text is looked at in place, in the table's own order (a straight read,
-    // where walking an index would fetch each row by itself); only the matches are sorted and
-    // only the page is copied out.
+    // Only the matches are sorted and only the page is copied out.
     struct Hit {
         qint64 modified;
         qint64 rowid;
@@ -439,19 +546,37 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
         }
     };
     std::vector<Hit> hits;
-    // One snapshot for the scan and the page, whatever is written meanwhile.
+    // One snapshot for the lookup and the page, whatever is written meanwhile.
     sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
     struct EndRead {
         sqlite3* db;
         ~EndRead() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
     } endRead{db};
-    Statement scan(db,
-                   "SELECT rowid, modified, text FROM notes NOT INDEXED "
-                   "WHERE user_id = ? AND deleted = 0");
-    scan.bind(1, userId);
-    while (scan.step()) {
-        if (match.matches(scan.utf8(2)))
-            hits.push_back(Hit{scan.integer(1), scan.integer(0)});
+    if (indexable(lookFor)) {
+        // The index names the notes whose text holds the needle; the notes say whose they are
+        // and whether they live.
+        const bool check = mayFindTooMuch(lookFor);
+        Statement found(db,
+                        "SELECT notes.rowid, notes.modified, notes.text "
+                        "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
+                        "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0");
+        found.bind(1, phraseQuery(lookFor)).bind(2, userId);
+        while (found.step()) {
+            if (!check || match.matches(found.utf8(2)))
+                hits.push_back(Hit{found.integer(1), found.integer(0)});
+        }
+    } else {
+        // Too short for the index: every live note's text is looked at in place, in the
+        // table's own order (a straight read, where walking an index would fetch each row by
+        // itself).
+        Statement scan(db,
+                       "SELECT rowid, modified, text FROM notes NOT INDEXED "
+                       "WHERE user_id = ? AND deleted = 0");
+        scan.bind(1, userId);
+        while (scan.step()) {
+            if (match.matches(scan.utf8(2)))
+                hits.push_back(Hit{scan.integer(1), scan.integer(0)});
+        }
     }
     std::sort(hits.begin(), hits.end(), std::greater<Hit>());
     *total = static_cast<qint64>(hits.size());

@@ -16,7 +16,7 @@ namespace notes {
 // from a newer version, or a file that is not a database, is refused and left untouched.
 class SqliteStore : public NotesStore {
 public:
-    static constexpr int kSchemaVersion = 3;
+    static constexpr int kSchemaVersion = 4;
 
     explicit SqliteStore(const QString& path);
     ~SqliteStore() override;
@@ -55,6 +55,7 @@ public:
 private:
     void execute(const char* sql);
     void migrate();
+    void refoldIfUnicodeChanged();
 
     sqlite3* db_ = nullptr;  // for writes
     std::mutex mutex_;       // one write at a time on db_

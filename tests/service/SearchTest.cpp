@@ -5,6 +5,7 @@
 // needles where case folding is tricky, where an index's query language could get in the way,
 // and again after the notes were changed, deleted, purged and their accounts removed.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -27,7 +28,7 @@ struct StoreKind {
 // A SQLite file: made private first, as the service's umask makes it.
 std::unique_ptr<notes::NotesStore> openSqlite(const QTemporaryDir& dir) {
     QFile file(dir.filePath(QStringLiteral("notes.db")));
-    if (!file.open(QIODevice::WriteOnly) ||
+    if (!file.open(QIODevice::ReadWrite) ||
         !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner))
         return nullptr;
     file.close();
@@ -319,7 +320,46 @@ TEST_P(SearchTest, FollowsEveryChangeToTheNotes) {
     expectThePlainAnswer("after another account was removed");
 }
 
+// What only a database in a file has: older schemas and foreign programs' traces in it.
+class SqliteSearchTest : public SearchTest {};
+
+TEST_P(SqliteSearchTest, AnOlderIndexOrNoneIsMadeRightOnOpening) {
+    struct Older {
+        const char* what;
+        const char* sql;  // run on the closed database
+    };
+    const Older olders[] = {
+        {"a database of the third schema, before search had an index",
+         "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
+         "DROP TRIGGER note_search_delete; DROP TABLE note_search;"
+         "DROP TABLE note_search_folding; PRAGMA user_version=3;"},
+        {"an index folded by other Unicode tables",
+         "UPDATE note_search SET folded = upper(folded) || 'x';"
+         "UPDATE note_search_folding SET unicode_version = 0;"},
+    };
+    writeTheTable();
+    for (const Older& older : olders) {
+        store_.reset();
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(dir_.filePath(QStringLiteral("notes.db")).toUtf8().constData(), &db),
+                  SQLITE_OK);
+        char* error = nullptr;
+        const int status = sqlite3_exec(db, older.sql, nullptr, nullptr, &error);
+        const std::string why = error ? error : "";
+        sqlite3_free(error);
+        sqlite3_close(db);
+        ASSERT_EQ(status, SQLITE_OK) << why;
+        store_ = GetParam().open(dir_);
+        ASSERT_TRUE(store_);
+        expectThePlainAnswer(older.what);
+        create(QStringLiteral("Hello after %1").arg(QLatin1String(older.what)));
+        expectThePlainAnswer(older.what);
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, SearchTest, ::testing::ValuesIn(kStores),
+                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(File, SqliteSearchTest, ::testing::Values(kStores[0]),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
