@@ -108,8 +108,11 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     const std::string older = createNote("older");
     const std::string newer = createNote("newer");
     server_->killHard();
-    // Back to the first schema: its index, no device sessions, and its version number.
+    // Back to the first schema: its index, no device sessions, no search index, and its
+    // version number.
     sql(server_->dbPath(),
+        "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
+        "DROP TRIGGER note_search_delete; DROP TABLE note_search; DROP TABLE note_search_folding;"
         "DROP TABLE devices;"
         "DROP INDEX notes_by_change;"
         "CREATE INDEX notes_by_user ON notes(user_id, modified DESC);"
@@ -119,6 +122,8 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + older)).c_str())->body, "older");
     const std::string index = client_->Get(("/api/index" + auth()).c_str())->body;
     EXPECT_LT(index.find(newer), index.find(older)) << index;
+    EXPECT_NE(client_->Get(("/api/search" + auth("&query=OLDER")).c_str())->body.find(older),
+              std::string::npos);
     server_->killHard();
     EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "4");
 }
