@@ -9,20 +9,53 @@
 
 namespace notes {
 
+PreparedStatements::~PreparedStatements() {
+    for (const auto& [sql, statement] : statements_)
+        sqlite3_finalize(statement);
+}
+
+sqlite3_stmt* PreparedStatements::get(std::string_view sql) {
+    if (const auto found = statements_.find(sql); found != statements_.end())
+        return found->second;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v3(db_, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT,
+                           &statement, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(statement);
+        throw StoreError(std::string("cannot prepare statement: ") + sqlite3_errmsg(db_));
+    }
+    statements_.emplace(std::string(sql), statement);
+    return statement;
+}
+
+struct ReadConnections::Connection {
+    explicit Connection(sqlite3* db) : closer{db}, statements(db) {}
+    // Closed after its statements are finalised (members go in reverse order).
+    struct Closer {
+        sqlite3* db;
+        ~Closer() { sqlite3_close(db); }
+    } closer;
+    PreparedStatements statements;
+};
+
+sqlite3* ReadConnections::Lease::get() const {
+    return connection_->closer.db;
+}
+
+PreparedStatements& ReadConnections::Lease::statements() const {
+    return connection_->statements;
+}
+
 ReadConnections::ReadConnections(const QByteArray& path) : path_(path) {}
 
-ReadConnections::~ReadConnections() {
-    for (sqlite3* db : idle_)
-        sqlite3_close(db);
-}
+ReadConnections::~ReadConnections() = default;
 
 ReadConnections::Lease ReadConnections::take() {
     {
         std::lock_guard lock(mutex_);
         if (!idle_.empty()) {
-            sqlite3* db = idle_.back();
+            Connection* connection = idle_.back();
             idle_.pop_back();
-            return Lease(*this, db);
+            return Lease(*this, connection);
         }
     }
     sqlite3* db = nullptr;
@@ -38,12 +71,16 @@ ReadConnections::Lease ReadConnections::take() {
     // them through the default 2 MB page cache.
     sqlite3_exec(db, "PRAGMA cache_size=-65536; PRAGMA mmap_size=268435456; PRAGMA query_only=1",
                  nullptr, nullptr, nullptr);
-    return Lease(*this, db);
+    auto connection = std::make_unique<Connection>(db);
+    Connection* const taken = connection.get();
+    std::lock_guard lock(mutex_);
+    all_.push_back(std::move(connection));
+    return Lease(*this, taken);
 }
 
-void ReadConnections::giveBack(sqlite3* db) {
+void ReadConnections::giveBack(Connection* connection) {
     std::lock_guard lock(mutex_);
-    idle_.push_back(db);
+    idle_.push_back(connection);
 }
 
 }  // namespace notes

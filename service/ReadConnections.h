@@ -2,12 +2,44 @@
 #pragma once
 
 #include <QByteArray>
+#include <functional>
+#include <memory>
 #include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace notes {
+
+// The statements of one connection, each prepared the first time it is asked for and kept:
+// preparing (parsing and planning) costs more than running most of them. The connection is
+// used by one thread at a time, and a statement asked for must have been reset since its last
+// use.
+class PreparedStatements {
+public:
+    explicit PreparedStatements(sqlite3* db) : db_(db) {}
+    ~PreparedStatements();
+    PreparedStatements(const PreparedStatements&) = delete;
+    PreparedStatements& operator=(const PreparedStatements&) = delete;
+
+    sqlite3* db() const { return db_; }
+    // Throws StoreError when sql cannot be prepared.
+    sqlite3_stmt* get(std::string_view sql);
+
+private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view s) const {
+            return std::hash<std::string_view>{}(s);
+        }
+    };
+    sqlite3* db_;
+    std::unordered_map<std::string, sqlite3_stmt*, Hash, std::equal_to<>> statements_;
+};
 
 // Connections for reading only, one per request in flight and reused afterwards, so that
 // lookups and searches run side by side: in WAL mode readers neither wait for each other nor
@@ -19,28 +51,33 @@ public:
     ReadConnections(const ReadConnections&) = delete;
     ReadConnections& operator=(const ReadConnections&) = delete;
 
+    struct Connection;
+
     class Lease {
     public:
-        Lease(ReadConnections& owner, sqlite3* db) : owner_(owner), db_(db) {}
-        ~Lease() { owner_.giveBack(db_); }
+        Lease(ReadConnections& owner, Connection* connection)
+            : owner_(owner), connection_(connection) {}
+        ~Lease() { owner_.giveBack(connection_); }
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
-        sqlite3* get() const { return db_; }
+        sqlite3* get() const;
+        PreparedStatements& statements() const;
 
     private:
         ReadConnections& owner_;
-        sqlite3* db_;
+        Connection* connection_;
     };
 
     // Throws StoreError when no connection can be opened.
     Lease take();
 
 private:
-    void giveBack(sqlite3* db);
+    void giveBack(Connection* connection);
 
     QByteArray path_;
     std::mutex mutex_;
-    std::vector<sqlite3*> idle_;
+    std::vector<std::unique_ptr<Connection>> all_;
+    std::vector<Connection*> idle_;
 };
 
 }  // namespace notes

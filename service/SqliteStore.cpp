@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <mutex>
 #include <string_view>
 
 #include "service/TextMatch.h"
@@ -18,15 +19,19 @@ namespace notes {
 
 namespace {
 
-// A prepared statement that finalises itself.
+// One of a connection's kept statements, for one use: bound, stepped, and reset afterwards
+// (which also ends the read it began), with its bound values let go.
 class Statement {
 public:
-    Statement(sqlite3* db, const char* sql) : db_(db) {
-        if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
-            throw StoreError(std::string("cannot prepare statement: ") + sqlite3_errmsg(db));
-        }
+    Statement(PreparedStatements& statements, const char* sql)
+        : db_(statements.db()), stmt_(statements.get(sql)) {
+        if (sqlite3_stmt_busy(stmt_))
+            throw StoreError(std::string("statement used twice at once: ") + sql);
     }
-    ~Statement() { sqlite3_finalize(stmt_); }
+    ~Statement() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -69,7 +74,7 @@ public:
 
 private:
     sqlite3* db_;
-    sqlite3_stmt* stmt_ = nullptr;
+    sqlite3_stmt* stmt_;
 };
 
 Note readNote(const Statement& s) {
@@ -201,22 +206,27 @@ std::string exposedFile(const QByteArray& file) {
 }  // namespace
 
 SqliteStore::SqliteStore(const QString& path) : reads_(path.toUtf8()) {
+    // SQLite counts every allocation of every connection under one lock of the process, which
+    // the service's threads would queue at. Possible only before SQLite's first use in the
+    // process (else refused, and nothing changes).
+    static std::once_flag uncounted;
+    std::call_once(uncounted, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
     const QByteArray file = path.toUtf8();
     if (sqlite3_open_v2(file.constData(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                         nullptr) != SQLITE_OK) {
         const std::string why = db_ ? sqlite3_errmsg(db_) : "out of memory";
-        sqlite3_close(db_);
-        db_ = nullptr;
+        closeWriter();
         throw StoreError("cannot open database " + file.toStdString() + ": " + why);
     }
+    writes_ = std::make_unique<PreparedStatements>(db_);
     // mutex_ already keeps the connection to one thread at a time; SQLite's own locking on
     // every call would only cost time.
     sqlite3_busy_timeout(db_, 5000);
     std::string exposed;
     try {
         // Reading the schema is the first thing that notices a file that is not a database.
-        Statement(db_, "SELECT count(*) FROM sqlite_master").step();
+        Statement(*writes_, "SELECT count(*) FROM sqlite_master").step();
         exposed = exposedFile(file);
         if (exposed.empty()) {
             execute("PRAGMA journal_mode=WAL");
@@ -235,20 +245,24 @@ SqliteStore::SqliteStore(const QString& path) : reads_(path.toUtf8()) {
             refoldIfUnicodeChanged();
         }
     } catch (const StoreError& e) {
-        sqlite3_close(db_);
-        db_ = nullptr;
+        closeWriter();
         throw StoreError("database " + file.toStdString() + " is unusable (" + e.what() +
                          "); it was left as it is");
     }
     if (!exposed.empty()) {
-        sqlite3_close(db_);
-        db_ = nullptr;
+        closeWriter();
         throw StoreError(exposed);
     }
 }
 
 SqliteStore::~SqliteStore() {
+    closeWriter();
+}
+
+void SqliteStore::closeWriter() {
+    writes_.reset();  // its statements first
     sqlite3_close(db_);
+    db_ = nullptr;
 }
 
 void SqliteStore::execute(const char* sql) {
@@ -263,7 +277,7 @@ void SqliteStore::execute(const char* sql) {
 void SqliteStore::migrate() {
     const int version = [this] {
         // Finished before migrating: a pending read keeps the schema from changing.
-        Statement query(db_, "PRAGMA user_version");
+        Statement query(*writes_, "PRAGMA user_version");
         query.step();
         return static_cast<int>(query.integer(0));
     }();
@@ -286,7 +300,7 @@ void SqliteStore::migrate() {
 
 void SqliteStore::refoldIfUnicodeChanged() {
     {
-        Statement folding(db_,
+        Statement folding(*writes_,
                           "SELECT unicode_version = ferrybox_unicode_version() "
                           "FROM note_search_folding");
         if (!folding.step() || folding.integer(0))
@@ -310,7 +324,7 @@ void SqliteStore::refoldIfUnicodeChanged() {
 bool SqliteStore::addUser(const QString& email, const QString& passwordHash) {
     std::lock_guard lock(mutex_);
     try {
-        Statement(db_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
+        Statement(*writes_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
             .bind(1, email)
             .bind(2, passwordHash)
             .step();
@@ -322,14 +336,13 @@ bool SqliteStore::addUser(const QString& email, const QString& passwordHash) {
 
 bool SqliteStore::removeUser(const QString& email) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "DELETE FROM users WHERE email = ?").bind(1, email).step();
+    Statement(*writes_, "DELETE FROM users WHERE email = ?").bind(1, email).step();
     return sqlite3_changes(db_) > 0;
 }
 
 std::optional<User> SqliteStore::userByEmail(const QString& email) {
     const auto lease = reads_.take();
-    sqlite3* const db = lease.get();
-    Statement s(db, "SELECT id, email, password_hash FROM users WHERE email = ?");
+    Statement s(lease.statements(), "SELECT id, email, password_hash FROM users WHERE email = ?");
     s.bind(1, email);
     if (!s.step())
         return std::nullopt;
@@ -338,8 +351,8 @@ std::optional<User> SqliteStore::userByEmail(const QString& email) {
 
 void SqliteStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "DELETE FROM tokens WHERE expires < ?").bind(1, nowMicros()).step();
-    Statement(db_, "INSERT INTO tokens (token_hash, user_id, expires) VALUES (?, ?, ?)")
+    Statement(*writes_, "DELETE FROM tokens WHERE expires < ?").bind(1, nowMicros()).step();
+    Statement(*writes_, "INSERT INTO tokens (token_hash, user_id, expires) VALUES (?, ?, ?)")
         .bind(1, tokenHash)
         .bind(2, userId)
         .bind(3, expiresMicros)
@@ -349,8 +362,7 @@ void SqliteStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 ex
 std::optional<qint64> SqliteStore::userForToken(const QByteArray& tokenHash, const QString& email,
                                                 qint64 now) {
     const auto lease = reads_.take();
-    sqlite3* const db = lease.get();
-    Statement s(db,
+    Statement s(lease.statements(),
                 "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
                 "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
     s.bind(1, tokenHash).bind(2, email).bind(3, now);
@@ -362,10 +374,10 @@ std::optional<qint64> SqliteStore::userForToken(const QByteArray& tokenHash, con
 qint64 SqliteStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
                               qint64 now) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "DELETE FROM devices WHERE last_seen < ?")
+    Statement(*writes_, "DELETE FROM devices WHERE last_seen < ?")
         .bind(1, now - kDeviceIdleMicros)
         .step();
-    Statement(db_,
+    Statement(*writes_,
               "INSERT INTO devices (user_id, token_hash, name, created, last_seen) "
               "VALUES (?, ?, ?, ?, ?)")
         .bind(1, userId)
@@ -382,7 +394,7 @@ std::optional<DeviceSession> SqliteStore::deviceSession(const QByteArray& tokenH
     qint64 lastSeen = 0;
     {
         const auto lease = reads_.take();
-        Statement s(lease.get(),
+        Statement s(lease.statements(),
                     "SELECT devices.id, devices.user_id, users.email, devices.last_seen "
                     "FROM devices JOIN users ON users.id = devices.user_id "
                     "WHERE devices.token_hash = ? AND devices.last_seen > ?");
@@ -394,7 +406,7 @@ std::optional<DeviceSession> SqliteStore::deviceSession(const QByteArray& tokenH
     }
     if (now - lastSeen > kDeviceUseGranularityMicros) {
         std::lock_guard lock(mutex_);
-        Statement(db_, "UPDATE devices SET last_seen = ? WHERE id = ?")
+        Statement(*writes_, "UPDATE devices SET last_seen = ? WHERE id = ?")
             .bind(1, now)
             .bind(2, session.deviceId)
             .step();
@@ -404,7 +416,7 @@ std::optional<DeviceSession> SqliteStore::deviceSession(const QByteArray& tokenH
 
 std::vector<Device> SqliteStore::devices(qint64 userId, qint64 now) {
     const auto lease = reads_.take();
-    Statement s(lease.get(),
+    Statement s(lease.statements(),
                 "SELECT id, name, created, last_seen FROM devices "
                 "WHERE user_id = ? AND last_seen > ? ORDER BY last_seen DESC, id DESC");
     s.bind(1, userId).bind(2, now - kDeviceIdleMicros);
@@ -416,7 +428,7 @@ std::vector<Device> SqliteStore::devices(qint64 userId, qint64 now) {
 
 bool SqliteStore::endDevice(qint64 userId, qint64 deviceId) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "DELETE FROM devices WHERE id = ? AND user_id = ?")
+    Statement(*writes_, "DELETE FROM devices WHERE id = ? AND user_id = ?")
         .bind(1, deviceId)
         .bind(2, userId)
         .step();
@@ -428,7 +440,7 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
     std::lock_guard lock(mutex_);
     QString key, text;
     {
-        Statement s(db_,
+        Statement s(*writes_,
                     "SELECT key, text FROM notes WHERE user_id = ? AND deleted = 0 "
                     "AND substr(text, 1, ?) = ? ORDER BY modified DESC, rowid DESC LIMIT 1");
         s.bind(1, userId).bind(2, qint64(header.size())).bind(3, header);
@@ -439,7 +451,7 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
     }
     if (key.isNull()) {
         key = randomKey();
-        Statement(db_,
+        Statement(*writes_,
                   "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, "
                   "?)")
             .bind(1, key)
@@ -454,7 +466,7 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
         return {key, false};
     if (!text.endsWith(QLatin1Char('\n')))
         text += QLatin1Char('\n');
-    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ?")
+    Statement(*writes_, "UPDATE notes SET text = ?, modified = ? WHERE key = ?")
         .bind(1, text + line)
         .bind(2, now)
         .bind(3, key)
@@ -465,7 +477,7 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
 QString SqliteStore::createNote(qint64 userId, const QString& text, qint64 now) {
     std::lock_guard lock(mutex_);
     const QString key = randomKey();
-    Statement(db_,
+    Statement(*writes_,
               "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, ?)")
         .bind(1, key)
         .bind(2, userId)
@@ -478,7 +490,7 @@ QString SqliteStore::createNote(qint64 userId, const QString& text, qint64 now) 
 
 bool SqliteStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "UPDATE notes SET text = ?, modified = ? WHERE key = ? AND user_id = ?")
+    Statement(*writes_, "UPDATE notes SET text = ?, modified = ? WHERE key = ? AND user_id = ?")
         .bind(1, text)
         .bind(2, now)
         .bind(3, key)
@@ -489,8 +501,7 @@ bool SqliteStore::updateNote(qint64 userId, const QString& key, const QString& t
 
 std::optional<Note> SqliteStore::note(qint64 userId, const QString& key) {
     const auto lease = reads_.take();
-    sqlite3* const db = lease.get();
-    Statement s(db,
+    Statement s(lease.statements(),
                 "SELECT key, text, created, modified, deleted FROM notes "
                 "WHERE key = ? AND user_id = ?");
     s.bind(1, key).bind(2, userId);
@@ -501,7 +512,7 @@ std::optional<Note> SqliteStore::note(qint64 userId, const QString& key) {
 
 bool SqliteStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "UPDATE notes SET deleted = 1, modified = ? WHERE key = ? AND user_id = ?")
+    Statement(*writes_, "UPDATE notes SET deleted = 1, modified = ? WHERE key = ? AND user_id = ?")
         .bind(1, now)
         .bind(2, key)
         .bind(3, userId)
@@ -511,7 +522,7 @@ bool SqliteStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
 
 bool SqliteStore::purge(qint64 userId, const QString& key) {
     std::lock_guard lock(mutex_);
-    Statement(db_, "DELETE FROM notes WHERE key = ? AND user_id = ?")
+    Statement(*writes_, "DELETE FROM notes WHERE key = ? AND user_id = ?")
         .bind(1, key)
         .bind(2, userId)
         .step();
@@ -520,8 +531,7 @@ bool SqliteStore::purge(qint64 userId, const QString& key) {
 
 std::vector<Note> SqliteStore::index(qint64 userId) {
     const auto lease = reads_.take();
-    sqlite3* const db = lease.get();
-    Statement s(db,
+    Statement s(lease.statements(),
                 "SELECT key, '', created, modified, deleted FROM notes WHERE user_id = ? "
                 "ORDER BY modified DESC, rowid DESC");
     s.bind(1, userId);
@@ -536,7 +546,6 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
     const TextMatch match(needle);
     const QString lookFor = indexed(needle);
     const auto lease = reads_.take();
-    sqlite3* const db = lease.get();
     // Only the matches are sorted and only the page is copied out.
     struct Hit {
         qint64 modified;
@@ -547,19 +556,29 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
     };
     std::vector<Hit> hits;
     // One snapshot for the lookup and the page, whatever is written meanwhile.
-    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    Statement(lease.statements(), "BEGIN").step();
     struct EndRead {
-        sqlite3* db;
-        ~EndRead() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
-    } endRead{db};
+        PreparedStatements& statements;
+        ~EndRead() {
+            try {
+                Statement(statements, "COMMIT").step();
+            } catch (const std::exception&) {
+                // A read has nothing to lose; the connection's next BEGIN would say so.
+            }
+        }
+    } endRead{lease.statements()};
     if (indexable(lookFor)) {
         // The index names the notes whose text holds the needle; the notes say whose they are
-        // and whether they live.
+        // and whether they live (and, when the index may find too much, what they hold).
         const bool check = mayFindTooMuch(lookFor);
-        Statement found(db,
-                        "SELECT notes.rowid, notes.modified, notes.text "
-                        "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
-                        "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0");
+        Statement found(
+            lease.statements(),
+            check ? "SELECT notes.rowid, notes.modified, notes.text "
+                    "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
+                    "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0"
+                  : "SELECT notes.rowid, notes.modified "
+                    "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
+                    "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0");
         found.bind(1, phraseQuery(lookFor)).bind(2, userId);
         while (found.step()) {
             if (!check || match.matches(found.utf8(2)))
@@ -569,7 +588,7 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
         // Too short for the index: every live note's text is looked at in place, in the
         // table's own order (a straight read, where walking an index would fetch each row by
         // itself).
-        Statement scan(db,
+        Statement scan(lease.statements(),
                        "SELECT rowid, modified, text FROM notes NOT INDEXED "
                        "WHERE user_id = ? AND deleted = 0");
         scan.bind(1, userId);
@@ -584,7 +603,7 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
     std::vector<Note> page;
     const auto end = std::min<std::size_t>(hits.size(), std::size_t(offset) + std::size_t(limit));
     for (std::size_t i = std::size_t(offset); i < end; ++i) {
-        Statement row(db,
+        Statement row(lease.statements(),
                       "SELECT key, text, created, modified, deleted FROM notes "
                       "WHERE rowid = ?");
         if (row.bind(1, hits[i].rowid).step())
@@ -595,7 +614,7 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
 
 std::vector<User> SqliteStore::users() {
     const auto lease = reads_.take();
-    Statement s(lease.get(), "SELECT id, email, password_hash FROM users ORDER BY id");
+    Statement s(lease.statements(), "SELECT id, email, password_hash FROM users ORDER BY id");
     std::vector<User> list;
     while (s.step())
         list.push_back(User{s.integer(0), s.text(1), s.text(2)});
@@ -604,7 +623,7 @@ std::vector<User> SqliteStore::users() {
 
 std::vector<Note> SqliteStore::notes(qint64 userId) {
     const auto lease = reads_.take();
-    Statement s(lease.get(),
+    Statement s(lease.statements(),
                 "SELECT key, text, created, modified, deleted FROM notes WHERE user_id = ? "
                 "ORDER BY modified DESC, rowid DESC");
     s.bind(1, userId);
@@ -618,14 +637,14 @@ bool SqliteStore::importAccount(const User& user, const std::vector<Note>& notes
     std::lock_guard lock(mutex_);
     execute("BEGIN IMMEDIATE");
     try {
-        Statement(db_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
+        Statement(*writes_, "INSERT INTO users (email, password_hash) VALUES (?, ?)")
             .bind(1, user.email)
             .bind(2, user.passwordHash)
             .step();
         const qint64 id = sqlite3_last_insert_rowid(db_);
         // Oldest first, so that rows tied on their date keep their order.
         for (auto it = notes.rbegin(); it != notes.rend(); ++it) {
-            Statement(db_,
+            Statement(*writes_,
                       "INSERT INTO notes (key, user_id, text, created, modified, deleted) "
                       "VALUES (?, ?, ?, ?, ?, ?)")
                 .bind(1, it->key)

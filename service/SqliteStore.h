@@ -53,12 +53,14 @@ public:
     std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) override;
 
 private:
+    void closeWriter();
     void execute(const char* sql);
     void migrate();
     void refoldIfUnicodeChanged();
 
-    sqlite3* db_ = nullptr;  // for writes
-    std::mutex mutex_;       // one write at a time on db_
+    sqlite3* db_ = nullptr;                       // for writes
+    std::unique_ptr<PreparedStatements> writes_;  // db_'s
+    std::mutex mutex_;                            // one write at a time on db_
     ReadConnections reads_;
     LoginThrottle logins_;
 };
