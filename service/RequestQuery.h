@@ -2,16 +2,18 @@
 #pragma once
 
 #include <QString>
-#include <map>
+#include <utility>
+#include <vector>
 
 #include "service/HttpServer.h"
 
 namespace notes {
 
-using Query = std::map<QString, QString>;
+// Names and values in the order sent, each name once (its first value).
+using Query = std::vector<std::pair<QString, QString>>;
 
 // The query string as the client wrote it: "&"-separated pairs, %XX decoded, "+" kept. A name
-// without "=" has the empty value, not none.
+// without "=" has the empty value, not none; of a name given twice, the first value counts.
 Query rawQuery(const HttpRequest& req);
 // Null when the name is absent.
 QString queryValue(const Query& query, const char* name);
