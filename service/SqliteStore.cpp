@@ -567,27 +567,37 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
             }
         }
     } endRead{lease.statements()};
-    if (indexable(lookFor)) {
+    // The index pays for itself while its matches are a small part of the notes: a needle in
+    // nearly every note is found sooner by reading them all than by following the index to
+    // each. Past this many notes named by the index (of any account), the reading takes over.
+    constexpr int kMostFromIndex = 1000;
+    bool useIndex = indexable(lookFor);
+    if (useIndex) {
         // The index names the notes whose text holds the needle; the notes say whose they are
         // and whether they live (and, when the index may find too much, what they hold).
         const bool check = mayFindTooMuch(lookFor);
-        Statement found(
-            lease.statements(),
-            check ? "SELECT notes.rowid, notes.modified, notes.text "
-                    "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
-                    "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0"
-                  : "SELECT notes.rowid, notes.modified "
-                    "FROM note_search CROSS JOIN notes ON notes.rowid = note_search.rowid "
-                    "WHERE note_search MATCH ? AND notes.user_id = ? AND notes.deleted = 0");
-        found.bind(1, phraseQuery(lookFor)).bind(2, userId);
-        while (found.step()) {
-            if (!check || match.matches(found.utf8(2)))
+        Statement found(lease.statements(),
+                        check ? "SELECT notes.rowid, notes.modified, notes.user_id, notes.deleted,"
+                                " notes.text FROM note_search CROSS JOIN notes"
+                                " ON notes.rowid = note_search.rowid WHERE note_search MATCH ?"
+                              : "SELECT notes.rowid, notes.modified, notes.user_id, notes.deleted"
+                                " FROM note_search CROSS JOIN notes"
+                                " ON notes.rowid = note_search.rowid WHERE note_search MATCH ?");
+        found.bind(1, phraseQuery(lookFor));
+        for (int named = 0; useIndex && found.step(); ++named) {
+            if (named == kMostFromIndex) {
+                useIndex = false;
+                hits.clear();
+            } else if (found.integer(2) == userId && found.integer(3) == 0 &&
+                       (!check || match.matches(found.utf8(4)))) {
                 hits.push_back(Hit{found.integer(1), found.integer(0)});
+            }
         }
-    } else {
-        // Too short for the index: every live note's text is looked at in place, in the
-        // table's own order (a straight read, where walking an index would fetch each row by
-        // itself).
+    }
+    if (!useIndex) {
+        // Every live note's text is looked at in place, in the table's own order (a straight
+        // read, where walking an index would fetch each row by itself). Also for a needle too
+        // short for the index.
         Statement scan(lease.statements(),
                        "SELECT rowid, modified, text FROM notes NOT INDEXED "
                        "WHERE user_id = ? AND deleted = 0");

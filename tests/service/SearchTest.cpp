@@ -219,13 +219,15 @@ protected:
     }
 
     // Every needle of the table, as a whole and page by page.
-    void expectThePlainAnswer(const char* when) {
+    template <std::size_t N = std::size(kNeedles)>
+    void expectThePlainAnswer(const char* when,
+                              const std::u16string_view (&needles)[N] = kNeedles) {
         struct Page {
             int limit;
             int offset;
         };
         const Page pages[] = {{1000, 0}, {10, 0}, {10, 10}, {7, 25}, {3, 40}, {1, 1}};
-        for (const std::u16string_view n : kNeedles) {
+        for (const std::u16string_view n : needles) {
             const QString needle = text(n);
             const auto all = expected(needle);
             for (const Page& page : pages) {
@@ -318,6 +320,31 @@ TEST_P(SearchTest, FollowsEveryChangeToTheNotes) {
     for (int i = 0; i < 6; ++i)
         create(QStringLiteral("page note after %1").arg(i));
     expectThePlainAnswer("after another account was removed");
+}
+
+TEST_P(SearchTest, FindsAWordOfMostNotesAsOneOfFew) {
+    // An account of 3,000 notes brought in at once, a tenth of them deleted, with ties on the
+    // date; beside the table's notes of another account.
+    writeTheTable();
+    notes::User many{0, QStringLiteral("many@example.org"), QStringLiteral("x")};
+    std::vector<notes::Note> theirs;
+    for (int i = 0; i < 3000; ++i) {
+        const qint64 when = clock_ - i / 3;
+        theirs.push_back({QStringLiteral("%1").arg(i, 32, 16, QLatin1Char('0')),
+                          QStringLiteral("Common word %1%2").arg(i).arg(i % 97 ? "" : " Rare"),
+                          when, when, i % 10 == 3});
+    }
+    ASSERT_TRUE(store_->importAccount(many, theirs));
+    user_ = store_->userByEmail(many.email)->id;
+    written_.clear();
+    for (std::size_t i = 0; i < theirs.size(); ++i) {
+        const notes::Note& n = theirs[i];
+        written_.push_back({n.key, n.text, n.modifyMicros, int(theirs.size() - i), n.deleted});
+    }
+    static constexpr std::u16string_view kWords[] = {
+        u"common"sv, u"COMMON WORD 1"sv, u"word 29"sv, u"rare"sv, u"ARE"sv, u"Hello"sv, u"o"sv,
+    };
+    expectThePlainAnswer("an account of 3,000 notes", kWords);
 }
 
 // What only a database in a file has: older schemas and foreign programs' traces in it.
