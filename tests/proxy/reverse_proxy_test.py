@@ -12,6 +12,7 @@ import shutil
 import socket
 import ssl
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -22,6 +23,8 @@ FILES = os.path.join(SOURCE, "../../packaging/reverse-proxy")
 BUILD = os.environ.get("FERRYBOX_BUILD_DIR", os.path.join(SOURCE, "../../build"))
 EMAIL, PASSWORD = "me@example.org", "secret words"
 HOST = "127.0.0.1"
+sys.path.insert(0, os.path.join(SOURCE, "../support"))
+from private_postgres import PrivatePostgres  # noqa: E402
 # Client addresses of the loopback range, so the proxy sees clients that differ as they would
 # on the internet. 127.0.0.1 is the proxy's own address towards the service.
 ATTACKER, OWNER, STRANGER, NEIGHBOUR = "127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5"
@@ -87,14 +90,15 @@ class Answer:
 
 
 class NotesService:
-    """ferrybox-notes behind a proxy on 127.0.0.1, serving a temporary database of one account."""
+    """ferrybox-notes behind a proxy on 127.0.0.1: serving a temporary database of one account,
+    or a node of the given database (whose account the first node made)."""
 
-    def __init__(self):
+    def __init__(self, database=None):
         self.dir = tempfile.TemporaryDirectory()
         env = dict(os.environ, FERRYBOX_NOTES_HASH_ITERATIONS="1000")
-        binary, db = f"{BUILD}/service/ferrybox-notes", f"{self.dir.name}/notes.db"
+        binary, db = f"{BUILD}/service/ferrybox-notes", database or f"{self.dir.name}/notes.db"
         subprocess.run([binary, "add-user", EMAIL, "--db", db], input=PASSWORD + "\n",
-                       text=True, env=env, check=True, capture_output=True)
+                       text=True, env=env, capture_output=True, check=not database)
         self.port = free_port()
         self.log = open(f"{self.dir.name}/service.log", "w+")
         self.process = subprocess.Popen(
@@ -117,11 +121,17 @@ class NotesService:
             connection.close()
 
     def stop(self):
-        self.process.terminate()
+        if self.process.poll() is None:
+            self.process.terminate()
         status = self.process.wait(20)
         self.log.close()
         self.dir.cleanup()
         return status
+
+    def output(self):
+        self.log.flush()
+        self.log.seek(0)
+        return self.log.read()
 
 
 class Proxy:
@@ -243,6 +253,7 @@ class Nginx(Proxy):
 
 class Caddy(Proxy):
     name = "Caddy"
+    file = "Caddyfile"
 
     # Caddy's own redirect, which keeps the method.
     redirect = (308, f"https://{HOST}/?q=Ferrybox_Downloads")
@@ -261,12 +272,24 @@ class Caddy(Proxy):
                    f"\tdefault_bind {HOST}\n\thttp_port {self.http_port}\n"
                    f"\thttps_port {self.https_port}\n"
                    f"\tstorage file_system {{\n\t\troot {self.dir}/storage\n\t}}\n}}\n\n")
-        config = render("Caddyfile", [
+        config = render(self.file, [
             (r"^notes\.example\.org \{", f"https://{HOST}:{self.https_port} {{"),
-            (r"127\.0\.0\.1:8080", f"{HOST}:{service.port}"),
+            *self.upstreams(service),
             (r"\A", options),
         ], self.dir)
         return ["caddy", "run", "--config", config, "--adapter", "caddyfile"]
+
+    def upstreams(self, service):
+        return [(r"127\.0\.0\.1:8080", f"{HOST}:{service.port}")]
+
+
+class NodesCaddy(Caddy):
+    """The file for several nodes, in front of a list of them."""
+    file = "Caddyfile.nodes"
+
+    def upstreams(self, nodes):
+        return [(r"10\.0\.0\.11:8080 10\.0\.0\.12:8080",
+                 " ".join(f"{HOST}:{node.port}" for node in nodes))]
 
 
 def setUpModule():
@@ -420,6 +443,73 @@ class NginxTest(ProxyTests, unittest.TestCase):
 
 class CaddyTest(ProxyTests, unittest.TestCase):
     proxy_type = Caddy
+
+
+
+
+class SeveralNodesTest(unittest.TestCase):
+    """Two nodes over one PostgreSQL database behind Caddy's file for several nodes: requests
+    go to both, a change made through one reaches a stream held by the other, and losing a
+    node costs no request."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.postgres, cls.nodes, cls.proxy = PrivatePostgres(), [], None
+        try:
+            database = cls.postgres.new_database()
+            cls.nodes = [NotesService(database), NotesService(database)]
+            cls.proxy = NodesCaddy(cls.nodes)
+        except BaseException:
+            cls.tearDownClass()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        if cls.proxy:
+            cls.proxy.stop()
+        for node in cls.nodes:
+            node.stop()
+        cls.postgres.stop()
+
+    def test_both_nodes_serve_and_one_may_go(self):
+        answer = self.proxy.request("POST", "/api/login", login_body(PASSWORD))
+        self.assertEqual(answer.status, 200, answer.body)
+        auth = f"auth={answer.body.decode()}&email={quote(EMAIL, safe='')}"
+        stream = self.proxy.connection(timeout=10)
+        stream.request("GET", f"/api/events?{auth}")
+        events = stream.getresponse()
+        self.assertEqual(events.status, 200)
+        self.assertEqual(events.readline(), b"retry: 2000\n")
+        saved = []
+        for i in range(8):
+            answer = self.proxy.request("POST", f"/api/note?{auth}",
+                                        base64.b64encode(f"note {i}".encode()))
+            self.assertEqual(answer.status, 200, answer.body)
+            saved.append(answer.body.decode())
+        # Round robin: each node took some of them, and the stream, held by one node, heard
+        # of every one.
+        for node in self.nodes:
+            self.assertIn("POST /api/note 200", node.output())
+        heard = set()
+        stream.sock.settimeout(5)
+        while len(heard) < len(saved):
+            line = events.readline().decode()
+            self.assertTrue(line, f"the stream ended after {heard}")
+            if line.startswith("data: "):
+                heard.add(line[len('data: {"key":"'):-len('"}\n')])
+        self.assertEqual(heard, set(saved))
+        events.close()
+        stream.close()
+
+        self.nodes[0].process.kill()
+        self.nodes[0].process.wait()
+        for i in range(8):
+            answer = self.proxy.request("POST", f"/api/note?{auth}",
+                                        base64.b64encode(f"after {i}".encode()))
+            self.assertEqual(answer.status, 200, self.proxy.output())
+            saved.append(answer.body.decode())
+        for key in saved:
+            self.assertEqual(self.proxy.request("GET", f"/api/note?{auth}&key={key}").status, 200)
 
 
 if __name__ == "__main__":
