@@ -98,6 +98,7 @@ public:
     virtual Appended appendLine(qint64 userId, const QString& header, const QString& line,
                                 qint64 nowMicros) = 0;
 
+    // Note texts never hold a NUL character (PostgreSQL's text cannot).
     virtual QString createNote(qint64 userId, const QString& text, qint64 nowMicros) = 0;
     virtual bool updateNote(qint64 userId, const QString& key, const QString& text,
                             qint64 nowMicros) = 0;

@@ -289,6 +289,12 @@ std::vector<Note> PostgresStore::index(qint64 userId) {
 
 std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, int limit, int offset,
                                         qint64* total) {
+    // No note holds a NUL character (the service refuses such text), and a parameter would end
+    // at it.
+    if (needle.contains(QChar(0))) {
+        *total = 0;
+        return {};
+    }
     auto lease = connections_.take();
     // One statement, so the count and the page come from one snapshot; the count's row is
     // there even when the page is empty.

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "service/NotesStore.h"
+#include "tests/service/ServiceFixture.h"
 
 namespace servicetest {
 namespace {
@@ -35,8 +36,15 @@ std::unique_ptr<notes::NotesStore> openSqlite(const QTemporaryDir& dir) {
     return notes::openNotesStore(file.fileName());
 }
 
+// A new database of the test program's private PostgreSQL server.
+std::unique_ptr<notes::NotesStore> openPostgres(const QTemporaryDir&) {
+    const QString url = newDatabase(Backend::PostgreSQL);
+    return url.isEmpty() ? nullptr : notes::openNotesStore(url);
+}
+
 const StoreKind kStores[] = {
     {"sqlite", &openSqlite},
+    {"postgresql", &openPostgres},
 };
 
 QString text(std::u16string_view s) {
@@ -44,7 +52,8 @@ QString text(std::u16string_view s) {
 }
 
 // Note texts: case folding beyond ASCII, characters an index's query language gives meaning to,
-// text an index could cut short or take for other text.
+// text an index could cut short or take for other text. (No note holds a NUL character: the
+// service refuses such a body, and PostgreSQL's text could not keep one. Needles may.)
 constexpr std::u16string_view kTexts[] = {
     u"Hello World"sv,
     u"hello world, again"sv,
@@ -74,7 +83,6 @@ constexpr std::u16string_view kTexts[] = {
     u"this AND that"sv,
     u"NEAR(x y)"sv,
     u"OR NOT"sv,
-    u"before\0after"sv,
     u"ab\uFFFDcd"sv,
     u"ab\uFFFEcd"sv,
     u"new\nline\ttab"sv,
