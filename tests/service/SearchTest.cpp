@@ -367,12 +367,25 @@ TEST_P(SqliteSearchTest, AnOlderIndexOrNoneIsMadeRightOnOpening) {
         {"a database of the third schema, before search had an index",
          "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
          "DROP TRIGGER note_search_delete; DROP TABLE note_search;"
-         "DROP TABLE note_search_folding; PRAGMA user_version=3;"},
+         "DROP TABLE note_search_folding;"
+         "CREATE TABLE old_notes (key TEXT PRIMARY KEY, user_id INTEGER NOT NULL"
+         "  REFERENCES users(id) ON DELETE CASCADE, text TEXT NOT NULL, created INTEGER NOT NULL,"
+         "  modified INTEGER NOT NULL, deleted INTEGER NOT NULL DEFAULT 0);"
+         "INSERT INTO old_notes (rowid, key, user_id, text, created, modified, deleted)"
+         "  SELECT rowid, key, user_id, text, created, modified, deleted FROM notes;"
+         "DROP TABLE notes; ALTER TABLE old_notes RENAME TO notes;"
+         "CREATE INDEX notes_by_change ON notes(user_id, modified);"
+         "PRAGMA user_version=3;"},
         {"an index folded by other Unicode tables",
          "UPDATE note_search SET folded = upper(folded) || 'x';"
          "UPDATE note_search_folding SET unicode_version = 0;"},
+        // The notes after a purged one keep their places (and so their index entries and their
+        // order on a tied date).
+        {"a database vacuumed by hand", "VACUUM;"},
     };
     writeTheTable();
+    purge(QStringLiteral("ab"));
+    purge(QStringLiteral("Page note 4"));
     for (const Older& older : olders) {
         store_.reset();
         sqlite3* db = nullptr;
