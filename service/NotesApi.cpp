@@ -49,24 +49,6 @@ QString decodeBase64Text(const std::string& body) {
     return decoded.contains(QChar(0)) ? QString() : decoded;
 }
 
-// formatMicros's text ("YYYY-MM-DD HH:MM:SS.ffffff", UTC) without QDateTime, whose formatting
-// took a tenth of a note GET's time; dates before 1970 or after 9999 take formatMicros itself.
-std::string dateText(qint64 micros) {
-    using namespace std::chrono;
-    constexpr qint64 kYear10000 = 253402300800LL * 1000000;
-    if (micros < 0 || micros >= kYear10000)
-        return formatMicros(micros).toStdString();
-    const sys_days day = floor<days>(sys_time<microseconds>(microseconds(micros)));
-    const year_month_day date(day);
-    const qint64 inDay = micros - duration_cast<microseconds>(day.time_since_epoch()).count();
-    const qint64 seconds = inDay / 1000000;
-    char text[32];
-    const int n = std::snprintf(text, sizeof text, "%04d-%02u-%02u %02lld:%02lld:%02lld.%06lld",
-                                int(date.year()), unsigned(date.month()), unsigned(date.day()),
-                                seconds / 3600, seconds / 60 % 60, seconds % 60, inDay % 1000000);
-    return std::string(text, static_cast<std::size_t>(std::clamp(n, 0, int(sizeof text) - 1)));
-}
-
 // Bodies come as base64 under any content type but multipart, which no client of this API sends.
 bool admitForm(const HttpRequest& req, HttpResponse& res) {
     if (req.contentType.rfind("multipart/", 0) != 0)
@@ -115,9 +97,9 @@ public:
             TWJsonValue entry = TWJsonValue::dictionary();
             entry.insert(QStringLiteral("key"), TWJsonValue::string(note.key));
             entry.insert(QStringLiteral("modify"),
-                         TWJsonValue::string(QString::fromLatin1(dateText(note.modifyMicros))));
+                         TWJsonValue::string(formatMicros(note.modifyMicros)));
             entry.insert(QStringLiteral("create"),
-                         TWJsonValue::string(QString::fromLatin1(dateText(note.createMicros))));
+                         TWJsonValue::string(formatMicros(note.createMicros)));
             entry.insert(QStringLiteral("deleted"), TWJsonValue::boolean(note.deleted));
             list.append(std::move(entry));
         }
@@ -134,8 +116,8 @@ public:
             return answer(res, 404);
         res.headers = {
             {"Note-Key", note->key.toStdString()},
-            {"Note-Modifydate", dateText(note->modifyMicros)},
-            {"Note-Createdate", dateText(note->createMicros)},
+            {"Note-Modifydate", formatMicros(note->modifyMicros).toStdString()},
+            {"Note-Createdate", formatMicros(note->createMicros).toStdString()},
             {"Note-Deleted", note->deleted ? "true" : "false"},
         };
         answer(res, 200, note->text);
