@@ -155,24 +155,22 @@ PgConnections::Lease::~Lease() {
     owner_.giveBack(connection_);
 }
 
-PgResult PgConnections::Lease::run(const char* sql, const PgParams& params) {
-    const std::vector<const char*> values = params.values();
-    PGresult* result = PQexecParams(connection_, sql, params.size(), nullptr, values.data(),
-                                    params.lengths(), params.formats(), 0);
-    const ExecStatusType status = PQresultStatus(result);
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-        PgResult owned(result);
-        fail(connection_, result);
-    }
-    return PgResult(result);
-}
-
-void PgConnections::Lease::execute(const char* sql) {
-    PGresult* result = PQexec(connection_, sql);
+PgResult PgConnections::Lease::checked(PGresult* result) {
     PgResult owned(result);
     const ExecStatusType status = PQresultStatus(result);
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
         fail(connection_, result);
+    return owned;
+}
+
+PgResult PgConnections::Lease::run(const char* sql, const PgParams& params) {
+    const std::vector<const char*> values = params.values();
+    return checked(PQexecParams(connection_, sql, params.size(), nullptr, values.data(),
+                                params.lengths(), params.formats(), 0));
+}
+
+void PgConnections::Lease::execute(const char* sql) {
+    checked(PQexec(connection_, sql));
 }
 
 PgTransaction::PgTransaction(PgConnections::Lease& lease, const char* begin) : lease_(lease) {

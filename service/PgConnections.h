@@ -80,6 +80,9 @@ public:
         void execute(const char* sql);
 
     private:
+        // The result, or the failure it stands for thrown (see run).
+        PgResult checked(PGresult* result);
+
         PgConnections& owner_;
         PGconn* connection_;
     };

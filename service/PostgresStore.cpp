@@ -280,11 +280,16 @@ bool PostgresStore::purge(qint64 userId, const QString& key) {
 }
 
 std::vector<Note> PostgresStore::index(qint64 userId) {
+    return listNotes(userId, false);
+}
+
+std::vector<Note> PostgresStore::listNotes(qint64 userId, bool withText) {
     auto lease = connections_.take();
-    return readNotes(
-        lease.run("SELECT key, '', created, modified, deleted FROM notes WHERE user_id = $1 "
-                  "ORDER BY modified DESC, id DESC",
-                  PgParams().add(userId)));
+    return readNotes(lease.run(withText ? "SELECT key, text, created, modified, deleted FROM notes "
+                                          "WHERE user_id = $1 ORDER BY modified DESC, id DESC"
+                                        : "SELECT key, '', created, modified, deleted FROM notes "
+                                          "WHERE user_id = $1 ORDER BY modified DESC, id DESC",
+                               PgParams().add(userId)));
 }
 
 std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, int limit, int offset,
@@ -330,11 +335,7 @@ std::vector<User> PostgresStore::users() {
 }
 
 std::vector<Note> PostgresStore::notes(qint64 userId) {
-    auto lease = connections_.take();
-    return readNotes(
-        lease.run("SELECT key, text, created, modified, deleted FROM notes WHERE user_id = $1 "
-                  "ORDER BY modified DESC, id DESC",
-                  PgParams().add(userId)));
+    return listNotes(userId, true);
 }
 
 bool PostgresStore::importAccount(const User& user, const std::vector<Note>& notes) {

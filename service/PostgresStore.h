@@ -54,6 +54,8 @@ public:
 
 private:
     void migrate();
+    // The account's notes, newest change first; their texts only when asked.
+    std::vector<Note> listNotes(qint64 userId, bool withText);
 
     const QString location_;
     PgConnections connections_;

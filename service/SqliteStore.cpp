@@ -530,10 +530,16 @@ bool SqliteStore::purge(qint64 userId, const QString& key) {
 }
 
 std::vector<Note> SqliteStore::index(qint64 userId) {
+    return listNotes(userId, false);
+}
+
+std::vector<Note> SqliteStore::listNotes(qint64 userId, bool withText) {
     const auto lease = reads_.take();
-    Statement s(lease.statements(),
-                "SELECT key, '', created, modified, deleted FROM notes WHERE user_id = ? "
-                "ORDER BY modified DESC, rowid DESC");
+    Statement s(lease.statements(), withText
+                                        ? "SELECT key, text, created, modified, deleted FROM notes "
+                                          "WHERE user_id = ? ORDER BY modified DESC, rowid DESC"
+                                        : "SELECT key, '', created, modified, deleted FROM notes "
+                                          "WHERE user_id = ? ORDER BY modified DESC, rowid DESC");
     s.bind(1, userId);
     std::vector<Note> list;
     while (s.step())
@@ -632,15 +638,7 @@ std::vector<User> SqliteStore::users() {
 }
 
 std::vector<Note> SqliteStore::notes(qint64 userId) {
-    const auto lease = reads_.take();
-    Statement s(lease.statements(),
-                "SELECT key, text, created, modified, deleted FROM notes WHERE user_id = ? "
-                "ORDER BY modified DESC, rowid DESC");
-    s.bind(1, userId);
-    std::vector<Note> list;
-    while (s.step())
-        list.push_back(readNote(s));
-    return list;
+    return listNotes(userId, true);
 }
 
 bool SqliteStore::importAccount(const User& user, const std::vector<Note>& notes) {

@@ -56,6 +56,8 @@ private:
     void closeWriter();
     void execute(const char* sql);
     void migrate();
+    // The account's notes, newest change first; their texts only when asked.
+    std::vector<Note> listNotes(qint64 userId, bool withText);
     void refoldIfUnicodeChanged();
 
     sqlite3* db_ = nullptr;                       // for writes

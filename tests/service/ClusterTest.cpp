@@ -19,7 +19,6 @@ using testsupport::PostgresServer;
 
 constexpr const char* kEmail = "me@example.org";
 constexpr const char* kPassword = "secret";
-const httplib::Headers kFromPage = {{"X-Ferrybox-Page", "1"}, {"Sec-Fetch-Site", "same-origin"}};
 
 std::string loginBody(const std::string& password) {
     return base64(std::string("email=") + kEmail + "&password=" + password);

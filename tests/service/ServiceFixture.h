@@ -14,6 +14,10 @@ inline std::string base64(const std::string& text) {
     return QByteArray::fromStdString(text).toBase64().toStdString();
 }
 
+// What the service's own web page sends with each of its calls.
+inline const httplib::Headers kFromPage = {{"X-Ferrybox-Page", "1"},
+                                           {"Sec-Fetch-Site", "same-origin"}};
+
 // Where the service under test keeps its notes.
 enum class Backend { SQLite, PostgreSQL };
 inline const auto kBackends = ::testing::Values(Backend::SQLite, Backend::PostgreSQL);

@@ -10,8 +10,6 @@
 namespace servicetest {
 namespace {
 
-const httplib::Headers kFromPage = {{"X-Ferrybox-Page", "1"}, {"Sec-Fetch-Site", "same-origin"}};
-
 std::string formEncode(const std::string& text) {
     return QUrl::toPercentEncoding(QString::fromStdString(text)).toStdString();
 }

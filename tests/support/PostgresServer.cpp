@@ -139,13 +139,10 @@ QString PostgresServer::newDatabase() {
     if (!running_)
         return QString();
     const QString name = QStringLiteral("notes%1").arg(++databases_);
-    QProcess create;
-    create.setProcessChannelMode(QProcess::MergedChannels);
-    create.start(bin_ + QStringLiteral("/createdb"),
-                 {QStringLiteral("-h"), QStringLiteral("127.0.0.1"), QStringLiteral("-p"),
-                  QString::number(port_), QStringLiteral("-U"), QStringLiteral("ferrybox"), name});
-    const bool made = create.waitForFinished(30000) && create.exitCode() == 0;
-    log_ += QString::fromUtf8(create.readAll());
+    const bool made =
+        run(QStringLiteral("createdb"),
+            {QStringLiteral("-h"), QStringLiteral("127.0.0.1"), QStringLiteral("-p"),
+             QString::number(port_), QStringLiteral("-U"), QStringLiteral("ferrybox"), name});
     return made ? url(name) : QString();
 }
 
