@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "foundation/Log.h"
+#include "service/ConnectionAcceptor.h"
 #include "service/NotesStore.h"
 #include "service/RequestDeadlines.h"
 
@@ -672,6 +673,7 @@ struct HttpServer::Impl {
     std::string certificate;
     std::string key;
     MHD_Daemon* daemon = nullptr;
+    std::unique_ptr<ConnectionAcceptor> acceptor;
 };
 
 HttpServer::HttpServer(const HttpLimits& limits) : impl_(std::make_unique<Impl>(limits)) {}
@@ -704,14 +706,15 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
     impl_->key = keyPem;
     Impl* impl = impl_.get();
     const HttpLimits& l = impl->limits;
-    // Suspending is how a stream waits for its next text without spinning.
-    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ERROR_LOG | MHD_ALLOW_SUSPEND_RESUME;
+    // Suspending is how a stream waits for its next text without spinning. The connections come
+    // from the acceptor, which needs the workers woken for each one it hands over.
+    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ERROR_LOG | MHD_ALLOW_SUSPEND_RESUME |
+                     MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
     if (tls)
         flags |= MHD_USE_TLS;
     // The logger comes first, so that no message of the library escapes it.
     std::vector<MHD_OptionItem> options = {
         {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&logLibraryMessage), nullptr},
-        {MHD_OPTION_LISTEN_SOCKET, socket, nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, l.threads, nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, l.maxConnections, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(l.idleTimeout.count()), nullptr},
@@ -734,11 +737,19 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
         return tls ? "cannot start: the TLS certificate or key is not usable"
                    : "cannot start the HTTP server";
     }
+    // The library gives each connection to a worker by its descriptor's number, so
+    // connections accepted one after another go round the workers.
+    impl->acceptor = std::make_unique<ConnectionAcceptor>(
+        socket, [daemon = impl->daemon](int connection, const sockaddr* peer, socklen_t length) {
+            // Refused (the accept policy, the connection limit): the library has closed it.
+            MHD_add_connection(daemon, connection, peer, length);
+        });
     return {};
 }
 
 void HttpServer::stop() {
     if (impl_->daemon) {
+        impl_->acceptor.reset();
         impl_->endStreams();
         MHD_stop_daemon(impl_->daemon);
         impl_->daemon = nullptr;

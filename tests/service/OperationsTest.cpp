@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Running the service: sessions that expire, guessing slowed down, TLS, refusals, durability
-// across kill -9, a damaged database, many clients at once, account commands, copying to
-// another database, a quiet log.
+// across kill -9, a damaged database, many clients at once, a write held up by the database,
+// account commands, copying to another database, a quiet log.
 #include <sqlite3.h>
 
 #include <QFile>
@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "service/NotesStore.h"
+#include "tests/service/RawClient.h"
 #include "tests/service/ServiceFixture.h"
 #include "tests/support/Wait.h"
 
@@ -171,6 +172,41 @@ TEST_P(OperationsTest, FiftyClientsAtOnce) {
     for (auto& t : clients)
         t.join();
     EXPECT_EQ(failures.load(), 0);
+}
+
+// A proxy opens its connections to the service together. A write left waiting for the database
+// (here: someone else holds its write lock) may hold up its own worker, but connections opened
+// with it go to the other workers and are answered meanwhile.
+TEST_P(SqliteOperationsTest, AWriteWaitingForTheDatabaseHoldsUpNoConnectionOpenedWithIt) {
+    startServer({"--threads", "2"});
+    const std::string key = createNote("before");
+    RawClient writer("127.0.0.1", server_->port());
+    RawClient reader("127.0.0.1", server_->port());
+    ASSERT_TRUE(writer.connected() && reader.connected());
+
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(sqlite3_open(server_->dbPath().toUtf8().constData(), &holder), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(holder, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    const std::string text = base64("after");
+    ASSERT_TRUE(writer.send("POST /api/note" + auth("&key=" + key) +
+                            " HTTP/1.1\r\nHost: notes\r\nContent-Type: "
+                            "application/x-www-form-urlencoded\r\nContent-Length: " +
+                            std::to_string(text.size()) + "\r\n\r\n" + text));
+    ASSERT_TRUE(
+        reader.send("GET /api/note" + auth("&key=" + key) + " HTTP/1.1\r\nHost: notes\r\n\r\n"));
+    reader.read(3000);
+    const bool writeStillWaiting = !writer.readable();
+    sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(holder);
+
+    const std::vector<RawAnswer> read = parseAnswers(reader.received());
+    ASSERT_EQ(read.size(), 1u) << "the read waited for the write";
+    EXPECT_EQ(read[0].status, 200);
+    EXPECT_EQ(read[0].body, "before");
+    EXPECT_TRUE(writeStillWaiting);
+    writer.read(10000);
+    EXPECT_EQ(writer.status(), 200) << "the waiting write lands once the lock is let go";
+    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + key)).c_str())->body, "after");
 }
 
 TEST_P(OperationsTest, AccountCommands) {

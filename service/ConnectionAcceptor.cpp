@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "service/ConnectionAcceptor.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <stdexcept>
+
+namespace notes {
+
+ConnectionAcceptor::ConnectionAcceptor(int listening, Handler handler)
+    : listening_(listening), wake_(::eventfd(0, EFD_CLOEXEC)), handler_(std::move(handler)) {
+    if (wake_ < 0) {
+        ::close(listening_);
+        throw std::runtime_error("cannot make an event descriptor");
+    }
+    thread_ = std::thread([this] { run(); });
+}
+
+ConnectionAcceptor::~ConnectionAcceptor() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
+    thread_.join();
+    ::close(wake_);
+    ::close(listening_);
+}
+
+void ConnectionAcceptor::run() {
+    pollfd watched[] = {{wake_, POLLIN, 0}, {listening_, POLLIN, 0}};
+    // Out of descriptors or memory, the waiting connections stay queued (the socket stays
+    // readable), so the next try waits a moment instead of spinning.
+    int pause = -1;
+    for (;;) {
+        const int ready = ::poll(watched, pause < 0 ? 2 : 1, pause);
+        if (ready < 0 && errno != EINTR)
+            return;
+        if (watched[0].revents & POLLIN)
+            return;
+        pause = -1;
+        for (;;) {
+            sockaddr_storage peer{};
+            socklen_t length = sizeof peer;
+            const int socket = ::accept4(listening_, reinterpret_cast<sockaddr*>(&peer), &length,
+                                         SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (socket >= 0) {
+                handler_(socket, reinterpret_cast<const sockaddr*>(&peer), length);
+                continue;
+            }
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                pause = 100;
+            // Anything else (nothing waiting, a client gone before it was taken) ends the round.
+            if (errno != EINTR && errno != ECONNABORTED)
+                break;
+        }
+    }
+}
+
+}  // namespace notes
