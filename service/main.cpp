@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QTextStream>
+#include <QThread>
 #include <QUrl>
 #include <algorithm>
 #include <csignal>
@@ -92,7 +93,8 @@ LIMITS
                                     must fit (default 32768)
     --max-body-bytes BYTES          a note's body, as sent in base64 (default 1048576); a
                                     login body is at most 4096
-    --threads N                     threads serving connections (default 4)
+    --threads N                     threads serving connections (default: one per
+                                    processor, at least 2; four per processor on PostgreSQL)
 
     Passwords are stored as salted PBKDF2-HMAC-SHA256 hashes; session tokens last 24 hours
     and are stored hashed. Five failed logins of one account from one client address within
@@ -122,6 +124,7 @@ struct Arguments {
     QString tlsCert;
     QString tlsKey;
     notes::HttpLimits limits;
+    unsigned threads = 0;  // none given: as suits the database
     qsizetype maxBodyBytes = notes::ApiSettings().maxBodyBytes;
     notes::EventStreams::Settings events;
 };
@@ -152,7 +155,7 @@ const LimitOption kLimitOptions[] = {
     {"--connection-memory", 1 << 30,
      [](Arguments& a, qint64 n) { a.limits.connectionMemory = static_cast<std::size_t>(n); }},
     {"--max-body-bytes", qint64(1) << 32, [](Arguments& a, qint64 n) { a.maxBodyBytes = n; }},
-    {"--threads", 256, [](Arguments& a, qint64 n) { a.limits.threads = static_cast<unsigned>(n); }},
+    {"--threads", 256, [](Arguments& a, qint64 n) { a.threads = static_cast<unsigned>(n); }},
     {"--event-heartbeat", 86400,
      [](Arguments& a, qint64 n) { a.events.heartbeat = std::chrono::seconds(n); }},
     {"--max-event-streams-per-account", 1000000,
@@ -282,6 +285,15 @@ std::string readWhole(const QString& path) {
     return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : std::string();
 }
 
+// Threads serving connections when --threads is not given. With a file a request keeps a
+// processor busy from start to end, so more threads than processors only take turns, and a
+// request whose thread lost its turn waits for several others. On PostgreSQL a thread spends
+// much of each request waiting for the database server, more so when that is on another machine.
+unsigned defaultThreads(const QString& db) {
+    const unsigned processors = static_cast<unsigned>(std::max(1, QThread::idealThreadCount()));
+    return notes::isDatabaseUrl(db) ? 4 * processors : std::max(2u, processors);
+}
+
 int serve(const Arguments& a, notes::NotesStore& store) {
     const qsizetype colon = a.listen.lastIndexOf(QLatin1Char(':'));
     bool portOk = false;
@@ -332,7 +344,9 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     // Outlives the server, whose stop ends every stream.
     notes::EventStreams streams(a.events);
     const std::unique_ptr<notes::NoteEvents> changes = store.changeRelay(streams);
-    notes::HttpServer server(a.limits);
+    notes::HttpLimits limits = a.limits;
+    limits.threads = a.threads ? a.threads : defaultThreads(a.db);
+    notes::HttpServer server(limits);
     notes::installApi(server, store, store.logins(), *changes, settings);
     notes::installEvents(server, store, streams);
     notes::installWebPage(server);
