@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <stdexcept>
 
@@ -32,14 +33,17 @@ void ConnectionAcceptor::run() {
     pollfd watched[] = {{wake_, POLLIN, 0}, {listening_, POLLIN, 0}};
     // Out of descriptors or memory, the waiting connections stay queued (the socket stays
     // readable), so the next try waits a moment instead of spinning.
-    int pause = -1;
+    bool pause = false;
     for (;;) {
-        const int ready = ::poll(watched, pause < 0 ? 2 : 1, pause);
-        if (ready < 0 && errno != EINTR)
-            return;
+        const int ready = ::poll(watched, pause ? 1 : 2, pause ? 100 : -1);
+        if (ready < 0) {
+            if (errno != EINTR)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            continue;
+        }
         if (watched[0].revents & POLLIN)
             return;
-        pause = -1;
+        pause = false;
         for (;;) {
             sockaddr_storage peer{};
             socklen_t length = sizeof peer;
@@ -49,11 +53,10 @@ void ConnectionAcceptor::run() {
                 handler_(socket, reinterpret_cast<const sockaddr*>(&peer), length);
                 continue;
             }
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-                pause = 100;
-            // Anything else (nothing waiting, a client gone before it was taken) ends the round.
-            if (errno != EINTR && errno != ECONNABORTED)
-                break;
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;  // a client gone before it was taken
+            pause = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+            break;  // nothing more waiting, or no room for it now
         }
     }
 }

@@ -739,11 +739,17 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
     }
     // The library gives each connection to a worker by its descriptor's number, so
     // connections accepted one after another go round the workers.
-    impl->acceptor = std::make_unique<ConnectionAcceptor>(
-        socket, [daemon = impl->daemon](int connection, const sockaddr* peer, socklen_t length) {
-            // Refused (the accept policy, the connection limit): the library has closed it.
-            MHD_add_connection(daemon, connection, peer, length);
-        });
+    try {
+        impl->acceptor = std::make_unique<ConnectionAcceptor>(
+            socket, [daemon = impl->daemon](int connection, const sockaddr* peer, socklen_t size) {
+                // Refused (the accept policy, the connection limit): the library has closed it.
+                MHD_add_connection(daemon, connection, peer, size);
+            });
+    } catch (const std::exception& e) {
+        MHD_stop_daemon(impl->daemon);
+        impl->daemon = nullptr;
+        return e.what();
+    }
     return {};
 }
 
