@@ -89,6 +89,7 @@ public:
     }
 
     void index(const HttpRequest& req, HttpResponse& res) {
+        const auto snapshot = store_.readSnapshot();
         const auto user = authorise(req, res);
         if (!user)
             return;
@@ -107,6 +108,7 @@ public:
     }
 
     void getNote(const HttpRequest& req, HttpResponse& res) {
+        const auto snapshot = store_.readSnapshot();
         const Query query = rawQuery(req);
         const auto user = authorise(req, res);
         if (!user)
@@ -162,6 +164,7 @@ public:
     }
 
     void search(const HttpRequest& req, HttpResponse& res) {
+        const auto snapshot = store_.readSnapshot();
         const Query query = rawQuery(req);
         const auto user = authorise(req, res);
         if (!user)

@@ -60,6 +60,12 @@ public:
     using StoreError::StoreError;
 };
 
+// Held by a request that only reads; see NotesStore::readSnapshot.
+class ReadSnapshot {
+public:
+    virtual ~ReadSnapshot() = default;
+};
+
 // Everything the service keeps: accounts, hashed session tokens, device sessions and notes. One
 // interface, two backends: SQLite in one file (one process serves it) and PostgreSQL (any number
 // of processes, "nodes", serve it at once). Writes are durable before they return.
@@ -129,6 +135,9 @@ public:
     // Tells a change to the event streams of every process serving this store; local stands
     // for this process's own streams. SQLite: local itself.
     virtual std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) = 0;
+    // For a request that only reads: until the value is dropped, this thread's reads see one
+    // state of the store, and cost less. Null where each read stands alone anyway.
+    virtual std::unique_ptr<ReadSnapshot> readSnapshot() { return nullptr; }
 };
 
 // The store at location: a postgresql:// or postgres:// URI (libpq's connection URI), or else

@@ -49,13 +49,65 @@ ReadConnections::ReadConnections(const QByteArray& path) : path_(path) {}
 
 ReadConnections::~ReadConnections() = default;
 
+namespace {
+
+// The snapshot this thread holds, if any.
+struct Held {
+    const ReadConnections* owner = nullptr;
+    ReadConnections::Connection* connection = nullptr;
+};
+thread_local Held held;
+
+void runOn(PreparedStatements& statements, const char* sql) {
+    sqlite3_stmt* statement = statements.get(sql);
+    const int rc = sqlite3_step(statement);
+    sqlite3_reset(statement);
+    if (rc != SQLITE_DONE)
+        throw StoreError(std::string("cannot run ") + sql + ": " + sqlite3_errmsg(statements.db()));
+}
+
+}  // namespace
+
+ReadConnections::Snapshot::Snapshot(ReadConnections& owner) {
+    if (held.owner == &owner)
+        return;
+    Connection* connection = owner.acquire();
+    try {
+        runOn(connection->statements, "BEGIN");
+    } catch (...) {
+        owner.giveBack(connection);
+        throw;
+    }
+    owner_ = &owner;
+    connection_ = connection;
+    held = Held{&owner, connection};
+}
+
+ReadConnections::Snapshot::~Snapshot() {
+    if (!owner_)
+        return;
+    held = Held{};
+    try {
+        runOn(connection_->statements, "COMMIT");
+    } catch (const StoreError&) {
+        // A read has nothing to lose; the connection's next BEGIN would say so.
+    }
+    owner_->giveBack(connection_);
+}
+
 ReadConnections::Lease ReadConnections::take() {
+    if (held.owner == this)
+        return Lease(*this, held.connection, false);
+    return Lease(*this, acquire());
+}
+
+ReadConnections::Connection* ReadConnections::acquire() {
     {
         std::lock_guard lock(mutex_);
         if (!idle_.empty()) {
             Connection* connection = idle_.back();
             idle_.pop_back();
-            return Lease(*this, connection);
+            return connection;
         }
     }
     sqlite3* db = nullptr;
@@ -75,7 +127,7 @@ ReadConnections::Lease ReadConnections::take() {
     Connection* const taken = connection.get();
     std::lock_guard lock(mutex_);
     all_.push_back(std::move(connection));
-    return Lease(*this, taken);
+    return taken;
 }
 
 void ReadConnections::giveBack(Connection* connection) {

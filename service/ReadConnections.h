@@ -55,9 +55,13 @@ public:
 
     class Lease {
     public:
-        Lease(ReadConnections& owner, Connection* connection)
-            : owner_(owner), connection_(connection) {}
-        ~Lease() { owner_.giveBack(connection_); }
+        // A lease that does not own its connection (a snapshot's) leaves it taken.
+        Lease(ReadConnections& owner, Connection* connection, bool owned = true)
+            : owner_(owner), connection_(connection), owned_(owned) {}
+        ~Lease() {
+            if (owned_)
+                owner_.giveBack(connection_);
+        }
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
         sqlite3* get() const;
@@ -66,12 +70,30 @@ public:
     private:
         ReadConnections& owner_;
         Connection* connection_;
+        bool owned_;
+    };
+
+    // While one lives, every lease its thread takes is of one connection, in one read
+    // transaction: the reads of a request see one state of the database, and pay for starting
+    // a transaction (its file locks) once. One made while another lives on the thread adds
+    // nothing. Throws StoreError when no connection can be opened.
+    class Snapshot {
+    public:
+        explicit Snapshot(ReadConnections& owner);
+        ~Snapshot();
+        Snapshot(const Snapshot&) = delete;
+        Snapshot& operator=(const Snapshot&) = delete;
+
+    private:
+        ReadConnections* owner_ = nullptr;
+        Connection* connection_ = nullptr;
     };
 
     // Throws StoreError when no connection can be opened.
     Lease take();
 
 private:
+    Connection* acquire();
     void giveBack(Connection* connection);
 
     QByteArray path_;

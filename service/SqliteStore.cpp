@@ -551,6 +551,8 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
                                       qint64* total) {
     const TextMatch match(needle);
     const QString lookFor = indexed(needle);
+    // One snapshot for the lookup and the page, whatever is written meanwhile.
+    const ReadConnections::Snapshot snapshot(reads_);
     const auto lease = reads_.take();
     // Only the matches are sorted and only the page is copied out.
     struct Hit {
@@ -561,18 +563,6 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
         }
     };
     std::vector<Hit> hits;
-    // One snapshot for the lookup and the page, whatever is written meanwhile.
-    Statement(lease.statements(), "BEGIN").step();
-    struct EndRead {
-        PreparedStatements& statements;
-        ~EndRead() {
-            try {
-                Statement(statements, "COMMIT").step();
-            } catch (const std::exception&) {
-                // A read has nothing to lose; the connection's next BEGIN would say so.
-            }
-        }
-    } endRead{lease.statements()};
     // The index pays for itself while its matches are a small part of the notes: a needle in
     // nearly every note is found sooner by reading them all than by following the index to
     // each. Past this many notes named by the index (of any account), the reading takes over.
@@ -689,6 +679,14 @@ private:
 };
 
 }  // namespace
+
+std::unique_ptr<ReadSnapshot> SqliteStore::readSnapshot() {
+    struct Held : ReadSnapshot {
+        explicit Held(ReadConnections& reads) : snapshot(reads) {}
+        ReadConnections::Snapshot snapshot;
+    };
+    return std::make_unique<Held>(reads_);
+}
 
 std::unique_ptr<NoteEvents> SqliteStore::changeRelay(NoteEvents& local) {
     return std::make_unique<LocalChanges>(local);

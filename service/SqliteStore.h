@@ -51,6 +51,7 @@ public:
     bool importAccount(const User& user, const std::vector<Note>& notes) override;
     LoginLimiter& logins() override { return logins_; }
     std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) override;
+    std::unique_ptr<ReadSnapshot> readSnapshot() override;
 
 private:
     void closeWriter();
