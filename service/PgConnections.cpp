@@ -4,6 +4,7 @@
 #include <libpq-fe.h>
 
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 #include "service/NotesStore.h"
@@ -97,12 +98,26 @@ void ignoreNotice(void*, const char*) {}
 
 }  // namespace
 
+// A pooled connection and the statements prepared on it, by their text.
+struct PgConnections::Connection {
+    explicit Connection(PGconn* pg) : pg(pg) {}
+    ~Connection() { PQfinish(pg); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view s) const {
+            return std::hash<std::string_view>{}(s);
+        }
+    };
+    PGconn* pg;
+    std::unordered_map<std::string, std::string, Hash, std::equal_to<>> prepared;
+};
+
 PgConnections::PgConnections(QString location) : location_(std::move(location)) {}
 
-PgConnections::~PgConnections() {
-    for (PGconn* connection : idle_)
-        PQfinish(connection);
-}
+PgConnections::~PgConnections() = default;
 
 PGconn* PgConnections::connect() const {
     const QByteArray uri = location_.toUtf8();
@@ -133,44 +148,60 @@ PgConnections::Lease PgConnections::take() {
     {
         std::lock_guard lock(mutex_);
         if (!idle_.empty()) {
-            PGconn* connection = idle_.back();
+            std::unique_ptr<Connection> connection = std::move(idle_.back());
             idle_.pop_back();
-            return Lease(*this, connection);
+            return Lease(*this, std::move(connection));
         }
     }
-    return Lease(*this, connect());
+    return Lease(*this, std::make_unique<Connection>(connect()));
 }
 
-void PgConnections::giveBack(PGconn* connection) {
+void PgConnections::giveBack(std::unique_ptr<Connection> connection) {
     // A connection that broke, or was left inside a transaction, is not used again.
-    if (PQstatus(connection) != CONNECTION_OK || PQtransactionStatus(connection) != PQTRANS_IDLE) {
-        PQfinish(connection);
+    if (PQstatus(connection->pg) != CONNECTION_OK ||
+        PQtransactionStatus(connection->pg) != PQTRANS_IDLE) {
         return;
     }
     std::lock_guard lock(mutex_);
-    idle_.push_back(connection);
+    idle_.push_back(std::move(connection));
 }
 
+PgConnections::Lease::Lease(PgConnections& owner, std::unique_ptr<Connection> connection)
+    : owner_(owner), connection_(std::move(connection)) {}
+
 PgConnections::Lease::~Lease() {
-    owner_.giveBack(connection_);
+    owner_.giveBack(std::move(connection_));
 }
 
 PgResult PgConnections::Lease::checked(PGresult* result) {
     PgResult owned(result);
     const ExecStatusType status = PQresultStatus(result);
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
-        fail(connection_, result);
+        fail(connection_->pg, result);
     return owned;
 }
 
 PgResult PgConnections::Lease::run(const char* sql, const PgParams& params) {
+    auto found = connection_->prepared.find(std::string_view(sql));
+    if (found == connection_->prepared.end()) {
+        std::string name = std::to_string(connection_->prepared.size() + 1);
+        name.insert(name.begin(), 's');
+        checked(PQprepare(connection_->pg, name.c_str(), sql, params.size(), nullptr));
+        found = connection_->prepared.emplace(sql, std::move(name)).first;
+    }
     const std::vector<const char*> values = params.values();
-    return checked(PQexecParams(connection_, sql, params.size(), nullptr, values.data(),
+    return checked(PQexecPrepared(connection_->pg, found->second.c_str(), params.size(),
+                                  values.data(), params.lengths(), params.formats(), 0));
+}
+
+PgResult PgConnections::Lease::runPlannedForValues(const char* sql, const PgParams& params) {
+    const std::vector<const char*> values = params.values();
+    return checked(PQexecParams(connection_->pg, sql, params.size(), nullptr, values.data(),
                                 params.lengths(), params.formats(), 0));
 }
 
 void PgConnections::Lease::execute(const char* sql) {
-    checked(PQexec(connection_, sql));
+    checked(PQexec(connection_->pg, sql));
 }
 
 PgTransaction::PgTransaction(PgConnections::Lease& lease, const char* begin) : lease_(lease) {

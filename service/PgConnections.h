@@ -3,8 +3,11 @@
 
 #include <QByteArray>
 #include <QString>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 typedef struct pg_conn PGconn;
@@ -65,17 +68,23 @@ public:
     // StoreUnavailable when the database cannot be reached.
     PGconn* connect() const;
 
+    struct Connection;
+
     class Lease {
     public:
-        Lease(PgConnections& owner, PGconn* connection) : owner_(owner), connection_(connection) {}
+        Lease(PgConnections& owner, std::unique_ptr<Connection> connection);
         ~Lease();
         Lease(const Lease&) = delete;
         Lease& operator=(const Lease&) = delete;
 
-        // Runs one statement. A constraint that the statement broke (a taken address or key)
-        // throws std::invalid_argument, a lost or refused connection StoreUnavailable, any
-        // other failure StoreError.
+        // Runs one statement, prepared on this connection the first time: the database
+        // parses and plans it once per connection. A constraint that the statement broke (a
+        // taken address or key) throws std::invalid_argument, a lost or refused connection
+        // StoreUnavailable, any other failure StoreError.
         PgResult run(const char* sql, const PgParams& params = {});
+        // The same for a statement whose best plan depends on its values (a LIKE pattern
+        // that the trigram index helps with or not): planned anew for each call.
+        PgResult runPlannedForValues(const char* sql, const PgParams& params);
         // Runs statements without parameters, one or several, e.g. "BEGIN".
         void execute(const char* sql);
 
@@ -84,17 +93,17 @@ public:
         PgResult checked(PGresult* result);
 
         PgConnections& owner_;
-        PGconn* connection_;
+        std::unique_ptr<Connection> connection_;
     };
 
     Lease take();
 
 private:
-    void giveBack(PGconn* connection);
+    void giveBack(std::unique_ptr<Connection> connection);
 
     const QString location_;
     std::mutex mutex_;
-    std::vector<PGconn*> idle_;
+    std::vector<std::unique_ptr<Connection>> idle_;
 };
 
 // The statements run between begin and commit form one transaction, which is rolled back

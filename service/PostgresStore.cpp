@@ -303,7 +303,7 @@ std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, in
     auto lease = connections_.take();
     // One statement, so the count and the page come from one snapshot; the count's row is
     // there even when the page is empty.
-    const PgResult r = lease.run(
+    const PgResult r = lease.runPlannedForValues(
         "WITH hits AS MATERIALIZED (SELECT id, modified FROM notes "
         "  WHERE user_id = $1 AND NOT deleted AND folded LIKE $2), "
         "page AS (SELECT id FROM hits ORDER BY modified DESC, id DESC LIMIT $3 OFFSET $4) "
