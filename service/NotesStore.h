@@ -127,6 +127,8 @@ public:
     // Adds an account with its notes as they are (keys, dates, deleted flags), all or nothing;
     // false when the address is taken.
     virtual bool importAccount(const User& user, const std::vector<Note>& notes) = 0;
+    // After the imports: the database learns what it now holds, where it plans by that.
+    virtual void importsDone() {}
 
     // Where failed logins are counted: the memory of the one process that serves a SQLite
     // file; the database itself when several processes share it, so that guesses spread over

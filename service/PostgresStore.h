@@ -49,6 +49,7 @@ public:
     std::vector<User> users() override;
     std::vector<Note> notes(qint64 userId) override;
     bool importAccount(const User& user, const std::vector<Note>& notes) override;
+    void importsDone() override;
     LoginLimiter& logins() override { return logins_; }
     std::unique_ptr<NoteEvents> changeRelay(NoteEvents& local) override;
 

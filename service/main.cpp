@@ -383,6 +383,7 @@ int copy(const Arguments& a) {
         ++accounts;
         notesCopied += qsizetype(notes.size());
     }
+    target->importsDone();
     QTextStream(stdout) << "copied " << accounts << " accounts and " << notesCopied
                         << " notes from " << shown(a.from) << " to " << shown(a.to) << Qt::endl;
     return 0;
