@@ -13,7 +13,9 @@
 #include <string_view>
 
 #include "service/NotesStore.h"
+#include "service/PgConnections.h"
 #include "tests/service/ServiceFixture.h"
+#include "tests/support/Wait.h"
 
 namespace servicetest {
 namespace {
@@ -403,6 +405,63 @@ TEST_P(SqliteSearchTest, AnOlderIndexOrNoneIsMadeRightOnOpening) {
         create(QStringLiteral("Hello after %1").arg(QLatin1String(older.what)));
         expectThePlainAnswer(older.what);
     }
+}
+
+// The trigram index is what makes a search of a large account quick, but PostgreSQL's planner
+// decides whether to use it from its estimates; a search that reads the whole table is slower
+// the more notes there are. The database's own counters show which it did.
+TEST(PostgresSearchTest, AWordOfFewNotesIsLookedUpNotReadFromEveryNote) {
+    const QString url = newDatabase(Backend::PostgreSQL);
+    ASSERT_FALSE(url.isEmpty());
+    auto store = notes::openNotesStore(url);
+    notes::PgConnections statistics(url);
+    // Notes as long as a few links with their comments; one in a hundred holds the word.
+    notes::User many{0, QStringLiteral("many@example.org"), QStringLiteral("x")};
+    std::vector<notes::Note> theirs;
+    const QString filler = QStringLiteral("lorem ipsum ").repeated(30);
+    for (int i = 0; i < 3000; ++i) {
+        theirs.push_back(
+            {QStringLiteral("%1").arg(i, 32, 16, QLatin1Char('0')),
+             QStringLiteral("note %1\n%2%3").arg(i).arg(filler, i % 100 ? "" : "needle"),
+             1'700'000'000'000'000 + i, 1'700'000'000'000'000 + i, false});
+    }
+    ASSERT_TRUE(store->importAccount(many, theirs));
+    store->importsDone();
+    const qint64 user = store->userByEmail(many.email)->id;
+
+    struct Scans {
+        qint64 whole = 0, indexed = 0;
+    };
+    const auto scans = [&] {
+        const notes::PgResult r = statistics.take().run(
+            "SELECT seq_scan, coalesce(idx_scan, 0) FROM pg_stat_user_tables "
+            "WHERE relname = 'notes'");
+        return Scans{r.integer(0, 0), r.integer(0, 1)};
+    };
+    const auto expectLookedUp = [&](const char* when) {
+        SCOPED_TRACE(when);
+        const Scans before = scans();
+        // On connections of their own, which report their counters when they close.
+        auto searcher = notes::openNotesStore(url);
+        for (int i = 0; i < 5; ++i) {
+            qint64 total = 0;
+            searcher->search(user, QStringLiteral("NEEDLE"), 100, 0, &total);
+            ASSERT_EQ(total, 30);
+        }
+        searcher.reset();
+        Scans after;
+        ASSERT_TRUE(testsupport::waitUntil([&] {
+            after = scans();
+            return after.whole + after.indexed > before.whole + before.indexed;
+        }));
+        EXPECT_EQ(after.whole, before.whole);
+    };
+    expectLookedUp("right after the account was moved over");
+    for (int i = 0; i < 500; ++i)
+        ASSERT_TRUE(store->updateNote(user, theirs[std::size_t(i)].key,
+                                      theirs[std::size_t(i)].text + QStringLiteral(" changed"),
+                                      1'800'000'000'000'000 + i));
+    expectLookedUp("after 500 changes");
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, SearchTest, ::testing::ValuesIn(kStores),
