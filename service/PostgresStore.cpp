@@ -345,7 +345,7 @@ std::vector<Note> PostgresStore::notes(qint64 userId) {
 }
 
 // The planner's picture of each table otherwise comes from autovacuum a while later; until then
-// a search of a freshly filled database reads the account's rows instead of the trigram index.
+// it guesses how many notes a search pattern or an account holds.
 void PostgresStore::importsDone() {
     connections_.take().execute("ANALYZE users, notes");
 }

@@ -443,11 +443,9 @@ TEST(PostgresSearchTest, AWordOfFewNotesIsLookedUpNotReadFromEveryNote) {
         const Scans before = scans();
         // On connections of their own, which report their counters when they close.
         auto searcher = notes::openNotesStore(url);
-        for (int i = 0; i < 5; ++i) {
-            qint64 total = 0;
-            searcher->search(user, QStringLiteral("NEEDLE"), 100, 0, &total);
-            ASSERT_EQ(total, 30);
-        }
+        qint64 total = 0;
+        searcher->search(user, QStringLiteral("NEEDLE"), 100, 0, &total);
+        ASSERT_EQ(total, 30);
         searcher.reset();
         Scans after;
         ASSERT_TRUE(testsupport::waitUntil([&] {
