@@ -49,6 +49,15 @@ QString decodeBase64Text(const std::string& body) {
     return decoded.contains(QChar(0)) ? QString() : decoded;
 }
 
+// A version as a writer names it: digits only, at least 1.
+std::optional<qint64> parseVersion(const std::string& text) {
+    bool ok = false;
+    const qint64 version = QByteArray::fromStdString(text).trimmed().toLongLong(&ok);
+    if (!ok || version < 1 || text.find_first_of("+-") != std::string::npos)
+        return std::nullopt;
+    return version;
+}
+
 // Bodies come as base64 under any content type but multipart, which no client of this API sends.
 bool admitForm(const HttpRequest& req, HttpResponse& res) {
     if (req.contentType.rfind("multipart/", 0) != 0)
@@ -102,6 +111,7 @@ public:
             entry.insert(QStringLiteral("create"),
                          TWJsonValue::string(formatMicros(note.createMicros)));
             entry.insert(QStringLiteral("deleted"), TWJsonValue::boolean(note.deleted));
+            entry.insert(QStringLiteral("version"), TWJsonValue::number(note.version));
             list.append(std::move(entry));
         }
         answerJson(res, list);
@@ -121,6 +131,7 @@ public:
             {"Note-Modifydate", formatMicros(note->modifyMicros).toStdString()},
             {"Note-Createdate", formatMicros(note->createMicros).toStdString()},
             {"Note-Deleted", note->deleted ? "true" : "false"},
+            {"Note-Version", std::to_string(note->version)},
         };
         answer(res, 200, note->text);
     }
@@ -138,13 +149,23 @@ public:
         const QString text = decodeBase64Text(req.body);
         if (text.isNull())
             return answer(res, 400);
+        std::optional<qint64> base;
+        if (const std::string* header = req.header("note-base-version")) {
+            base = parseVersion(*header);
+            if (!base)
+                return answer(res, 400);
+        }
         QString key = queryValue(query, "key");
+        qint64 version = 1;
         if (key.isNull()) {
             key = store_.createNote(*user, text, nowMicros());
-        } else if (!store_.updateNote(*user, key, text, nowMicros())) {
+        } else if (const auto written = store_.updateNote(*user, key, text, nowMicros(), base)) {
+            version = written->version;
+        } else {
             return answer(res, 404);
         }
         events_.noteChanged(*user, key);
+        res.headers.emplace_back("Note-Version", std::to_string(version));
         answer(res, 200, key);
     }
 
@@ -185,6 +206,7 @@ public:
             TWJsonValue entry = TWJsonValue::dictionary();
             entry.insert(QStringLiteral("key"), TWJsonValue::string(note.key));
             entry.insert(QStringLiteral("content"), TWJsonValue::string(note.text));
+            entry.insert(QStringLiteral("version"), TWJsonValue::number(note.version));
             found.append(std::move(entry));
         }
         TWJsonValue response = TWJsonValue::dictionary();

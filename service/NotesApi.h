@@ -21,9 +21,15 @@ struct ApiSettings {
 // read as sent, so "+" stays "+" (only %XX escapes are decoded). Bodies are base64 of UTF-8
 // text; anything else is 400. Login bodies are capped at 4 KiB and addresses at 254 bytes; a
 // note body is read only for a valid token. Error answers have empty bodies. Every change to
-// a note is told to events. The web page's own calls under /web (WebSessions.h) come with it,
-// and a request from the page may stand for its account by the page's device session instead
-// of auth and email.
+// a note is told to events.
+//
+// Every note carries a version, which grows by one with each write: a note GET answers it in
+// the header Note-Version, search results and index entries as "version". A POST of a note may
+// name the version its text was based on (header Note-Base-Version); when the note has moved
+// on since, the service merges the two rather than overwriting what others wrote meanwhile,
+// and answers the stored version in Note-Version. The web page's own calls under /web
+// (WebSessions.h) come with it, and a request from the page may stand for its account by the page's
+// device session instead of auth and email.
 void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
                 const ApiSettings& settings);
 

@@ -25,6 +25,21 @@ struct Note {
     qint64 createMicros = 0;  // microseconds since the epoch, UTC
     qint64 modifyMicros = 0;
     bool deleted = false;
+    // Grows by one with every write of the note, its text or its deleted flag; 1 when made.
+    qint64 version = 1;
+};
+
+// What a write of a note's text stored.
+struct Written {
+    qint64 version = 0;
+    bool merged = false;  // the note had moved on since the writer's base: others' lines kept
+};
+
+// A note as a writer last saw it: a write or an append based on it leaves what others changed
+// since then.
+struct SeenVersion {
+    QString key;
+    qint64 version = 0;
 };
 
 // A browser signed in to the web page, known by the hash of the token in its cookie.
@@ -44,7 +59,8 @@ struct DeviceSession {
 // What appending a line to a note did.
 struct Appended {
     QString key;
-    bool added = false;  // false: the line was there already and nothing changed
+    bool added = false;  // false: the line was there already (or was taken since), nothing changed
+    qint64 version = 0;  // the note's, after the append
 };
 
 struct User {
@@ -71,6 +87,10 @@ public:
 // of processes, "nodes", serve it at once). Writes are durable before they return.
 class NotesStore {
 public:
+    // The past texts of a note kept for merging writes based on them: this many of its newest
+    // versions before the present one. A writer whose base is older than that (a page left
+    // open for long while many links came and went) is merged against the oldest kept.
+    static constexpr qint64 kVersionsKept = 64;
     // A device session nobody used for this long has ended.
     static constexpr qint64 kDeviceIdleMicros = 180LL * 24 * 3600 * 1000000;
     // A device's use is written down at most this often, so that a busy page does not cost a
@@ -100,14 +120,21 @@ public:
 
     // Adds line at the end of the newest live note whose text begins with header, unless it is
     // a line of that note already; with no such note, makes one of header and line. Appends
-    // that race each other, from any process, all land.
+    // that race each other, from any process, all land. When the writer saw that note at an
+    // older version that held the line, and the line is gone since (the agent took it), it is
+    // not added again.
     virtual Appended appendLine(qint64 userId, const QString& header, const QString& line,
-                                qint64 nowMicros) = 0;
+                                qint64 nowMicros, const std::optional<SeenVersion>& seen) = 0;
 
     // Note texts never hold a NUL character (PostgreSQL's text cannot).
     virtual QString createNote(qint64 userId, const QString& text, qint64 nowMicros) = 0;
-    virtual bool updateNote(qint64 userId, const QString& key, const QString& text,
-                            qint64 nowMicros) = 0;
+    // Replaces the note's text, or, when the note has moved on since baseVersion, stores the
+    // merge of the writer's text with what the others wrote since (NoteMerge.h), in one
+    // transaction. A base older than the versions kept is merged against the oldest kept; no
+    // base, or one not older than the note, overwrites. Empty when there is no such note.
+    virtual std::optional<Written> updateNote(qint64 userId, const QString& key,
+                                              const QString& text, qint64 nowMicros,
+                                              std::optional<qint64> baseVersion) = 0;
     virtual std::optional<Note> note(qint64 userId, const QString& key) = 0;
     virtual bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros) = 0;
     virtual bool purge(qint64 userId, const QString& key) = 0;

@@ -3,6 +3,7 @@
 
 #include <QStringList>
 
+#include "service/NoteMerge.h"
 #include "service/PgChangeRelay.h"
 #include "service/TextMatch.h"
 
@@ -39,6 +40,11 @@ const char* const kMigrations[] = {
     // autovacuum comes round.
     "ALTER INDEX notes_by_text SET (fastupdate = off);"
     "SELECT gin_clean_pending_list('notes_by_text');",
+    // 2 -> 3: every note counts its writes, and keeps its latest past texts, so that a write
+    // based on an older version can be merged with what was written since.
+    "ALTER TABLE notes ADD COLUMN version bigint NOT NULL DEFAULT 1;"
+    "CREATE TABLE note_versions (note_id bigint NOT NULL REFERENCES notes(id) ON DELETE CASCADE,"
+    "  version bigint NOT NULL, text text NOT NULL, PRIMARY KEY (note_id, version));",
 };
 static_assert(std::size(kMigrations) == PostgresStore::kSchemaVersion);
 
@@ -58,9 +64,10 @@ QString likeLiteral(const QString& text) {
     return escaped;
 }
 
+// From column first on: key, text, created, modified, deleted, version.
 Note readNote(const PgResult& r, int row, int first = 0) {
-    return Note{r.text(row, first), r.text(row, first + 1), r.integer(row, first + 2),
-                r.integer(row, first + 3), r.boolean(row, first + 4)};
+    return Note{r.text(row, first),        r.text(row, first + 1),    r.integer(row, first + 2),
+                r.integer(row, first + 3), r.boolean(row, first + 4), r.integer(row, first + 5)};
 }
 
 std::vector<Note> readNotes(const PgResult& r) {
@@ -72,11 +79,11 @@ std::vector<Note> readNotes(const PgResult& r) {
 }
 
 constexpr const char* kInsertNote =
-    "INSERT INTO notes (key, user_id, text, folded, created, modified, deleted) "
-    "VALUES ($1, $2, $3, $4, $5, $6, $7)";
+    "INSERT INTO notes (key, user_id, text, folded, created, modified, deleted, version) "
+    "VALUES ($1, $2, $3, $4, $5, $6, $7, $8)";
 
 PgParams noteRow(const QString& key, qint64 userId, const QString& text, qint64 created,
-                 qint64 modified, bool deleted) {
+                 qint64 modified, bool deleted, qint64 version = 1) {
     return std::move(PgParams()
                          .add(key)
                          .add(userId)
@@ -84,8 +91,34 @@ PgParams noteRow(const QString& key, qint64 userId, const QString& text, qint64 
                          .add(foldForSearch(text))
                          .add(created)
                          .add(modified)
-                         .add(QString::fromLatin1(deleted ? "true" : "false")));
+                         .add(QString::fromLatin1(deleted ? "true" : "false"))
+                         .add(version));
 }
+
+// Before a write of the note (locked by the caller): its present text joins its past
+// versions, of which the oldest beyond what is kept go.
+void keepPastVersion(PgConnections::Lease& lease, qint64 noteId) {
+    lease.run(
+        "WITH kept AS (INSERT INTO note_versions (note_id, version, text) "
+        "  SELECT id, version, text FROM notes WHERE id = $1 RETURNING version) "
+        "DELETE FROM note_versions WHERE note_id = $1 "
+        "AND version <= (SELECT version FROM kept) - $2",
+        PgParams().add(noteId).add(NotesStore::kVersionsKept));
+}
+
+// The text of the note at version, or at the oldest version kept after it; null when none is.
+QString pastText(PgConnections::Lease& lease, qint64 noteId, qint64 version) {
+    const PgResult r = lease.run(
+        "SELECT text FROM note_versions WHERE note_id = $1 AND version >= $2 "
+        "ORDER BY version LIMIT 1",
+        PgParams().add(noteId).add(version));
+    return r.rows() ? r.text(0, 0) : QString();
+}
+
+// A write of the note's row that counts as a new version.
+constexpr const char* kWriteText =
+    "UPDATE notes SET text = $1, folded = $2, modified = $3, version = version + 1 "
+    "WHERE id = $4";
 
 }  // namespace
 
@@ -210,31 +243,37 @@ bool PostgresStore::endDevice(qint64 userId, qint64 deviceId) {
 }
 
 Appended PostgresStore::appendLine(qint64 userId, const QString& header, const QString& line,
-                                   qint64 now) {
+                                   qint64 now, const std::optional<SeenVersion>& seen) {
     auto lease = connections_.take();
     PgTransaction transaction(lease);
     // One append per account at a time, on every node: two shares made at the same moment
     // must not both decide that there is no note yet, nor both rewrite the same one.
     lease.run("SELECT pg_advisory_xact_lock($1)", PgParams().add(userId));
     const PgResult found = lease.run(
-        "SELECT key, text FROM notes WHERE user_id = $1 AND NOT deleted "
+        "SELECT key, text, version, id FROM notes WHERE user_id = $1 AND NOT deleted "
         "AND left(text, $2) = $3 ORDER BY modified DESC, id DESC LIMIT 1 FOR UPDATE",
         PgParams().add(userId).add(qint64(header.size())).add(header));
     Appended appended;
     if (!found.rows()) {
-        appended = {newNoteKey(), true};
+        appended = {newNoteKey(), true, 1};
         lease.run(kInsertNote, noteRow(appended.key, userId, header + QLatin1Char('\n') + line, now,
                                        now, false));
     } else {
         appended.key = found.text(0, 0);
-        QString text = found.text(0, 1);
-        appended.added = !text.split(QLatin1Char('\n')).contains(line);
+        const QString text = found.text(0, 1);
+        appended.version = found.integer(0, 2);
+        const qint64 id = found.integer(0, 3);
+        const QString seenText =
+            seen && seen->key == appended.key && seen->version < appended.version
+                ? pastText(lease, id, seen->version)
+                : QString();
+        appended.added = appendAdds(line, text, seenText);
         if (appended.added) {
-            if (!text.endsWith(QLatin1Char('\n')))
-                text += QLatin1Char('\n');
-            text += line;
-            lease.run("UPDATE notes SET text = $1, folded = $2, modified = $3 WHERE key = $4",
-                      PgParams().add(text).add(foldForSearch(text)).add(now).add(appended.key));
+            const QString stored = appendedText(text, line);
+            keepPastVersion(lease, id);
+            lease.run(kWriteText,
+                      PgParams().add(stored).add(foldForSearch(stored)).add(now).add(id));
+            ++appended.version;
         }
     }
     transaction.commit();
@@ -248,20 +287,36 @@ QString PostgresStore::createNote(qint64 userId, const QString& text, qint64 now
     return key;
 }
 
-bool PostgresStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
+std::optional<Written> PostgresStore::updateNote(qint64 userId, const QString& key,
+                                                 const QString& text, qint64 now,
+                                                 std::optional<qint64> baseVersion) {
     auto lease = connections_.take();
-    return lease
-               .run(
-                   "UPDATE notes SET text = $1, folded = $2, modified = $3 "
-                   "WHERE key = $4 AND user_id = $5",
-                   PgParams().add(text).add(foldForSearch(text)).add(now).add(key).add(userId))
-               .changed() > 0;
+    PgTransaction transaction(lease);
+    const PgResult found =
+        lease.run("SELECT id, text, version FROM notes WHERE key = $1 AND user_id = $2 FOR UPDATE",
+                  PgParams().add(key).add(userId));
+    if (!found.rows())
+        return std::nullopt;
+    const qint64 id = found.integer(0, 0);
+    const QString current = found.text(0, 1);
+    const qint64 version = found.integer(0, 2);
+    Written written{version + 1, baseVersion && *baseVersion < version};
+    QString stored = text;
+    if (written.merged) {
+        const QString base = pastText(lease, id, *baseVersion);
+        stored = mergeNoteText(base.isNull() ? current : base, text, current);
+    }
+    keepPastVersion(lease, id);
+    lease.run(kWriteText, PgParams().add(stored).add(foldForSearch(stored)).add(now).add(id));
+    transaction.commit();
+    return written;
 }
 
 std::optional<Note> PostgresStore::note(qint64 userId, const QString& key) {
     auto lease = connections_.take();
     const PgResult r = lease.run(
-        "SELECT key, text, created, modified, deleted FROM notes WHERE key = $1 AND user_id = $2",
+        "SELECT key, text, created, modified, deleted, version FROM notes "
+        "WHERE key = $1 AND user_id = $2",
         PgParams().add(key).add(userId));
     if (!r.rows())
         return std::nullopt;
@@ -270,11 +325,18 @@ std::optional<Note> PostgresStore::note(qint64 userId, const QString& key) {
 
 bool PostgresStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
     auto lease = connections_.take();
-    return lease
-               .run(
-                   "UPDATE notes SET deleted = true, modified = $1 WHERE key = $2 AND user_id = $3",
-                   PgParams().add(now).add(key).add(userId))
-               .changed() > 0;
+    PgTransaction transaction(lease);
+    const PgResult found =
+        lease.run("SELECT id FROM notes WHERE key = $1 AND user_id = $2 FOR UPDATE",
+                  PgParams().add(key).add(userId));
+    if (!found.rows())
+        return false;
+    const qint64 id = found.integer(0, 0);
+    keepPastVersion(lease, id);
+    lease.run("UPDATE notes SET deleted = true, modified = $1, version = version + 1 WHERE id = $2",
+              PgParams().add(now).add(id));
+    transaction.commit();
+    return true;
 }
 
 bool PostgresStore::purge(qint64 userId, const QString& key) {
@@ -291,11 +353,12 @@ std::vector<Note> PostgresStore::index(qint64 userId) {
 
 std::vector<Note> PostgresStore::listNotes(qint64 userId, bool withText) {
     auto lease = connections_.take();
-    return readNotes(lease.run(withText ? "SELECT key, text, created, modified, deleted FROM notes "
-                                          "WHERE user_id = $1 ORDER BY modified DESC, id DESC"
-                                        : "SELECT key, '', created, modified, deleted FROM notes "
-                                          "WHERE user_id = $1 ORDER BY modified DESC, id DESC",
-                               PgParams().add(userId)));
+    return readNotes(
+        lease.run(withText ? "SELECT key, text, created, modified, deleted, version FROM notes "
+                             "WHERE user_id = $1 ORDER BY modified DESC, id DESC"
+                           : "SELECT key, '', created, modified, deleted, version FROM notes "
+                             "WHERE user_id = $1 ORDER BY modified DESC, id DESC",
+                  PgParams().add(userId)));
 }
 
 std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, int limit, int offset,
@@ -313,7 +376,7 @@ std::vector<Note> PostgresStore::search(qint64 userId, const QString& needle, in
         "WITH hits AS MATERIALIZED (SELECT id, modified FROM notes "
         "  WHERE user_id = $1 AND NOT deleted AND folded LIKE $2), "
         "page AS (SELECT id FROM hits ORDER BY modified DESC, id DESC LIMIT $3 OFFSET $4) "
-        "SELECT counted.total, n.key, n.text, n.created, n.modified, n.deleted "
+        "SELECT counted.total, n.key, n.text, n.created, n.modified, n.deleted, n.version "
         "FROM (SELECT count(*) AS total FROM hits) counted "
         "LEFT JOIN (page JOIN notes n USING (id)) ON true "
         "ORDER BY n.modified DESC, n.id DESC",
@@ -364,8 +427,8 @@ bool PostgresStore::importAccount(const User& user, const std::vector<Note>& not
     }
     // Oldest first, so that notes tied on their date keep their order.
     for (auto it = notes.rbegin(); it != notes.rend(); ++it) {
-        lease.run(kInsertNote,
-                  noteRow(it->key, id, it->text, it->createMicros, it->modifyMicros, it->deleted));
+        lease.run(kInsertNote, noteRow(it->key, id, it->text, it->createMicros, it->modifyMicros,
+                                       it->deleted, it->version));
     }
     transaction.commit();
     return true;

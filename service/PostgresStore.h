@@ -16,7 +16,7 @@ namespace notes {
 // pg_trgm index over each note's case-folded text.
 class PostgresStore : public NotesStore {
 public:
-    static constexpr int kSchemaVersion = 2;
+    static constexpr int kSchemaVersion = 3;
 
     // location: a libpq connection URI. Throws StoreUnavailable when the database cannot be
     // reached, StoreError when its schema is newer than this program or cannot be made.
@@ -35,11 +35,11 @@ public:
                                                qint64 nowMicros) override;
     std::vector<Device> devices(qint64 userId, qint64 nowMicros) override;
     bool endDevice(qint64 userId, qint64 deviceId) override;
-    Appended appendLine(qint64 userId, const QString& header, const QString& line,
-                        qint64 nowMicros) override;
+    Appended appendLine(qint64 userId, const QString& header, const QString& line, qint64 nowMicros,
+                        const std::optional<SeenVersion>& seen) override;
     QString createNote(qint64 userId, const QString& text, qint64 nowMicros) override;
-    bool updateNote(qint64 userId, const QString& key, const QString& text,
-                    qint64 nowMicros) override;
+    std::optional<Written> updateNote(qint64 userId, const QString& key, const QString& text,
+                                      qint64 nowMicros, std::optional<qint64> baseVersion) override;
     std::optional<Note> note(qint64 userId, const QString& key) override;
     bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros) override;
     bool purge(qint64 userId, const QString& key) override;

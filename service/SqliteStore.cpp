@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "service/NoteMerge.h"
 #include "service/TextMatch.h"
 
 namespace notes {
@@ -77,8 +78,9 @@ private:
     sqlite3_stmt* stmt_;
 };
 
+// Columns: key, text, created, modified, deleted, version.
 Note readNote(const Statement& s) {
-    return Note{s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4) != 0};
+    return Note{s.text(0), s.text(1), s.integer(2), s.integer(3), s.integer(4) != 0, s.integer(5)};
 }
 
 // Keys are 128 random bits in hex: opaque, URL-safe, unguessable.
@@ -130,6 +132,12 @@ const char* const kMigrations[] = {
     "CREATE TRIGGER note_search_delete AFTER DELETE ON notes BEGIN"
     "  DELETE FROM note_search WHERE rowid = old.rowid;"
     "END;",
+    // 4 -> 5: every note counts its writes, and keeps its latest past texts, so that a write
+    // based on an older version can be merged with what was written since.
+    "ALTER TABLE notes ADD COLUMN version INTEGER NOT NULL DEFAULT 1;"
+    "CREATE TABLE note_versions (note_key TEXT NOT NULL REFERENCES notes(key) ON DELETE CASCADE,"
+    "  version INTEGER NOT NULL, text TEXT NOT NULL, PRIMARY KEY (note_key, version))"
+    "  WITHOUT ROWID;",
 };
 
 // The text as the search index holds it: folded (TextMatch.h), and with U+0000, at which the
@@ -201,6 +209,55 @@ std::string exposedFile(const QByteArray& file) {
                "); make it private first: chmod 600 " + name.toStdString();
     }
     return {};
+}
+
+// The statements between its start and commit() are one transaction, rolled back when the scope
+// is left without commit (an exception).
+class WriteTransaction {
+public:
+    explicit WriteTransaction(PreparedStatements& statements) : statements_(statements) {
+        Statement(statements_, "BEGIN IMMEDIATE").step();
+    }
+    ~WriteTransaction() {
+        if (open_)
+            sqlite3_exec(statements_.db(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    WriteTransaction(const WriteTransaction&) = delete;
+    WriteTransaction& operator=(const WriteTransaction&) = delete;
+    void commit() {
+        Statement(statements_, "COMMIT").step();
+        open_ = false;
+    }
+
+private:
+    PreparedStatements& statements_;
+    bool open_ = true;
+};
+
+// Before a write: the note's present text joins its past versions, of which the oldest beyond
+// what is kept go.
+void keepPastVersion(PreparedStatements& writes, const QString& key) {
+    Statement(writes,
+              "INSERT INTO note_versions (note_key, version, text) "
+              "SELECT key, version, text FROM notes WHERE key = ?")
+        .bind(1, key)
+        .step();
+    Statement(writes,
+              "DELETE FROM note_versions WHERE note_key = ? "
+              "AND version <= (SELECT version FROM notes WHERE key = ?) - ?")
+        .bind(1, key)
+        .bind(2, key)
+        .bind(3, NotesStore::kVersionsKept)
+        .step();
+}
+
+// The text of the note at version, or at the oldest version kept after it; null when none is.
+QString pastText(PreparedStatements& writes, const QString& key, qint64 version) {
+    Statement s(writes,
+                "SELECT text FROM note_versions WHERE note_key = ? AND version >= ? "
+                "ORDER BY version LIMIT 1");
+    s.bind(1, key).bind(2, version);
+    return s.step() ? s.text(0) : QString();
 }
 
 }  // namespace
@@ -436,17 +493,20 @@ bool SqliteStore::endDevice(qint64 userId, qint64 deviceId) {
 }
 
 Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QString& line,
-                                 qint64 now) {
+                                 qint64 now, const std::optional<SeenVersion>& seen) {
     std::lock_guard lock(mutex_);
+    WriteTransaction transaction(*writes_);
     QString key, text;
+    qint64 version = 0;
     {
         Statement s(*writes_,
-                    "SELECT key, text FROM notes WHERE user_id = ? AND deleted = 0 "
+                    "SELECT key, text, version FROM notes WHERE user_id = ? AND deleted = 0 "
                     "AND substr(text, 1, ?) = ? ORDER BY modified DESC, rowid DESC LIMIT 1");
         s.bind(1, userId).bind(2, qint64(header.size())).bind(3, header);
         if (s.step()) {
             key = s.text(0);
             text = s.text(1);
+            version = s.integer(2);
         }
     }
     if (key.isNull()) {
@@ -460,18 +520,23 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
             .bind(4, now)
             .bind(5, now)
             .step();
-        return {key, true};
+        transaction.commit();
+        return {key, true, 1};
     }
-    if (text.split(QLatin1Char('\n')).contains(line))
-        return {key, false};
-    if (!text.endsWith(QLatin1Char('\n')))
-        text += QLatin1Char('\n');
-    Statement(*writes_, "UPDATE notes SET text = ?, modified = ? WHERE key = ?")
-        .bind(1, text + line)
+    const QString seenText = seen && seen->key == key && seen->version < version
+                                 ? pastText(*writes_, key, seen->version)
+                                 : QString();
+    if (!appendAdds(line, text, seenText))
+        return {key, false, version};
+    keepPastVersion(*writes_, key);
+    Statement(*writes_,
+              "UPDATE notes SET text = ?, modified = ?, version = version + 1 WHERE key = ?")
+        .bind(1, appendedText(text, line))
         .bind(2, now)
         .bind(3, key)
         .step();
-    return {key, true};
+    transaction.commit();
+    return {key, true, version + 1};
 }
 
 QString SqliteStore::createNote(qint64 userId, const QString& text, qint64 now) {
@@ -488,21 +553,42 @@ QString SqliteStore::createNote(qint64 userId, const QString& text, qint64 now) 
     return key;
 }
 
-bool SqliteStore::updateNote(qint64 userId, const QString& key, const QString& text, qint64 now) {
+std::optional<Written> SqliteStore::updateNote(qint64 userId, const QString& key,
+                                               const QString& text, qint64 now,
+                                               std::optional<qint64> baseVersion) {
     std::lock_guard lock(mutex_);
-    Statement(*writes_, "UPDATE notes SET text = ?, modified = ? WHERE key = ? AND user_id = ?")
-        .bind(1, text)
+    WriteTransaction transaction(*writes_);
+    QString current;
+    qint64 version = 0;
+    {
+        Statement s(*writes_, "SELECT text, version FROM notes WHERE key = ? AND user_id = ?");
+        s.bind(1, key).bind(2, userId);
+        if (!s.step())
+            return std::nullopt;
+        current = s.text(0);
+        version = s.integer(1);
+    }
+    Written written{version + 1, baseVersion && *baseVersion < version};
+    QString stored = text;
+    if (written.merged) {
+        const QString base = pastText(*writes_, key, *baseVersion);
+        stored = mergeNoteText(base.isNull() ? current : base, text, current);
+    }
+    keepPastVersion(*writes_, key);
+    Statement(*writes_,
+              "UPDATE notes SET text = ?, modified = ?, version = version + 1 WHERE key = ?")
+        .bind(1, stored)
         .bind(2, now)
         .bind(3, key)
-        .bind(4, userId)
         .step();
-    return sqlite3_changes(db_) > 0;
+    transaction.commit();
+    return written;
 }
 
 std::optional<Note> SqliteStore::note(qint64 userId, const QString& key) {
     const auto lease = reads_.take();
     Statement s(lease.statements(),
-                "SELECT key, text, created, modified, deleted FROM notes "
+                "SELECT key, text, created, modified, deleted, version FROM notes "
                 "WHERE key = ? AND user_id = ?");
     s.bind(1, key).bind(2, userId);
     if (!s.step())
@@ -512,12 +598,21 @@ std::optional<Note> SqliteStore::note(qint64 userId, const QString& key) {
 
 bool SqliteStore::markDeleted(qint64 userId, const QString& key, qint64 now) {
     std::lock_guard lock(mutex_);
-    Statement(*writes_, "UPDATE notes SET deleted = 1, modified = ? WHERE key = ? AND user_id = ?")
+    WriteTransaction transaction(*writes_);
+    {
+        Statement owned(*writes_, "SELECT 1 FROM notes WHERE key = ? AND user_id = ?");
+        if (!owned.bind(1, key).bind(2, userId).step())
+            return false;
+    }
+    keepPastVersion(*writes_, key);
+    Statement(*writes_,
+              "UPDATE notes SET deleted = 1, modified = ?, version = version + 1 "
+              "WHERE key = ?")
         .bind(1, now)
         .bind(2, key)
-        .bind(3, userId)
         .step();
-    return sqlite3_changes(db_) > 0;
+    transaction.commit();
+    return true;
 }
 
 bool SqliteStore::purge(qint64 userId, const QString& key) {
@@ -535,11 +630,11 @@ std::vector<Note> SqliteStore::index(qint64 userId) {
 
 std::vector<Note> SqliteStore::listNotes(qint64 userId, bool withText) {
     const auto lease = reads_.take();
-    Statement s(lease.statements(), withText
-                                        ? "SELECT key, text, created, modified, deleted FROM notes "
-                                          "WHERE user_id = ? ORDER BY modified DESC, rowid DESC"
-                                        : "SELECT key, '', created, modified, deleted FROM notes "
-                                          "WHERE user_id = ? ORDER BY modified DESC, rowid DESC");
+    Statement s(lease.statements(),
+                withText ? "SELECT key, text, created, modified, deleted, version FROM notes "
+                           "WHERE user_id = ? ORDER BY modified DESC, rowid DESC"
+                         : "SELECT key, '', created, modified, deleted, version FROM notes "
+                           "WHERE user_id = ? ORDER BY modified DESC, rowid DESC");
     s.bind(1, userId);
     std::vector<Note> list;
     while (s.step())
@@ -610,7 +705,7 @@ std::vector<Note> SqliteStore::search(qint64 userId, const QString& needle, int 
     const auto end = std::min<std::size_t>(hits.size(), std::size_t(offset) + std::size_t(limit));
     for (std::size_t i = std::size_t(offset); i < end; ++i) {
         Statement row(lease.statements(),
-                      "SELECT key, text, created, modified, deleted FROM notes "
+                      "SELECT key, text, created, modified, deleted, version FROM notes "
                       "WHERE rowid = ?");
         if (row.bind(1, hits[i].rowid).step())
             page.push_back(readNote(row));
@@ -643,14 +738,15 @@ bool SqliteStore::importAccount(const User& user, const std::vector<Note>& notes
         // Oldest first, so that rows tied on their date keep their order.
         for (auto it = notes.rbegin(); it != notes.rend(); ++it) {
             Statement(*writes_,
-                      "INSERT INTO notes (key, user_id, text, created, modified, deleted) "
-                      "VALUES (?, ?, ?, ?, ?, ?)")
+                      "INSERT INTO notes (key, user_id, text, created, modified, deleted, "
+                      "version) VALUES (?, ?, ?, ?, ?, ?, ?)")
                 .bind(1, it->key)
                 .bind(2, id)
                 .bind(3, it->text)
                 .bind(4, it->createMicros)
                 .bind(5, it->modifyMicros)
                 .bind(6, qint64(it->deleted))
+                .bind(7, it->version)
                 .step();
         }
         execute("COMMIT");

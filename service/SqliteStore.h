@@ -16,7 +16,7 @@ namespace notes {
 // from a newer version, or a file that is not a database, is refused and left untouched.
 class SqliteStore : public NotesStore {
 public:
-    static constexpr int kSchemaVersion = 4;
+    static constexpr int kSchemaVersion = 5;
 
     explicit SqliteStore(const QString& path);
     ~SqliteStore() override;
@@ -35,11 +35,11 @@ public:
                                                qint64 nowMicros) override;
     std::vector<Device> devices(qint64 userId, qint64 nowMicros) override;
     bool endDevice(qint64 userId, qint64 deviceId) override;
-    Appended appendLine(qint64 userId, const QString& header, const QString& line,
-                        qint64 nowMicros) override;
+    Appended appendLine(qint64 userId, const QString& header, const QString& line, qint64 nowMicros,
+                        const std::optional<SeenVersion>& seen) override;
     QString createNote(qint64 userId, const QString& text, qint64 nowMicros) override;
-    bool updateNote(qint64 userId, const QString& key, const QString& text,
-                    qint64 nowMicros) override;
+    std::optional<Written> updateNote(qint64 userId, const QString& key, const QString& text,
+                                      qint64 nowMicros, std::optional<qint64> baseVersion) override;
     std::optional<Note> note(qint64 userId, const QString& key) override;
     bool markDeleted(qint64 userId, const QString& key, qint64 nowMicros) override;
     bool purge(qint64 userId, const QString& key) override;

@@ -173,8 +173,15 @@ public:
                                       "address."))}}));
         }
         const QString line = link.toString(QUrl::FullyEncoded);
+        // The download note as the page last saw it, if it did: a link it saw there that the
+        // agent has taken since is not queued a second time.
+        std::optional<SeenVersion> seen;
+        bool versionOk = false;
+        const qint64 version = formValue(req.body, "version").toLongLong(&versionOk);
+        if (versionOk && version > 0)
+            seen = SeenVersion{formValue(req.body, "key"), version};
         const Appended appended =
-            store_.appendLine(session->userId, kDownloadNoteHeader, line, nowMicros());
+            store_.appendLine(session->userId, kDownloadNoteHeader, line, nowMicros(), seen);
         if (appended.added)
             events_.noteChanged(session->userId, appended.key);
         answerJson(res, 200,
@@ -183,6 +190,7 @@ public:
                        {"link", TWJsonValue::string(line)},
                        {"key", TWJsonValue::string(appended.key)},
                        {"added", TWJsonValue::boolean(appended.added)},
+                       {"version", TWJsonValue::number(appended.version)},
                    }));
     }
 

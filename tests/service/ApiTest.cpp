@@ -3,6 +3,7 @@
 #include <QRegularExpression>
 
 #include "Classes/TWJSON/TWJSON.h"
+#include "service/NotesStore.h"
 #include "tests/service/ServiceFixture.h"
 
 namespace servicetest {
@@ -153,6 +154,86 @@ TEST_P(ApiTest, SearchPagesNewestFirstAndCountsEveryMatch) {
                 << p.query;
         }
     }
+}
+
+// A write of a note's text, based on a version when one is given; the stored version, or the
+// failure as "STATUS BODY".
+std::string write(httplib::Client& c, const std::string& path, const std::string& text,
+                  const std::string& base = "") {
+    httplib::Headers headers;
+    if (!base.empty())
+        headers.emplace("Note-Base-Version", base);
+    auto res = c.Post(path.c_str(), headers, base64(text), "application/x-www-form-urlencoded");
+    if (!res || res->status != 200)
+        return res ? std::to_string(res->status) + " " + res->body : "no answer";
+    return res->get_header_value("Note-Version");
+}
+
+// Every write counts; a note GET, the index and search answer the count.
+TEST_P(ApiTest, EveryWriteMakesANewVersion) {
+    const std::string key = createNote("Ferrybox_Downloads\nhttps://example.org/a");
+    const std::string note = "/api/note" + auth("&key=" + key);
+    EXPECT_EQ(client_->Get(note.c_str())->get_header_value("Note-Version"), "1");
+    EXPECT_EQ(write(*client_, note, "Ferrybox_Downloads"), "2");
+    EXPECT_EQ(write(*client_, note, "Ferrybox_Downloads\n# kept", "2"), "3");
+    EXPECT_EQ(client_->Get(note.c_str())->get_header_value("Note-Version"), "3");
+    const TWJsonValue found =
+        json(client_->Get(("/api/search" + auth("&query=Ferrybox_Downloads")).c_str()));
+    EXPECT_EQ(found.valueForKey("Response")
+                  ->valueForKey("Results")
+                  ->at(0)
+                  .valueForKey("version")
+                  ->numberText(),
+              "3");
+    EXPECT_EQ(get(*client_, "/api/delete" + auth("&key=" + key)), "200 " + key);
+    const TWJsonValue index = json(client_->Get(("/api/index" + auth()).c_str()));
+    EXPECT_EQ(index.at(0).valueForKey("version")->numberText(), "4");
+    for (const char* bad : {"x", "0", "-1", "1.5", ""})
+        EXPECT_EQ(write(*client_, note, "text", std::string(" ") + bad), "400 ") << bad;
+    EXPECT_EQ(client_->Get(note.c_str())->body, "Ferrybox_Downloads\n# kept");
+}
+
+// A writer whose text was based on an older version keeps its own text, gets the lines the
+// others added since, and does not bring back the lines they removed since.
+TEST_P(ApiTest, WritesBasedOnAnOlderVersionAreMerged) {
+    struct Row {
+        const char* name;
+        const char* base;
+        const char* writer;
+        const char* others;
+        const char* merged;
+    };
+    const Row rows[] = {
+        {"the agent took A while B was shared", "H\nA", "H", "H\nA\nB", "H\nB"},
+        {"both added a line", "H", "H\nX", "H\nY", "H\nX\nY"},
+        {"both added the same line", "H", "H\nX", "H\nX", "H\nX"},
+        {"both removed the same line", "H\nA", "H", "H", "H"},
+        {"the others changed a line the writer removed", "H\nL", "H", "H\nL'", "H\nL'"},
+        {"a page opened before the agent took A saves", "H\nA", "H\nA\nC", "H", "H\nC"},
+        {"added before a line the writer kept", "H\nA\nZ", "H\nZ", "H\nA\nB\nZ", "H\nB\nZ"},
+    };
+    for (const Row& row : rows) {
+        const std::string note = "/api/note" + auth("&key=" + createNote(row.base));
+        ASSERT_EQ(write(*client_, note, row.others), "2") << row.name;
+        EXPECT_EQ(write(*client_, note, row.writer, "1"), "3") << row.name;
+        EXPECT_EQ(client_->Get(note.c_str())->body, row.merged) << row.name;
+    }
+}
+
+// A base older than the versions kept is merged against the oldest kept, never refused; a base
+// the note has not reached, or none, overwrites.
+TEST_P(ApiTest, BasesOutsideTheVersionsKept) {
+    const std::string note = "/api/note" + auth("&key=" + createNote("H"));
+    ASSERT_EQ(write(*client_, note, "H\nB"), "2");
+    for (int i = 0; i < notes::NotesStore::kVersionsKept; ++i)
+        ASSERT_EQ(write(*client_, note, "H\nB"), std::to_string(3 + i));
+    const std::string last = std::to_string(3 + notes::NotesStore::kVersionsKept);
+    ASSERT_EQ(write(*client_, note, "H\nB\nC"), last);
+    // Only C was added within what is kept; B came before it.
+    EXPECT_EQ(write(*client_, note, "H\nX", "1"), std::to_string(std::stoi(last) + 1));
+    EXPECT_EQ(client_->Get(note.c_str())->body, "H\nX\nC");
+    EXPECT_NE(write(*client_, note, "H\nY", "999"), "");
+    EXPECT_EQ(client_->Get(note.c_str())->body, "H\nY");
 }
 
 }  // namespace

@@ -109,9 +109,10 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     const std::string older = createNote("older");
     const std::string newer = createNote("newer");
     server_->killHard();
-    // Back to the first schema: its index, no device sessions, no search index, and its
-    // version number.
+    // Back to the first schema: its index, no device sessions, no search index, no note
+    // versions, and its version number.
     sql(server_->dbPath(),
+        "DROP TABLE note_versions; ALTER TABLE notes DROP COLUMN version;"
         "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
         "DROP TRIGGER note_search_delete; DROP TABLE note_search; DROP TABLE note_search_folding;"
         "DROP TABLE devices;"
@@ -120,13 +121,15 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
         "PRAGMA user_version=1;");
     ASSERT_TRUE(server_->restart()) << server_->log().toStdString();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
-    EXPECT_EQ(client_->Get(("/api/note" + auth("&key=" + older)).c_str())->body, "older");
+    const auto carried = client_->Get(("/api/note" + auth("&key=" + older)).c_str());
+    EXPECT_EQ(carried->body, "older");
+    EXPECT_EQ(carried->get_header_value("Note-Version"), "1");
     const std::string index = client_->Get(("/api/index" + auth()).c_str())->body;
     EXPECT_LT(index.find(newer), index.find(older)) << index;
     EXPECT_NE(client_->Get(("/api/search" + auth("&query=OLDER")).c_str())->body.find(older),
               std::string::npos);
     server_->killHard();
-    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "4");
+    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "5");
 }
 
 TEST_P(SqliteOperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {

@@ -197,7 +197,7 @@ protected:
 
     void update(const QString& from, const QString& to) {
         Written& w = find(from);
-        ASSERT_TRUE(store_->updateNote(user_, w.key, to, ++clock_));
+        ASSERT_TRUE(store_->updateNote(user_, w.key, to, ++clock_, std::nullopt));
         w.text = to;
         w.modified = clock_;
     }
@@ -298,11 +298,12 @@ TEST_P(SearchTest, FollowsEveryChangeToTheNotes) {
     create(QStringLiteral("zzz sleeping"));
     // A line appended to the download note, made first and then extended.
     const QString header = QStringLiteral("Ferrybox_Downloads");
-    const notes::Appended made =
-        store_->appendLine(user_, header, QStringLiteral("https://example.org/a.zip"), ++clock_);
+    const notes::Appended made = store_->appendLine(
+        user_, header, QStringLiteral("https://example.org/a.zip"), ++clock_, std::nullopt);
     written_.push_back(
         {made.key, header + QStringLiteral("\nhttps://example.org/a.zip"), clock_, order_++});
-    store_->appendLine(user_, header, QStringLiteral("https://example.org/Straße.zip"), ++clock_);
+    store_->appendLine(user_, header, QStringLiteral("https://example.org/Straße.zip"), ++clock_,
+                       std::nullopt);
     written_.back().text += text(u"\nhttps://example.org/Straße.zip"sv);
     written_.back().modified = clock_;
     expectThePlainAnswer("after the changes");
@@ -369,7 +370,7 @@ TEST_P(SqliteSearchTest, AnOlderIndexOrNoneIsMadeRightOnOpening) {
         {"a database of the third schema, before search had an index",
          "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
          "DROP TRIGGER note_search_delete; DROP TABLE note_search;"
-         "DROP TABLE note_search_folding;"
+         "DROP TABLE note_search_folding; DROP TABLE note_versions;"
          "CREATE TABLE old_notes (key TEXT PRIMARY KEY, user_id INTEGER NOT NULL"
          "  REFERENCES users(id) ON DELETE CASCADE, text TEXT NOT NULL, created INTEGER NOT NULL,"
          "  modified INTEGER NOT NULL, deleted INTEGER NOT NULL DEFAULT 0);"
@@ -458,7 +459,7 @@ TEST(PostgresSearchTest, AWordOfFewNotesIsLookedUpNotReadFromEveryNote) {
     for (int i = 0; i < 500; ++i)
         ASSERT_TRUE(store->updateNote(user, theirs[std::size_t(i)].key,
                                       theirs[std::size_t(i)].text + QStringLiteral(" changed"),
-                                      1'800'000'000'000'000 + i));
+                                      1'800'000'000'000'000 + i, std::nullopt));
     expectLookedUp("after 500 changes");
 }
 

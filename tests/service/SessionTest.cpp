@@ -267,6 +267,27 @@ TEST_P(SessionTest, ASharedLinkIsQueuedOnceInTheDownloadNote) {
     EXPECT_EQ(noteText(deleted), "Ferrybox_Downloads");
 }
 
+// A page that saw a link in the download note, shared again after the agent took it, does not
+// queue it a second time; without that sight, the same link is queued anew.
+TEST_P(SessionTest, ALinkTheAgentTookIsNotQueuedAgainByAPageThatSawIt) {
+    const std::string cookie = signIn().cookie;
+    const std::string key = createNote("Ferrybox_Downloads\nhttps://example.org/a.iso");
+    ASSERT_EQ(client_
+                  ->Post(("/api/note" + auth("&key=" + key)).c_str(), base64("Ferrybox_Downloads"),
+                         "application/x-www-form-urlencoded")
+                  ->status,
+              200);
+    const std::string share = "url=https%3A%2F%2Fexample.org%2Fa.iso&key=" + key;
+    const TWJsonValue seen = parse(call("POST", "/web/append", cookie, share + "&version=1")->body);
+    EXPECT_FALSE(seen.valueForKey(QStringLiteral("added"))->boolValue());
+    EXPECT_EQ(seen.valueForKey(QStringLiteral("version"))->numberText(), "2");
+    EXPECT_EQ(noteText(key), "Ferrybox_Downloads");
+    const TWJsonValue fresh = parse(call("POST", "/web/append", cookie, share)->body);
+    EXPECT_TRUE(fresh.valueForKey(QStringLiteral("added"))->boolValue());
+    EXPECT_EQ(fresh.valueForKey(QStringLiteral("version"))->numberText(), "3");
+    EXPECT_EQ(noteText(key), "Ferrybox_Downloads\nhttps://example.org/a.iso");
+}
+
 TEST_P(SessionTest, SharesAtTheSameMomentAllLand) {
     const std::string cookie = signIn().cookie;
     const std::string key = createNote("Ferrybox_Downloads\n# header comment");
