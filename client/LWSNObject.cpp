@@ -45,6 +45,9 @@ QString LWSNObject::HTTPMethodForActionID(int) const {
 std::optional<QByteArray> LWSNObject::HTTPBodyForActionID(int) const {
     return std::nullopt;
 }
+QList<QPair<QByteArray, QByteArray>> LWSNObject::HTTPHeadersForActionID(int) const {
+    return {};
+}
 
 void LWSNObject::updateCredentialsFromStore() {
     authToken_ = LWSimplenoteCredentialStore::authToken();
@@ -163,6 +166,7 @@ void LWSNObject::callMethodWithActionID(int actionID) {
     request.url = URLForActionID(actionID);
     request.httpMethod = HTTPMethodForActionID(actionID).toUtf8();
     request.httpBody = HTTPBodyForActionID(actionID);
+    request.headers = HTTPHeadersForActionID(actionID);
     setReceivedData(std::make_shared<QByteArray>(), actionID);
     // The connection holds this object as its delegate until the outcome is delivered.
     std::shared_ptr<foundation::URLConnectionDelegate> delegate(

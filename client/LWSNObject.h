@@ -43,6 +43,8 @@ public:
     virtual QString endpointForActionID(int actionID) const;
     virtual QString HTTPMethodForActionID(int actionID) const;
     virtual std::optional<QByteArray> HTTPBodyForActionID(int actionID) const;
+    // Request headers of the action beyond the transport's own; none by default.
+    virtual QList<QPair<QByteArray, QByteArray>> HTTPHeadersForActionID(int actionID) const;
     virtual void updateCredentialsFromStore();
 
     static QString baseURLString();

@@ -23,6 +23,18 @@ QString stringMember(const std::optional<TWJsonValue>& value, const QString& key
     return found && found->isString() ? found->stringValue() : QString();
 }
 
+// A note version: a whole number from 1 on, as a JSON number or as header text.
+std::optional<qint64> versionFrom(const QString& text) {
+    bool ok = false;
+    const qint64 version = text.toLongLong(&ok);
+    return ok && version > 0 ? std::optional(version) : std::nullopt;
+}
+
+std::optional<qint64> versionMember(const std::optional<TWJsonValue>& value) {
+    const std::optional<TWJsonValue> found = member(value, QStringLiteral("version"));
+    return found && found->isNumber() ? versionFrom(found->numberText()) : std::nullopt;
+}
+
 }  // namespace
 
 void LWSimplenote::init() {
@@ -54,6 +66,10 @@ std::shared_ptr<LWSimplenote> LWSimplenote::noteWithDictionary(const TWJsonValue
         note->createDate_ = noteDateFromString(create);
     if (std::optional<TWJsonValue> deleted = member(dictionary, QStringLiteral("deleted")))
         note->deleted_ = std::move(deleted);
+    // A search result carries its version beside its key, an index entry at its top level.
+    note->version_ = versionMember(first);
+    if (!note->version_)
+        note->version_ = versionMember(dictionary);
     return note;
 }
 
@@ -98,6 +114,12 @@ std::optional<QByteArray> LWSimplenote::HTTPBodyForActionID(int actionID) const 
     return LWSNObject::HTTPBodyForActionID(actionID);
 }
 
+QList<QPair<QByteArray, QByteArray>> LWSimplenote::HTTPHeadersForActionID(int actionID) const {
+    if (actionID == kPushToRemote && version_)
+        return {{QByteArrayLiteral("Note-Base-Version"), QByteArray::number(*version_)}};
+    return LWSNObject::HTTPHeadersForActionID(actionID);
+}
+
 void LWSimplenote::pullFromRemote() {
     callMethodWithActionID(kPullFromRemote);
 }
@@ -124,6 +146,7 @@ void LWSimplenote::pullFromRemoteSuccessWithResponse(const foundation::HTTPURLRe
         createDate_ = noteDateFromString(create);
     const QString deleted = response.valueForHeader("Note-Deleted");
     deleted_ = deleted.isNull() ? std::nullopt : std::optional(TWJsonValue::string(deleted));
+    version_ = versionFrom(response.valueForHeader("Note-Version"));
     text_ = foundation::strictUtf8(data);
     postSuccessForSelector(QStringLiteral("pullFromRemote"));
 }

@@ -10,6 +10,11 @@
 // One note of the account and the three actions that move it: pull (text and metadata of a
 // known key), push (store the text; without a key the service creates a new note) and delete.
 //
+// The note's version is the service's count of its writes, as a search or a pull gave it;
+// absent when the service gives none. A push names it as the version its text is based on
+// (header Note-Base-Version), so that the service merges in what others wrote since instead of
+// overwriting it. A service that knows no versions sees exactly the requests it always did.
+//
 // A transport failure of any of the three is posted under the handler's own name less the word
 // "Failure" ("LWSimplenotePullFromRemote:FailureNotification", colon included), which is not the
 // name addObserver() registers: observers of a note action hear only of HTTP failures.
@@ -29,6 +34,7 @@ public:
     QString endpointForActionID(int actionID) const override;
     QString HTTPMethodForActionID(int actionID) const override;
     std::optional<QByteArray> HTTPBodyForActionID(int actionID) const override;
+    QList<QPair<QByteArray, QByteArray>> HTTPHeadersForActionID(int actionID) const override;
 
     void pullFromRemote();
     void pushToRemote();
@@ -55,6 +61,8 @@ public:
     // Exactly as received: a header's text after a pull, the JSON value from a dictionary.
     std::optional<TWJsonValue> deleted() const { return deleted_; }
     void setDeleted(std::optional<TWJsonValue> deleted) { deleted_ = std::move(deleted); }
+    std::optional<qint64> version() const { return version_; }
+    void setVersion(std::optional<qint64> version) { version_ = version; }
 
 protected:
     void init() override;
@@ -68,4 +76,5 @@ private:
     std::optional<QDateTime> modifyDate_;
     std::optional<QDateTime> createDate_;
     std::optional<TWJsonValue> deleted_;
+    std::optional<qint64> version_;
 };

@@ -67,6 +67,8 @@ void URLConnection::Private::send() {
         request.setHeader(QNetworkRequest::ContentTypeHeader,
                           QByteArrayLiteral("application/x-www-form-urlencoded"));
     }
+    for (const auto& [name, value] : current.headers)
+        request.setRawHeader(name, value);
     responseSeen = false;
     QNetworkReply* r = current.httpBody ? network().sendCustomRequest(request, current.httpMethod,
                                                                       *current.httpBody)

@@ -20,6 +20,8 @@ struct URLRequest {
     QByteArray httpMethod = "GET";
     std::optional<QByteArray> httpBody;
     double timeoutInterval = 60.0;  // seconds
+    // Sent besides the ones the transport sets itself; kept across redirects.
+    QList<QPair<QByteArray, QByteArray>> headers;
 };
 
 struct HTTPURLResponse {

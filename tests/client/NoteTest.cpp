@@ -53,7 +53,8 @@ TEST_F(NoteTest, PullReadsTheHeadersAndTheText) {
                                        {{"Note-Key", "k2"},
                                         {"Note-Modifydate", "2010-03-05 12:34:56.123456"},
                                         {"Note-Createdate", "2009-01-02 03:04:05.000000"},
-                                        {"Note-Deleted", "false"}}));
+                                        {"Note-Deleted", "false"},
+                                        {"Note-Version", "7"}}));
     auto n = note("k1");
     run(*n, "pullFromRemote", &LWSimplenote::pullFromRemote);
     EXPECT_EQ(n->key(), "k2");
@@ -62,12 +63,14 @@ TEST_F(NoteTest, PullReadsTheHeadersAndTheText) {
     EXPECT_EQ(n->createDate(), QDateTime(QDate(2009, 1, 2), QTime(3, 4, 5), Qt::LocalTime));
     ASSERT_TRUE(n->deleted().has_value());
     EXPECT_EQ(n->deleted()->stringValue(), "false");
+    EXPECT_EQ(n->version(), 7);
 
-    // Without headers the dates stay as they were; key and deleted flag go.
+    // Without headers the dates stay as they were; key, deleted flag and version go.
     server().on("GET", "/api/note", FixtureServer::respond(200, ""));
     run(*n, "pullFromRemote", &LWSimplenote::pullFromRemote);
     EXPECT_TRUE(n->key().isNull());
     EXPECT_FALSE(n->deleted().has_value());
+    EXPECT_FALSE(n->version().has_value());
     EXPECT_EQ(n->modifyDate(), kMarch5);
     EXPECT_EQ(n->text(), "");
     EXPECT_FALSE(n->text().isNull());
@@ -168,6 +171,28 @@ TEST_F(NoteTest, TransportFailurePostsUnderTheColonNameOnly) {
     }
 }
 
+// A push names the version its text is based on, when the note has one; a note of a service
+// without versions is pushed exactly as ever.
+TEST_F(NoteTest, APushNamesTheVersionItReadOnly) {
+    server().on("POST", "/api/note", FixtureServer::respond(200, "k1"));
+    for (const std::optional<qint64> version :
+         {std::optional<qint64>(41), std::optional<qint64>()}) {
+        server().clearRequests();
+        auto n = note("k1");
+        n->setVersion(version);
+        run(*n, "pushToRemote", &LWSimplenote::pushToRemote);
+        const auto headers = server().requests().at(0).headers;
+        const auto base = headers.find("Note-Base-Version");
+        if (version) {
+            ASSERT_NE(base, headers.end());
+            EXPECT_EQ(base->second, "41");
+        } else {
+            EXPECT_EQ(base, headers.end());
+        }
+        EXPECT_EQ(n->version(), version) << "a push changes no field";
+    }
+}
+
 TEST(NoteDictionaryTest, KeyAndTextFromTheFirstResultDatesFromTheTop) {
     TWJSON json;
     const auto d = json.objectWithString(
@@ -181,6 +206,22 @@ TEST(NoteDictionaryTest, KeyAndTextFromTheFirstResultDatesFromTheTop) {
     EXPECT_FALSE(n->createDate().has_value());
     ASSERT_TRUE(n->deleted().has_value());
     EXPECT_EQ(n->deleted()->numberText(), "1");
+    EXPECT_FALSE(n->version().has_value());
+
+    // The version comes with the result a search gives, else from the top as an index entry has
+    // it; only a whole number from 1 on is one.
+    const std::pair<const char*, std::optional<qint64>> versions[] = {
+        {R"({"Response": {"Results": [{"key": "k", "version": 3}]}, "version": 9})", 3},
+        {R"({"key": "k", "version": 12})", 12},
+        {R"({"version": "3"})", std::nullopt},
+        {R"({"version": 0})", std::nullopt},
+        {R"({"version": 2.5})", std::nullopt},
+    };
+    for (const auto& [text, version] : versions) {
+        const auto v = json.objectWithString(text);
+        ASSERT_TRUE(v) << text;
+        EXPECT_EQ(LWSimplenote::noteWithDictionary(&*v)->version(), version) << text;
+    }
 }
 
 // Looking into nothing gives nothing; asking a value of the wrong kind raises.
