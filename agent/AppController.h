@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -65,7 +67,12 @@ public:
     void turnOffAfterLogAppendFailed(const foundation::Notification& notification);
 
     // --- the check cycle
+    // Starts a check, or, while one is under way, has one more run once it is over: however
+    // often a check is asked for meanwhile (the timer, a change, "Check For Downloads Now", a
+    // new interval), one more runs, so that no link is read by two checks at once.
     void searchForNote();
+    // From a check's search until the service has its note back, or it failed or was stopped.
+    bool checkUnderWay() const { return checkUnderWay_; }
     void downloadFiles(const foundation::Notification& notification);
     int downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& note);
     // A line of the download note that a check downloads: not empty, not the header, not a
@@ -78,7 +85,8 @@ public:
     void listenForChanges();
     void stopListeningForChanges();
     // A note of the account changed: when it is the download note and holds a link, the check
-    // timer is fired by hand.
+    // timer is fired by hand. Once the download note's key is known, a change to another note
+    // reads nothing; a note changing faster than it can be read is read once more afterwards.
     void noteDidChange(const QString& key);
     // Null while the agent does not listen.
     LWSimplenoteEventStream* changeStream() const { return changeStream_.get(); }
@@ -211,9 +219,10 @@ private:
     void readOpenAtLoginSetting();
     void showPreferencesWindow();
     void armCheckTimer();
-    void checkTimerFired();
-    void watchChecks();
-    void checkEnded();
+    void endCheck(quint64 check);
+    void stopChecks();
+    void storeCheckedNote(const std::shared_ptr<LWSimplenote>& note);
+    void lookAgainAfterCheck();
     void lookForLinksInNote(const QString& key);
     void setStartButtonAction(const QString& title, const QString& action);
     void startSpinner(bool on);
@@ -263,17 +272,23 @@ private:
     std::function<void()> terminate_;
     std::function<void()> errorShown_;
 
+    // The check under way (AppControllerCheckCycle.cpp). Checks are numbered, so that the late
+    // answer of a check that was stopped ends no later one.
+    bool checkUnderWay_ = false;
+    bool checkAskedAgain_ = false;
+    bool checkStoring_ = false;  // its note's push is under way
+    quint64 checkNumber_ = 0;
+
     // Change events (AppControllerEvents.cpp).
     bool listensForChanges_ = false;
     std::shared_ptr<LWSimplenoteEventStream> changeStream_;
-    std::vector<quint64> checkObservers_;
-    // A check that the timer started is on its way: from the tick until the service has the
-    // rewritten download note (awaitedPushKey_), or the check came to nothing.
-    bool checkUnderWay_ = false;
-    QString awaitedPushKey_;
-    std::shared_ptr<foundation::Timer> checkGiveUp_;
-    // Notes that changed while a check was on its way, looked at again once it is done.
-    QStringList changedDuringCheck_;
-    // The download note's key, as the last check found it.
+    // Counts the times listening stopped: a read started before is not followed after.
+    quint64 listeningNumber_ = 0;
+    // Notes being read for links, each with whether it changed again meanwhile.
+    QHash<QString, bool> noteReads_;
+    // Notes that changed while a check was under way, looked at again once it is over.
+    QSet<QString> changedDuringCheck_;
+    // The download note's key, as the last check found it; forgotten at turning off and at
+    // each login.
     QString downloadNoteKey_;
 };

@@ -1,13 +1,22 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // One check of the download note: find it, start a download for every link line, keep the
 // comment lines, and push the note back with only its header and comments.
+//
+// Checks run one at a time, from the search until the service has the note back: a second
+// check reading the note before the first has stored it would start the same links again.
+// The push names the version the search read, so a link saved meanwhile is merged in by the
+// service rather than overwritten, and the next check takes it.
 #include <QCheckBox>
+#include <QPointer>
+#include <QScopeGuard>
 #include <stdexcept>
 
 #include "agent/AppController.h"
+#include "agent/NoteOutcome.h"
 #include "client/LWSimplenoteSearch.h"
 #include "foundation/AlertPanel.h"
 #include "foundation/Log.h"
+#include "foundation/RunLoop.h"
 
 namespace {
 
@@ -29,13 +38,85 @@ QString substringToIndex(const QString& text, qsizetype n) {
 }  // namespace
 
 void AppController::searchForNote() {
+    if (checkUnderWay_) {
+        checkAskedAgain_ = true;
+        return;
+    }
+    checkUnderWay_ = true;
+    checkStoring_ = false;
+    const quint64 check = ++checkNumber_;
+    // The answers of a check that was stopped (the agent turned off meanwhile) go no further.
+    const auto current = [this, check] { return checkUnderWay_ && check == checkNumber_; };
     auto search = LWSimplenoteSearch::createWithQuery(searchTerm_);
     search->addObserver(
         this, QStringLiteral("pullFromRemote"),
-        [this](const foundation::Notification& n) { downloadFiles(n); },
-        [this](const foundation::Notification& n) { turnFerryboxOffAfterPullFailed(n); });
+        [this, check, current](const foundation::Notification& n) {
+            if (!current())
+                return;
+            // Over here unless its note is being stored, whatever happened on the way (an
+            // alert, turning off, an exception).
+            const auto over = qScopeGuard([this, check] {
+                if (!checkStoring_)
+                    endCheck(check);
+            });
+            downloadFiles(n);
+        },
+        [this, check, current](const foundation::Notification& n) {
+            if (!current())
+                return;
+            endCheck(check);
+            turnFerryboxOffAfterPullFailed(n);
+        });
     sendGrowlNotification(QStringLiteral("checking"), QString());
     search->pullFromRemote();
+}
+
+// The check's note goes back to the service; the check is over when the service has answered,
+// however it answered.
+void AppController::storeCheckedNote(const std::shared_ptr<LWSimplenote>& note) {
+    if (checkUnderWay_ && !checkStoring_) {
+        checkStoring_ = true;
+        const auto ended = [this, check = checkNumber_](const foundation::Notification&) {
+            endCheck(check);
+        };
+        whenNoteActionEnds(this, *note, QStringLiteral("pushToRemote"), ended, ended);
+    }
+    note->pushToRemote();
+}
+
+void AppController::endCheck(quint64 check) {
+    if (!checkUnderWay_ || check != checkNumber_)
+        return;
+    checkUnderWay_ = false;
+    checkStoring_ = false;
+    // After the answer that ended it has been dealt with, and never inside an exception's way
+    // out: a check asked for meanwhile, else a look at the notes that changed meanwhile.
+    foundation::RunLoop::main().performInDefaultMode(
+        [controller = QPointer<AppController>(this)] {
+            if (controller)
+                controller->lookAgainAfterCheck();
+        },
+        this);
+}
+
+void AppController::lookAgainAfterCheck() {
+    if (checkUnderWay_ || !appRunning_)
+        return;
+    if (std::exchange(checkAskedAgain_, false)) {
+        // That check reads the download note afresh: what changed meanwhile needs no look.
+        changedDuringCheck_.clear();
+        searchForNote();
+        return;
+    }
+    const QSet<QString> changed = std::exchange(changedDuringCheck_, QSet<QString>());
+    for (const QString& key : changed)
+        noteDidChange(key);
+}
+
+void AppController::stopChecks() {
+    checkUnderWay_ = false;
+    checkStoring_ = false;
+    checkAskedAgain_ = false;
 }
 
 void AppController::downloadFiles(const foundation::Notification& notification) {
@@ -44,11 +125,13 @@ void AppController::downloadFiles(const foundation::Notification& notification) 
         search && search->contents() ? *search->contents()
                                      : std::vector<std::shared_ptr<LWSimplenote>>();
     if (notes.size() == 1) {
+        downloadNoteKey_ = notes.front()->key();
         downloadFilesFromNote(notes.front());
     } else if (notes.empty()) {
         auto note = LWSNObject::create<LWSimplenote>();
         note->setText(searchTerm_);
-        note->pushToRemote();
+        // The next check must find this note rather than make a second one.
+        storeCheckedNote(note);
         // The message names the default folder whatever folder is set.
         foundation::AlertPanel::runModal(
             {QStringLiteral("Note Created"),
@@ -112,7 +195,8 @@ int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& no
     for (const QString& line : kept)
         rewritten += QLatin1Char('\n') + line;
     note->setText(rewritten);
-    // Not followed: a push that fails leaves the links for the next check to fetch again.
-    note->pushToRemote();
+    // Its outcome ends the check and is not reported: a push that fails leaves the links for the
+    // next check to fetch again.
+    storeCheckedNote(note);
     return 0;
 }

@@ -10,26 +10,13 @@
 #include <algorithm>
 
 #include "agent/AppController.h"
+#include "agent/NoteOutcome.h"
 #include "client/LWSimplenote.h"
 #include "client/LWSimplenoteEventStream.h"
-#include "client/LWSimplenoteSearch.h"
 #include "foundation/RunLoop.h"
 #include "foundation/Timer.h"
 
 namespace {
-
-const QString kSearchSucceeded =
-    QStringLiteral("LWSimplenoteSearchPullFromRemoteSuccessNotification");
-const QString kSearchFailed = QStringLiteral("LWSimplenoteSearchPullFromRemoteFailureNotification");
-const QString kPushSucceeded = QStringLiteral("LWSimplenotePushToRemoteSuccessNotification");
-const QString kPushFailed = QStringLiteral("LWSimplenotePushToRemoteFailureNotification");
-// A note action's transport failure goes out under its handler's name (see LWSimplenote).
-const QString kPushFailedInTransport =
-    QStringLiteral("LWSimplenotePushToRemote:FailureNotification");
-
-// Longer than any check can take: its search and its push each give up after 60 seconds. Past
-// this, a check whose end went unseen (it threw on the way) holds up no change any longer.
-constexpr double kLongestCheckSeconds = 150.0;
 
 // Whether a check would download anything from this text: it must begin with the search term.
 bool holdsLinks(const QString& text, const QString& searchTerm) {
@@ -49,10 +36,12 @@ bool isDeleted(const LWSimplenote& note) {
 }  // namespace
 
 // Called at every login: a new session means a new token, and a service that had no events (or
-// refused the old session) is asked again.
+// refused the old session) is asked again. The download note is learnt afresh: this may be
+// another account.
 void AppController::listenForChanges() {
     if (!listensForChanges_)
         return;
+    downloadNoteKey_.clear();
     if (!changeStream_) {
         changeStream_ = std::make_shared<LWSimplenoteEventStream>(LWSNObject::baseURLString());
         QPointer<AppController> controller(this);
@@ -80,132 +69,67 @@ void AppController::listenForChanges() {
                 controller);
         });
     }
-    watchChecks();
     changeStream_->start();
 }
 
 void AppController::stopListeningForChanges() {
     changeStream_.reset();
-    auto& center = foundation::NotificationCenter::defaultCenter();
-    for (const quint64 id : checkObservers_)
-        center.removeObserver(id);
-    checkObservers_.clear();
-    checkUnderWay_ = false;
-    awaitedPushKey_.clear();
+    ++listeningNumber_;
+    noteReads_.clear();
     changedDuringCheck_.clear();
-    if (checkGiveUp_)
-        checkGiveUp_->invalidate();
-    checkGiveUp_.reset();
+    downloadNoteKey_.clear();
 }
 
-// The check timer's action. While the agent listens, it notes that a check is on its way (the
-// first one, at login, just before the listening begins).
-void AppController::checkTimerFired() {
-    if (listensForChanges_) {
-        checkUnderWay_ = true;
-        awaitedPushKey_.clear();
-        if (checkGiveUp_)
-            checkGiveUp_->invalidate();
-        QPointer<AppController> controller(this);
-        checkGiveUp_ = foundation::Timer::create(kLongestCheckSeconds, false, [controller] {
-            if (controller)
-                controller->checkEnded();
-        });
-        checkGiveUp_->scheduleInDefaultMode();
-    }
-    searchForNote();
-}
-
-// A check ends when the service has the rewritten download note, or when its search failed or
-// found no single note (then nothing was taken from any note). The check cycle itself knows
-// nothing of this; its outcomes are heard here from the notification centre, which tells every
-// observer of a name whoever posted it.
-void AppController::watchChecks() {
-    if (!checkObservers_.empty())
-        return;
-    auto& center = foundation::NotificationCenter::defaultCenter();
-    const void* owner = &checkObservers_;
-    checkObservers_.push_back(center.addObserver(
-        owner, kSearchSucceeded, nullptr, [this](const foundation::Notification& n) {
-            const auto search = LWSNObject::fromNotification<LWSimplenoteSearch>(n);
-            if (!search || search->query() != searchTerm_)
-                return;  // the log note's
-            const auto& notes = search->contents();
-            if (notes && notes->size() == 1 && !notes->front()->key().isEmpty()) {
-                downloadNoteKey_ = notes->front()->key();
-                // The check pushes this note back right after this answer.
-                if (checkUnderWay_)
-                    awaitedPushKey_ = downloadNoteKey_;
-            } else if (checkUnderWay_) {
-                checkEnded();
-            }
-        }));
-    checkObservers_.push_back(center.addObserver(
-        owner, kSearchFailed, nullptr, [this](const foundation::Notification& n) {
-            const auto search = LWSNObject::fromNotification<LWSimplenoteSearch>(n);
-            if (search && search->query() == searchTerm_ && checkUnderWay_)
-                checkEnded();
-        }));
-    for (const QString& name : {kPushSucceeded, kPushFailed, kPushFailedInTransport}) {
-        checkObservers_.push_back(
-            center.addObserver(owner, name, nullptr, [this](const foundation::Notification& n) {
-                const auto note = LWSNObject::fromNotification<LWSimplenote>(n);
-                if (checkUnderWay_ && note && !awaitedPushKey_.isEmpty() &&
-                    note->key() == awaitedPushKey_)
-                    checkEnded();
-            }));
-    }
-}
-
-void AppController::checkEnded() {
-    checkUnderWay_ = false;
-    awaitedPushKey_.clear();
-    if (checkGiveUp_)
-        checkGiveUp_->invalidate();
-    checkGiveUp_.reset();
-    const QStringList changed = std::exchange(changedDuringCheck_, QStringList());
-    for (const QString& key : changed)
-        lookForLinksInNote(key);
-}
-
-// One check at a time, as the timer has always made them: a change heard while a check is on
-// its way starts no second one, which would read the same note before the first has pushed it
-// back and fetch its links twice. The note is looked at again once that check is over: by then
-// either the check took the new link (and pushed a note without it), or the link came after the
-// check's search and is still there, and a check starts for it.
+// A change heard while a check is under way starts nothing beside it: the note is looked at
+// once that check is over. By then either the check took the new link (and stored a note
+// without it), or the link came after the check's search and is still there, and a check
+// starts for it.
 void AppController::noteDidChange(const QString& key) {
     if (!appRunning_ || !changeStream_)
         return;
+    if (!downloadNoteKey_.isEmpty() && key != downloadNoteKey_)
+        return;
     if (checkUnderWay_) {
-        if (!changedDuringCheck_.contains(key))
-            changedDuringCheck_ << key;
+        changedDuringCheck_.insert(key);
         return;
     }
     lookForLinksInNote(key);
 }
 
-// The changed note is read (any note of the account may have changed); only the download note
-// with a link in it starts a check. A note that cannot be read (deleted meanwhile, a service
-// that hiccups) is let be: the timer still checks at its interval.
+// The changed note is read (until the download note is known, any note of the account may be
+// it); only the download note with a link in it starts a check. One read of a note at a time:
+// changes heard meanwhile make one more read once it is over. A note that cannot be read
+// (deleted meanwhile, a service that hiccups) is let be: the timer still checks at its interval.
 void AppController::lookForLinksInNote(const QString& key) {
+    if (const auto reading = noteReads_.find(key); reading != noteReads_.end()) {
+        *reading = true;
+        return;
+    }
+    noteReads_.insert(key, false);
+    // The read is over: a change heard meanwhile is looked at. Nothing of a read from before the
+    // agent last stopped listening is followed.
+    const auto over = [this, key, listening = listeningNumber_] {
+        if (listening != listeningNumber_)
+            return false;
+        if (noteReads_.take(key))
+            foundation::RunLoop::main().performInDefaultMode([this, key] { noteDidChange(key); },
+                                                             this);
+        return true;
+    };
     auto note = LWSNObject::create<LWSimplenote>();
     note->setKey(key);
-    note->addObserver(
-        this, QStringLiteral("pullFromRemote"),
-        [this](const foundation::Notification& n) {
+    whenNoteActionEnds(
+        this, *note, QStringLiteral("pullFromRemote"),
+        [this, over](const foundation::Notification& n) {
+            if (!over())
+                return;
             const auto pulled = LWSNObject::fromNotification<LWSimplenote>(n);
-            if (!pulled || !appRunning_ || !changeStream_ || isDeleted(*pulled) ||
-                !holdsLinks(pulled->text(), searchTerm_))
+            if (!pulled || isDeleted(*pulled) || !holdsLinks(pulled->text(), searchTerm_))
                 return;
             downloadNoteKey_ = pulled->key();
-            if (checkUnderWay_) {
-                if (!changedDuringCheck_.contains(pulled->key()))
-                    changedDuringCheck_ << pulled->key();
-                return;
-            }
-            if (timer_ && timer_->isValid())
+            if (appRunning_ && timer_ && timer_->isValid())
                 timer_->fire();
         },
-        [](const foundation::Notification&) {});
+        [over](const foundation::Notification&) { over(); });
     note->pullFromRemote();
 }

@@ -98,7 +98,7 @@ void AppController::armCheckTimer() {
     QPointer<AppController> controller(this);
     timer_ = foundation::Timer::create(checkPeriodSeconds(interval_), true, [controller] {
         if (controller)
-            controller->checkTimerFired();
+            controller->searchForNote();
     });
     updateMenu();
     timer_->scheduleInDefaultMode();
@@ -138,6 +138,7 @@ void AppController::turnFerryboxOff(QObject*) {
 void AppController::turnOff() {
     if (timer_)
         timer_->invalidate();
+    stopChecks();
     stopListeningForChanges();
     emailField_->setEnabled(true);
     passwordField_->setEnabled(true);

@@ -26,7 +26,8 @@ protected:
         startWithAccount("me@example.org", "secret");
         ASSERT_TRUE(waitForRunning());
         // The first check, at login, is over once the note is pushed back.
-        ASSERT_TRUE(waitUntil([] { return count("POST", "/api/note") == 1; }));
+        ASSERT_TRUE(waitUntil(
+            [this] { return count("POST", "/api/note") == 1 && !controller().checkUnderWay(); }));
         ASSERT_TRUE(waitUntil([this] {
             return controller().changeStream() && controller().changeStream()->state() ==
                                                       LWSimplenoteEventStream::State::Unavailable;
@@ -106,16 +107,46 @@ INSTANTIATE_TEST_SUITE_P(
         FiringCase{"DownloadNoteInTheTrash", "Ferrybox_Downloads\n@/files/a.zip", true, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// A note that cannot be read (gone meanwhile) starts nothing and shows nothing.
-TEST_F(ChangeFiringTest, NoteThatCannotBeReadIsLetBe) {
-    server().on("GET", "/api/note", FixtureServer::respond(404, ""));
-    controller().noteDidChange("gone");
-    ASSERT_TRUE(waitUntil([] { return count("GET", "/api/note") == 1; }));
-    settle(200);
-    EXPECT_EQ(count("GET", "/api/search"), 0);
+// The download note that cannot be read (gone meanwhile, the service answering 503, no answer
+// at all) starts nothing and shows nothing, and is read again at its next change.
+TEST_F(ChangeFiringTest, DownloadNoteThatCannotBeReadIsLetBe) {
+    for (const auto& failure : {FixtureServer::respond(404, ""), FixtureServer::respond(503, ""),
+                                server().stallMidBody(100, 1, true)}) {
+        server().clearRequests();
+        server().on("GET", "/api/note", failure);
+        controller().noteDidChange("dl");
+        ASSERT_TRUE(waitUntil([] { return count("GET", "/api/note") == 1; }));
+        settle(200);
+        controller().noteDidChange("dl");
+        EXPECT_TRUE(waitUntil([] { return count("GET", "/api/note") == 2; }));
+        settle(100);
+        EXPECT_EQ(count("GET", "/api/search"), 0);
+    }
     EXPECT_TRUE(controller().appRunning());
     EXPECT_TRUE(controller().errorLabel()->text().isEmpty());
     EXPECT_TRUE(alerts.empty());
+}
+
+// Once a check has found the download note, the changes of the account's other notes cost
+// nothing; changes of the download note faster than it can be read make one more read, not one
+// each.
+TEST_F(ChangeFiringTest, OnlyTheDownloadNoteIsReadAndNeverMoreThanOnceAtATime) {
+    answerNote("Ferrybox_Downloads");
+    for (int i = 0; i < 20; ++i)
+        controller().noteDidChange(QString("other %1").arg(i));
+    server().on("GET", "/api/note", server().stall(200, "Ferrybox_Downloads"));
+    for (int i = 0; i < 5; ++i)
+        controller().noteDidChange("dl");
+    ASSERT_TRUE(server().waitForRequests(1));
+    settle(200);
+    EXPECT_EQ(count("GET", "/api/note"), 1);
+    answerNote("Ferrybox_Downloads");
+    server().releaseStalled();
+    EXPECT_TRUE(waitUntil([] { return count("GET", "/api/note") == 2; }));
+    settle(300);
+    EXPECT_EQ(count("GET", "/api/note"), 2);
+    for (const auto& r : server().requests())
+        EXPECT_NE(r.query.find("key=dl"), std::string::npos) << r.query;
 }
 
 // A change heard while a check is on its way starts no second check beside it: the note is read
@@ -143,6 +174,39 @@ TEST_F(ChangeFiringTest, ChangeDuringACheckWaitsForIt) {
     EXPECT_GT(firstIndex("GET", "/api/note"), push);
     EXPECT_GT(firstIndex("GET", "/api/search", 1), push);
     EXPECT_TRUE(waitUntil([] { return count("POST", "/api/note") == 2; }));
+}
+
+// However a check is asked for while one is under way (the timer, "Check For Downloads Now", a
+// new interval, the download note changing), one more check runs once it is over, and only
+// then: no link is read by two checks at once.
+TEST_F(ChangeFiringTest, ChecksAskedForDuringACheckMakeOneMoreAfterIt) {
+    answerNote("Ferrybox_Downloads\n@/files/a.zip");
+    const std::string note = withServer("Ferrybox_Downloads\n@/files/a.zip").toStdString();
+    server().on(
+        "GET", "/api/search",
+        server().stall(200, R"({"Response": {"Results": [{"key": "dl", "content": ")" +
+                                QString::fromStdString(note).replace("\n", "\\n").toStdString() +
+                                R"("}]}})"));
+    controller().timer()->fire();
+    ASSERT_TRUE(server().waitForRequests(1));
+    EXPECT_TRUE(controller().checkUnderWay());
+    controller().timer()->fire();
+    controller().tryToPerform("searchForNote", nullptr);
+    controller().intervalField()->setText("7");
+    controller().controlTextDidEndEditing(nullptr);
+    controller().noteDidChange("dl");
+    settle(200);
+    EXPECT_EQ(count("GET", "/api/search"), 1);
+    EXPECT_EQ(count("GET", "/api/note"), 0);
+
+    answerSearch("Ferrybox_Downloads");
+    server().releaseStalled();
+    ASSERT_TRUE(waitUntil([] { return count("POST", "/api/note") == 2; }));
+    EXPECT_TRUE(waitUntil([this] { return !controller().checkUnderWay(); }));
+    settle(300);
+    EXPECT_EQ(count("GET", "/api/search"), 2);
+    EXPECT_GT(firstIndex("GET", "/api/search", 1), firstIndex("POST", "/api/note"));
+    EXPECT_EQ(count("GET", "/files/a.zip"), 1);
 }
 
 }  // namespace
