@@ -96,6 +96,10 @@ bool Application::start() {
         watchLogin();
 
     controller.awakeFromNib();
+    // A signal that came while start-up waited (for the keyring, say) found no event loop to end:
+    // it ends the agent here instead, with the status a later one gives.
+    if (quitAsked_)
+        return false;
     // Before the first check (it follows the login's answer): what an agent that was killed
     // left behind in the download folder goes.
     foundation::PartialFiles::removeStale(
@@ -112,7 +116,7 @@ bool Application::start() {
         exitStatus_ = 1;
         return false;
     }
-    return true;
+    return !quitAsked_;
 }
 
 // A second agent in one session would download every link twice: when one already runs, it is
@@ -180,6 +184,7 @@ void Application::terminate() {
 // Nothing goes on after the decision to quit: no partial file is left in the download folder, and
 // a request still under way (a note's push, say) is given up as the process's end would.
 void Application::quit() {
+    quitAsked_ = true;
     foundation::URLDownload::cancelAll();
     foundation::URLConnection::cancelAll();
     QCoreApplication::exit(exitStatus_);

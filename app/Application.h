@@ -30,11 +30,12 @@ public:
     // that runs already show its window; false (with the status to exit with) in that case.
     static bool becomeTheSessionAgent(int* exitStatus);
 
-    // Runs start-up; false (with the exit status set) when the agent cannot run.
+    // Runs start-up; false (with the exit status set) when the agent cannot run, or was asked to
+    // quit meanwhile.
     bool start();
     // The Quit command: asks the controller's quit guard and quits when it agrees.
     void terminate();
-    // Quits at once.
+    // Quits at once; before the main event loop runs, start() ends the agent instead.
     void quit();
     int exitStatus() const { return exitStatus_; }
     MainInterface& interface() { return *interface_; }
@@ -54,4 +55,6 @@ private:
     std::unique_ptr<ui::NoTrayFallback> noTray_;
     std::shared_ptr<foundation::Timer> idlePoll_;
     int exitStatus_ = 0;
+    // quit() ends an event loop that runs; during start-up none does yet.
+    bool quitAsked_ = false;
 };

@@ -18,13 +18,12 @@ struct HungKeyring::Thread : QThread {
     void run() override { release.acquire(); }
 };
 
-HungKeyring::HungKeyring()
+HungKeyring::HungKeyring(const QString& busAddress)
     : connectionName_(
           QStringLiteral("hung-keyring-%1").arg(reinterpret_cast<quintptr>(this), 0, 16)),
       thread_(std::make_unique<Thread>()),
       silent_(std::make_unique<QObject>()) {
-    QDBusConnection bus = QDBusConnection::connectToBus(
-        qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), connectionName_);
+    QDBusConnection bus = QDBusConnection::connectToBus(busAddress, connectionName_);
     registered_ = bus.isConnected() &&
                   bus.registerObject(kPath, silent_.get(), QDBusConnection::ExportAllContents);
     // From here on the calls the bus hands to the object wait in a thread that never takes them.

@@ -43,7 +43,7 @@ QByteArray readLine(int fd) {
 
 }  // namespace
 
-PrivateSessionBus::PrivateSessionBus() {
+PrivateSessionBus::PrivateSessionBus(bool becomeTheSessionBus) {
     const QString configPath =
         QDir::temp().filePath(QStringLiteral("ferrybox-test-bus-%1.conf").arg(::getpid()));
     QFile config(configPath);
@@ -79,7 +79,8 @@ PrivateSessionBus::PrivateSessionBus() {
         std::fprintf(stderr, "test support: could not start a private dbus-daemon\n");
         return;
     }
-    qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toLocal8Bit());
+    if (becomeTheSessionBus)
+        qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toLocal8Bit());
 }
 
 PrivateSessionBus::~PrivateSessionBus() {

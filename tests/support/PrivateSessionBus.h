@@ -9,10 +9,11 @@ namespace testsupport {
 // A D-Bus session bus of the test process's own: a dbus-daemon that activates no services,
 // whose address is put into DBUS_SESSION_BUS_ADDRESS. Qt connects to the session bus once per
 // process, so make it before anything can reach for the bus. The daemon dies with the process,
-// even one that crashes.
+// even one that crashes. A second one, made with becomeTheSessionBus false, leaves the
+// environment alone: a bus for a child process whose world differs from the test's.
 class PrivateSessionBus {
 public:
-    PrivateSessionBus();
+    explicit PrivateSessionBus(bool becomeTheSessionBus = true);
     ~PrivateSessionBus();
     PrivateSessionBus(const PrivateSessionBus&) = delete;
     PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;

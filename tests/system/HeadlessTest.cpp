@@ -10,7 +10,9 @@
 
 #include "platform/KCKeychainItem.h"
 #include "tests/support/FixtureServer.h"
+#include "tests/support/HungKeyring.h"
 #include "tests/support/PrivateKeyring.h"
+#include "tests/support/PrivateSessionBus.h"
 #include "tests/support/Wait.h"
 
 namespace {
@@ -203,6 +205,37 @@ TEST_F(HeadlessTest, TerminateSignalQuitsWithoutAskingOrPartialFiles) {
     EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
     EXPECT_FALSE(err.contains("alert:"));
     EXPECT_TRUE(folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).isEmpty());
+}
+
+// A SIGTERM in the first seconds, while start-up still waits for a keyring that never answers
+// (its own bus, beside the test's keyring), ends the run as a later one does; it is not lost
+// because no event loop ran yet to be ended.
+TEST_F(HeadlessTest, TerminateSignalDuringStartUpQuits) {
+    testsupport::PrivateSessionBus agentBus(false);
+    testsupport::HungKeyring keyring(agentBus.address());
+    ASSERT_TRUE(keyring.isRegistered());
+    QProcessEnvironment env = environment();
+    env.insert("DBUS_SESSION_BUS_ADDRESS", agentBus.address());
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(binary(), {"--headless", "--email", "me@example.org"});
+    ASSERT_TRUE(process.waitForStarted());
+    // The agent catches SIGTERM from just before it asks the keyring for the password.
+    const QString status = QString("/proc/%1/status").arg(process.processId());
+    ASSERT_TRUE(testsupport::waitUntil(
+        [&] {
+            QFile file(status);
+            const QByteArray text = file.open(QIODevice::ReadOnly) ? file.readAll() : "";
+            const qsizetype at = text.indexOf("SigCgt:");
+            return at >= 0 && (text.mid(at + 7, 17).trimmed().toULongLong(nullptr, 16) &
+                               (1ull << (SIGTERM - 1)));
+        },
+        10000));
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    ASSERT_TRUE(process.waitForFinished(10000));
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
 }
 
 // The resolver, which the agent never calls, from the command line: its three lines, or the
