@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The file name a response suggests, made safe to put into a folder: whatever a server answers,
-// the name cannot lead out of the folder it is saved in.
+// the name cannot lead out of the folder it is saved in, nor pass for a partial file that the
+// next start would delete.
 #include <QMap>
 #include <QStringDecoder>
 #include <QUrl>
 
+#include "foundation/PartialFiles.h"
 #include "foundation/URLConnection.h"
+#include "foundation/Utf8.h"
 
 namespace foundation {
 
@@ -63,8 +66,8 @@ QString extendedValue(const QString& value) {
     return charset == QLatin1String("iso-8859-1") ? QString::fromLatin1(bytes) : QString();
 }
 
-// The last component of a name that may hold a path, without control characters; empty when
-// nothing usable is left.
+// The last component of a name that may hold a path, without control characters, at most 255
+// bytes and never of a partial file's form; empty when nothing usable is left.
 QString safeName(const QString& suggested) {
     QString name = suggested;
     name.replace(QLatin1Char('\\'), QLatin1Char('/'));
@@ -73,8 +76,10 @@ QString safeName(const QString& suggested) {
     name = name.trimmed();
     if (name == QLatin1String(".") || name == QLatin1String(".."))
         return QString();
-    while (name.toUtf8().size() > kMaxNameBytes)
-        name.chop(name.size() >= 2 && name.back().isLowSurrogate() ? 2 : 1);
+    name = leadingUtf8Bytes(name, kMaxNameBytes);
+    // Every partial file's name begins with "."; the finished file's then does not.
+    if (PartialFiles::isPartialName(name))
+        name[0] = QLatin1Char('_');
     return name;
 }
 

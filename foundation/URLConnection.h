@@ -34,7 +34,8 @@ struct HTTPURLResponse {
     QString valueForHeader(const QByteArray& name) const;
     // The name to save the body under: Content-Disposition's filename* (RFC 5987), else its
     // filename, else the URL's last path component, else "index.html". Always a plain name of
-    // its own: no "/" or "\\", no control characters, never "." or "..", at most 255 bytes.
+    // its own: no "/" or "\\", no control characters, never "." or "..", at most 255 bytes, and
+    // never of the partial files' form (".x.1-2.part" becomes "_x.1-2.part").
     QString suggestedFilename() const;
     // The standard reason phrase in lower case ("not found"); "server error" for unknown 5xx
     // codes and the like.

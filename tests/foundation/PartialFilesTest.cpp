@@ -30,16 +30,26 @@ struct File {
     bool writtenLongAgo = false;  // before this process started: a process of the id since
 };
 
-TEST(PartialFilesTest, OnlyThoseOfEndedWritersGo) {
+TEST(PartialFilesTest, OnlyThoseOfEndedWritersOnThisMachineGo) {
     QTemporaryDir dir;
     const qint64 ended = endedProcess();
     const qint64 running = ::getpid();
+    const QString elsewhere = PartialFiles::hostTag() == "00000000" ? "00000001" : "00000000";
+    // As long as a file system allows a name, in characters of two bytes and more.
+    const QString longest = QString("ü").repeated(101) + QString("€").repeated(16) + "x.txt";
+    ASSERT_EQ(longest.toUtf8().size(), 255);
     const File files[] = {
         {PartialFiles::nameFor("film.mkv", ended, 3), true},
         {PartialFiles::nameFor("report 2.pdf", ended, 1), true},
+        {PartialFiles::nameFor(longest, ended, 1), true},
         {PartialFiles::nameFor("film.mkv", running, 1), false},
         // The id now belongs to a process that started after the file was last written.
         {PartialFiles::nameFor("old.iso", running, 2), true, true},
+        // Another machine's, in a shared home: its process ids mean nothing here.
+        {PartialFiles::nameFor("film.mkv", ended, 4, elsewhere), false},
+        // Of an older Ferrybox here, whose names tell no machine.
+        {QString(".film.mkv.%1-5.part").arg(ended), true},
+        {QString(".film.mkv.%1-6.part").arg(running), false},
         // Not ours: a person's own files, other programs' partial files.
         {".notes.part", false},
         {".film.mkv.part", false},
@@ -49,6 +59,7 @@ TEST(PartialFilesTest, OnlyThoseOfEndedWritersGo) {
         {"film.mkv", false},
     };
     for (const File& f : files) {
+        EXPECT_LE(f.name.toUtf8().size(), 255) << f.name.toStdString();
         QFile file(dir.filePath(f.name));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << f.name.toStdString();
         if (f.writtenLongAgo) {

@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <functional>
 
+#include "foundation/PartialFiles.h"
 #include "foundation/URLDownload.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/Wait.h"
@@ -104,6 +105,8 @@ TEST_P(TransferTest, EventsAndWhatIsLeftInTheFolder) {
     EXPECT_EQ(recorder.events, c.events);
     EXPECT_EQ(URLDownload::inFlightCount(), 0);
 
+    // What the next start sweeps away is never a finished file.
+    foundation::PartialFiles::removeStale(recorder.folder);
     QStringList files;
     const QDir folder(recorder.folder);
     for (const QString& name : folder.entryList(QDir::Files | QDir::Hidden)) {
@@ -123,6 +126,13 @@ auto serve(const std::string& path, int status, const std::string& body,
 auto disposition(const std::string& value) {
     return serve("/get", 200, "body", {{"Content-Disposition", value}});
 }
+
+// As long as a file system allows a name: its partial file's name has to be shortened.
+const QString kLongest = QString("ü").repeated(101) + QString("€").repeated(16) + "x.txt";
+// Names of partial files of this machine and of an older Ferrybox, from a process id that no
+// system gives out, so that the sweep after the transfer would take them.
+const QString kPartialShaped = ".x." + foundation::PartialFiles::hostTag() + "-999999999-4.part";
+const QString kOlderPartialShaped = ".x.999999999-4.part";
 
 INSTANTIATE_TEST_SUITE_P(
     Foundation, TransferTest,
@@ -162,6 +172,25 @@ INSTANTIATE_TEST_SUITE_P(
                      "@/get",
                      {"begin", "response 200 4", "destination get", "data", "finish 4"},
                      {"get=body"}},
+        TransferCase{"LongestName",
+                     disposition("attachment; filename*=UTF-8''" +
+                                 QUrl::toPercentEncoding(kLongest).toStdString()),
+                     "@/get",
+                     {"begin", "response 200 4", "destination " + kLongest, "data", "finish 4"},
+                     {kLongest + "=body"}},
+        TransferCase{"NameOfAPartialFile",
+                     disposition("attachment; filename=\"" + kPartialShaped.toStdString() + "\""),
+                     "@/get",
+                     {"begin", "response 200 4", "destination _" + kPartialShaped.mid(1), "data",
+                      "finish 4"},
+                     {"_" + kPartialShaped.mid(1) + "=body"}},
+        TransferCase{
+            "NameOfAnOlderPartialFile",
+            disposition("attachment; filename=\"" + kOlderPartialShaped.toStdString() + "\""),
+            "@/get",
+            {"begin", "response 200 4", "destination _" + kOlderPartialShaped.mid(1), "data",
+             "finish 4"},
+            {"_" + kOlderPartialShaped.mid(1) + "=body"}},
         TransferCase{"NoNameAtAll",
                      serve("/", 200, "<html>"),
                      "@/",
