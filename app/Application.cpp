@@ -15,6 +15,7 @@
 #include "foundation/NotificationCenter.h"
 #include "foundation/PartialFiles.h"
 #include "foundation/Paths.h"
+#include "foundation/RunLoop.h"
 #include "foundation/Timer.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
@@ -31,8 +32,12 @@ namespace {
 
 int signalPipe[2] = {-1, -1};
 
-void onSignal(int) {
-    const char byte = 1;
+// One byte per signal, telling which it was; the event loop does the work.
+constexpr char kQuitSignal = 1;
+constexpr char kCheckSignal = 2;
+
+void onSignal(int signal) {
+    const char byte = signal == SIGUSR1 ? kCheckSignal : kQuitSignal;
     [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
 }
 
@@ -200,14 +205,26 @@ bool Application::eventFilter(QObject* watched, QEvent* event) {
 
 void Application::installSignalHandlers() {
     if (signalPipe[0] < 0 && ::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0) {
-        foundation::log(QStringLiteral("cannot watch SIGINT and SIGTERM"));
+        foundation::log(QStringLiteral("cannot watch SIGINT, SIGTERM and SIGUSR1"));
         return;
     }
     auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this);
     QObject::connect(notifier, &QSocketNotifier::activated, this, [this] {
-        char byte;
+        char byte = kQuitSignal;
         [[maybe_unused]] auto got = ::read(signalPipe[0], &byte, 1);
-        quit();
+        if (byte != kCheckSignal) {
+            quit();
+            return;
+        }
+        // "Check For Downloads Now" for a script or a service manager, as the menu's own:
+        // work of the default mode, while the agent runs.
+        foundation::RunLoop::main().performInDefaultMode(
+            [this] {
+                AppController& controller = interface_->controller();
+                if (controller.appRunning())
+                    controller.tryToPerform(QStringLiteral("searchForNote"), nullptr);
+            },
+            this);
     });
     struct sigaction action {};
     action.sa_handler = onSignal;
@@ -215,4 +232,5 @@ void Application::installSignalHandlers() {
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGUSR1, &action, nullptr);
 }
