@@ -2,6 +2,7 @@
 #include "service/RequestQuery.h"
 
 #include <QByteArray>
+#include <QList>
 #include <algorithm>
 #include <string_view>
 
@@ -49,6 +50,17 @@ QString queryValue(const Query& query, const char* name) {
     for (const auto& [n, value] : query) {
         if (n == wanted)
             return value;
+    }
+    return QString();
+}
+
+QString formValue(const std::string& form, const char* name) {
+    const QByteArray wanted = QByteArray(name) + '=';
+    for (QByteArray pair : QByteArray::fromStdString(form).split('&')) {
+        if (!pair.startsWith(wanted))
+            continue;
+        pair.replace('+', ' ');
+        return QString::fromUtf8(QByteArray::fromPercentEncoding(pair.mid(wanted.size())));
     }
     return QString();
 }

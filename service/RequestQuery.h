@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QString>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -17,5 +18,9 @@ using Query = std::vector<std::pair<QString, QString>>;
 Query rawQuery(const HttpRequest& req);
 // Null when the name is absent.
 QString queryValue(const Query& query, const char* name);
+
+// One value of an application/x-www-form-urlencoded text (a form body, or the query a browser
+// makes of a form such as the share target's: "+" is a blank there), or null.
+QString formValue(const std::string& form, const char* name);
 
 }  // namespace notes

@@ -3,6 +3,8 @@
 
 #include <QRegularExpression>
 
+#include "service/RequestQuery.h"
+
 namespace notes {
 
 namespace {
@@ -41,6 +43,11 @@ QUrl firstWebAddress(const QString& text) {
             return url;
     }
     return QUrl();
+}
+
+QUrl sharedLink(const std::string& form) {
+    const QUrl link = firstWebAddress(formValue(form, "url"));
+    return link.isEmpty() ? firstWebAddress(formValue(form, "text")) : link;
 }
 
 QString linkName(const QUrl& link) {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/WebSessions.h"
 
-#include <QByteArray>
-#include <QList>
 #include <memory>
 
 #include "Classes/TWJSON/TWJsonWriter.h"
@@ -28,18 +26,6 @@ constexpr int kCookieSeconds = 400 * 24 * 3600;
 constexpr std::size_t kMaxSignInBodyBytes = 4096;
 // A shared text with an address somewhere in it; more is no message anyone shares.
 constexpr std::size_t kMaxShareBodyBytes = 64 * 1024;
-
-// One value of an application/x-www-form-urlencoded body ("+" is a blank there), or null.
-QString formValue(const std::string& body, const char* name) {
-    const QByteArray wanted = QByteArray(name) + '=';
-    for (QByteArray pair : QByteArray::fromStdString(body).split('&')) {
-        if (!pair.startsWith(wanted))
-            continue;
-        pair.replace('+', ' ');
-        return QString::fromUtf8(QByteArray::fromPercentEncoding(pair.mid(wanted.size())));
-    }
-    return QString();
-}
 
 // "Firefox on Android": enough for a person to tell their devices apart, and nothing more of
 // what the browser says about itself is kept.
@@ -162,9 +148,7 @@ public:
         const auto session = signedIn(req, res);
         if (!session)
             return;
-        QUrl link = firstWebAddress(formValue(req.body, "url"));
-        if (link.isEmpty())
-            link = firstWebAddress(formValue(req.body, "text"));
+        const QUrl link = sharedLink(req.body);
         if (link.isEmpty()) {
             return answerJson(
                 res, 422,

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The notes page: signs this device in to the service and lists, searches, opens, edits,
 // creates and deletes notes through its API (v1); queues links for download, pasted here or
-// shared to the installed app from another one (/share?title=&text=&url=); lists the signed-in
+// shared to the installed app from another one (/share?title=&text=&url=: at once when the
+// service says the share sheet or this page opened it, else after a tap); lists the signed-in
 // devices and ends them. The device session is a cookie the service sets and this script never
 // sees; every call carries the X-Ferrybox-Page header, without which the service refuses a call
 // that the cookie alone would authorise. Note text only ever enters the page as text
@@ -10,7 +11,10 @@
 
 const $ = (id) => document.getElementById(id);
 const PAGE = 50;
-const VIEWS = ['sign-in', 'list', 'editor', 'devices'];
+const VIEWS = ['sign-in', 'share-check', 'list', 'editor', 'devices'];
+
+// What the service put in the page's head for it (markup: the page may run no inline script).
+const marker = (name) => document.querySelector(`meta[name="${name}"]`)?.content ?? null;
 
 // What the share sheet handed over, when the page was opened as the share target.
 function shared() {
@@ -33,6 +37,10 @@ const state = {
     dates: new Map(), // key -> last change, from the index
     wanted: location.pathname === '/' ? new URLSearchParams(location.search).get('q') : null,
     share: shared(),  // queued once signed in
+    // Whether the browser told the service that the share sheet (or this page) opened /share.
+    // Any other site's page can open it too, with a link of its choosing: then only a tap on
+    // the link the service would take queues it.
+    shareAtOnce: marker('ferrybox-share') === 'at-once',
     downloadNote: null, // key of the download note, once a link was queued
     working: false,
 };
@@ -155,7 +163,9 @@ function signedOut() {
     state.email = null;
     show('sign-in', ...(editing() ? ['editor'] : []));
     $('sign-in-why').hidden = !state.share;
-    $('sign-in-why').textContent = state.share ? 'Sign in to queue what you shared.' : '';
+    $('sign-in-why').textContent = !state.share ? ''
+        : state.shareAtOnce ? 'Sign in to queue what you shared.'
+            : 'Sign in to see what was shared, then choose whether to queue it.';
     $('email').value = state.lastEmail;
     $('password').value = '';
     ($('email').value ? $('password') : $('email')).focus();
@@ -358,10 +368,19 @@ async function queue(fields) {
 
 const nothingToDownload = 'Nothing to download: what was shared holds no web address.';
 
-// What the share sheet handed over, queued once. Afterwards the address is the page's own, so
-// that reloading it (or opening the app again) does not share a second time; when the service
-// could not be reached it stays, and reloading tries again. Returns false to stop there.
+// Done with what was shared: the address is the page's own again, so that reloading it (or
+// opening the app again) does not share a second time.
+function shareDone() {
+    state.share = null;
+    history.replaceState(null, '', '/');
+}
+
+// What the share sheet handed over, queued once; what another page sent is only shown, for a
+// tap. When the service could not be reached the address stays, and reloading tries again.
+// Returns false to stop there.
 async function completeShare() {
+    if (!state.shareAtOnce)
+        return !askToQueue();
     try {
         await queue(state.share);
     } catch (error) {
@@ -373,9 +392,44 @@ async function completeShare() {
         }
         say(error.detail || nothingToDownload, true);
     }
-    state.share = null;
-    history.replaceState(null, '', '/');
+    shareDone();
     return true;
+}
+
+// Shows the link the service would take from what was shared, as text, with "Queue it" and
+// "Dismiss"; false when there is none, which is said instead.
+function askToQueue() {
+    const link = marker('ferrybox-shared-link');
+    if (!link) {
+        say(nothingToDownload, true);
+        shareDone();
+        return false;
+    }
+    $('share-link').textContent = link;
+    $('queued').hidden = true;
+    show('share-check');
+    $('share-check-title').focus();
+    return true;
+}
+
+// The tap: exactly the link shown goes to the service.
+async function queueShared() {
+    try {
+        await queue({ url: $('share-link').textContent });
+    } catch (error) {
+        // Signed out meanwhile, the sign-in form is up, and the link is asked about again after.
+        if (error.status !== 422)
+            return fail('Not queued', error);
+        say(error.detail || nothingToDownload, true);
+    }
+    shareDone();
+    await loadList();
+}
+
+async function dismissShared() {
+    shareDone();
+    say('Nothing was queued.');
+    await loadList();
 }
 
 async function quickAdd() {
@@ -503,6 +557,8 @@ async function start() {
     await loadList();
 }
 
+$('share-queue').addEventListener('click', () => act(queueShared));
+$('share-dismiss').addEventListener('click', () => act(dismissShared));
 $('sign-in').addEventListener('submit', (event) => {
     event.preventDefault();
     act(signIn);

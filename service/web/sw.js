@@ -84,6 +84,9 @@ self.addEventListener('fetch', (event) => {
     const url = new URL(request.url);
     if (request.method !== 'GET' || url.origin !== self.location.origin)
         return;
+    // The navigation goes on exactly as the browser made it: a request copied with options of
+    // its own would be this worker's, which the service takes for the page's (Sec-Fetch-Site
+    // "same-origin") and so would queue at once what another site sent to /share.
     if (request.mode === 'navigate')
         event.respondWith(fetch(request).catch(() => offlinePage(request)));
     else if (KEPT.includes(url.pathname))

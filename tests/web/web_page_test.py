@@ -595,6 +595,55 @@ class ShareTest(PageTestCase):
         self.assertEqual(self.lines(link), 1)
         self.assertEqual(browser.execute_script("return location.pathname"), "/")
 
+    def test_share_sent_by_another_site_waits_for_a_tap(self):
+        """Any site can send a browser to /share with a link of its choosing; only the share
+        sheet's or the page's own navigations queue at once, with the service worker in the way
+        too."""
+        browser.get(self.notes.url + "/")
+        self.assertEqual(worker_active(), "activated")
+        link = "https://example.org/from-elsewhere/payload.sh"
+        target = self.notes.url + share_url(title="Update", text=f"Get it: {link}.")
+        _, page = serve_file(self, "go.html", f'<a id="go" href="{target}">go</a>')
+        # Another site (localhost is not 127.0.0.1), followed by a click, while signed out.
+        browser.execute_cdp_cmd("Network.clearBrowserCookies", {})
+        browser.get(page.replace("127.0.0.1", "localhost"))
+        self.el("go").click()
+        self.visible("sign-in")
+        self.assertIn("choose whether to queue", self.el("sign-in-why").text)
+        self.sign_in()
+        self.visible("share-check")
+        # The link the service would take, as text, and nothing queued until the tap.
+        self.assertEqual(self.el("share-link").text, link)
+        self.assertEqual(self.lines(link), 0)
+        self.el("share-queue").click()
+        self.assertEqual(self.queued(), "Queued: payload.sh")
+        self.assertEqual(self.lines(link), 1)
+        self.assertEqual(browser.execute_script("return location.pathname"), "/")
+        # The same site on another port, by script, signed in: dismissed, nothing queued.
+        other = "https://example.org/from-elsewhere/other.sh"
+        browser.get(page)
+        browser.execute_script("location = arguments[0]",
+                               self.notes.url + share_url(url=f"<{other}>"))
+        self.visible("share-check")
+        self.assertEqual(self.el("share-link").text, other)
+        self.el("share-dismiss").click()
+        self.message("Nothing was queued.")
+        self.visible("list")
+        self.assertEqual(self.lines(other), 0)
+        self.assertEqual(browser.execute_script("return location.pathname"), "/")
+        # Opened as the share sheet does, through the same worker: queued at once.
+        browser.get(self.notes.url + share_url(url=other))
+        self.assertEqual(self.queued(), "Queued: other.sh")
+        self.assertEqual(self.lines(other), 1)
+        # Only what the browser says of the navigation counts; a browser that says nothing is
+        # not believed.
+        for site, at_once in (("none", True), ("same-origin", True), ("same-site", False),
+                              ("cross-site", False), (None, False)):
+            status, body, headers = self.notes.web(
+                "GET", share_url(url=link), headers=(("Sec-Fetch-Site", site),) if site else ())
+            self.assertEqual((status, 'content="at-once"' in body), (200, at_once), site)
+            self.assertEqual(headers["Vary"], "Sec-Fetch-Site")
+
     def test_quick_add_box(self):
         link = "https://example.org/pasted/manual.pdf"
         self.fresh()
