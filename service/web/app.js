@@ -32,6 +32,9 @@ const state = {
     lastEmail: '',    // offered in the sign-in form
     key: null,        // the open note's key; null for a note not saved yet
     saved: '',        // the open note's text as the service has it
+    // The version of the note that the editor's text is based on (null for a new note): a save
+    // names it, so that the service keeps what was written elsewhere meanwhile.
+    version: null,
     query: '',        // the list's search
     shown: 0,         // notes listed so far
     dates: new Map(), // key -> last change, from the index
@@ -41,7 +44,12 @@ const state = {
     // Any other site's page can open it too, with a link of its choosing: then only a tap on
     // the link the service would take queues it.
     shareAtOnce: marker('ferrybox-share') === 'at-once',
-    downloadNote: null, // key of the download note, once a link was queued
+    // The download note as this page last saw it (in the list, opened, or answered after a
+    // link was queued), sent with each link queued: a link that was in it then and that the
+    // agent has taken since is not queued again, so a tap that went through twice, or a retry
+    // of one that did, does not download it twice.
+    downloadNote: null,
+    downloadVersion: null,
     working: false,
 };
 
@@ -88,6 +96,19 @@ function show(...views) {
     $('sign-out').hidden = $('devices-open').hidden = state.email === null;
 }
 
+const DOWNLOADS = 'Ferrybox_Downloads';
+
+// A note this page saw, at that version: kept when it is the download note.
+function sawNote(key, version, text) {
+    if (text.startsWith(DOWNLOADS) && version) {
+        state.downloadNote = key;
+        state.downloadVersion = version;
+    }
+}
+
+// A version as the service tells it in a header, or null.
+const versionOf = (response) => Number(response.headers.get('Note-Version')) || null;
+
 const editing = () => !$('editor').hidden;
 const dirty = () => editing() && $('text').value !== state.saved;
 
@@ -119,8 +140,8 @@ function base64(text) {
 const encode = (fields) => Object.entries(fields)
     .map(([name, value]) => `${name}=${encodeURIComponent(value)}`).join('&');
 
-async function send(method, url, { body, form } = {}) {
-    const headers = { 'X-Ferrybox-Page': '1' };
+async function send(method, url, { body, form, headers: more = {} } = {}) {
+    const headers = { 'X-Ferrybox-Page': '1', ...more };
     if (form) {
         headers['Content-Type'] = 'application/x-www-form-urlencoded';
         body = encode(form);
@@ -255,6 +276,10 @@ async function loadList(more = false) {
             search(state.query, offset, PAGE),
             more ? null : api('GET', 'index').then((response) => response.json()),
         ]);
+        // Newest first: the first that begins as the download note is the one links go to.
+        const downloads = found.Results.find((note) => note.content.startsWith(DOWNLOADS));
+        if (downloads && !more)
+            sawNote(downloads.key, downloads.version, downloads.content);
         if (index)
             state.dates = new Map(index.map((note) => [note.key, note.modify]));
         if (!more)
@@ -271,9 +296,10 @@ async function loadList(more = false) {
     }
 }
 
-function openEditor(key, text) {
+function openEditor(key, text, version = null) {
     state.key = key;
     state.saved = text;
+    state.version = version;
     $('text').value = text;
     $('delete').hidden = key === null;
     $('queued').hidden = true;
@@ -289,7 +315,9 @@ function openEditor(key, text) {
 async function openNote(key) {
     try {
         const response = await api('GET', 'note', { params: { key } });
-        openEditor(key, await response.text());
+        const text = await response.text();
+        openEditor(key, text, versionOf(response));
+        sawNote(key, state.version, text);
         say('');
     } catch (error) {
         fail('Could not open the note', error);
@@ -321,22 +349,55 @@ function closeView() {
 
 async function save() {
     const text = $('text').value;
+    const base = state.key === null ? null : state.version;
     try {
         const which = state.key === null ? {} : { key: state.key };
-        const response = await api('POST', 'note', { params: which, body: base64(text) });
+        const headers = base === null ? {} : { 'Note-Base-Version': String(base) };
+        const response = await api('POST', 'note', { params: which, body: base64(text), headers });
         state.key = (await response.text()).trim() || state.key;
-        state.saved = text;
+        const version = versionOf(response);
         $('delete').hidden = false;
+        // Anything but the next version: the note had moved on, and the service kept the lines
+        // others added since (and left out those they removed) around this text.
+        if (base !== null && version !== null && version !== base + 1)
+            return await showMerged(text, base);
+        state.saved = text;
+        state.version = version;
+        sawNote(state.key, version, text);
         say('Saved.');
     } catch (error) {
         if (error.status === 404) {
             // Gone meanwhile (deleted elsewhere): the next Save keeps the text as a new note.
             state.key = null;
+            state.version = null;
             return say('Not saved: this note is no longer on the service. '
                 + 'Press Save to keep your text as a new note.', true);
         }
         fail('Not saved', error);
     }
+}
+
+// After a save that was merged with what others wrote: the note as the service now holds it.
+// Until the editor shows that, its text stays based on the version it was (the next save
+// merges the others' lines in again): when the note cannot be read, or the person typed on
+// while it was saved, which the editor keeps.
+async function showMerged(sent, base) {
+    state.saved = sent;
+    state.version = base;
+    let response;
+    try {
+        response = await api('GET', 'note', { params: { key: state.key } });
+    } catch {
+        return say('Saved. Lines added elsewhere meanwhile were kept; open the note again to '
+            + 'see them.');
+    }
+    const merged = await response.text();
+    if ($('text').value !== sent)
+        return say('Saved. Lines added elsewhere meanwhile were kept; save again to see them.');
+    state.saved = $('text').value = merged;
+    state.version = versionOf(response);
+    sawNote(state.key, state.version, merged);
+    say('Saved. Lines added elsewhere meanwhile were kept, and are in the note now.');
 }
 
 async function remove() {
@@ -356,11 +417,15 @@ async function remove() {
 // Appends the first web address in what was given (url, else text) to the download note and
 // says so. Throws the Failure; 422 means nothing in it was a web address.
 async function queue(fields) {
-    const response = await call('POST', '/web/append', { form: fields });
+    const seen = state.downloadVersion === null ? {}
+        : { key: state.downloadNote, version: state.downloadVersion };
+    const response = await call('POST', '/web/append', { form: { ...fields, ...seen } });
     const answer = await response.json();
     state.downloadNote = answer.key;
+    state.downloadVersion = answer.version || null;
+    // Not added: in the note already, or taken from it by the agent since this page saw it.
     $('queued-text').textContent = answer.added ? `Queued: ${answer.queued}`
-        : `Already in the download note: ${answer.queued}`;
+        : `Already queued: ${answer.queued}`;
     $('queued').hidden = false;
     say('');
     return answer;
