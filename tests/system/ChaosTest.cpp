@@ -4,7 +4,7 @@
 // device (a delaying proxy), several phones sharing links at random moments, a web page that
 // saves the download note from a copy that is already out of date, and checks asked for at
 // random moments (SIGUSR1, as "Check For Downloads Now") besides those the agent starts itself
-// at login and at each change of the note.
+// at login and at each change of the note. The notes are kept in a file, and in PostgreSQL.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
@@ -23,6 +23,7 @@
 #include "tests/support/FixtureServer.h"
 #include "tests/support/NotesAccount.h"
 #include "tests/support/NotesServerProcess.h"
+#include "tests/support/PostgresServer.h"
 #include "tests/support/StopProcess.h"
 #include "tests/support/Wait.h"
 
@@ -110,12 +111,25 @@ private:
     std::string cookie_;
 };
 
-class ChaosTest : public ::testing::Test {
+// Where the service keeps the notes: a SQLite file, or a database of a private PostgreSQL.
+enum class Notes { InAFile, InPostgreSQL };
+
+class ChaosTest : public ::testing::TestWithParam<Notes> {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(service_.isRunning());
-        ASSERT_TRUE(service_.addUser(kEmail, kPassword));
-        account_ = std::make_unique<testsupport::NotesAccount>(service_, kEmail, kPassword);
+        QString database;
+        if (GetParam() == Notes::InPostgreSQL) {
+            database = testsupport::PostgresServer::shared().newDatabase();
+            ASSERT_FALSE(database.isEmpty())
+                << testsupport::PostgresServer::shared().log().toStdString();
+        }
+        service_ = std::make_unique<testsupport::NotesServerProcess>(
+            QStringList(), QProcessEnvironment(), database);
+        ASSERT_TRUE(service_->isRunning()) << service_->log().toStdString();
+        ASSERT_TRUE(service_->addUser(kEmail, kPassword));
+        // Tens of milliseconds each way, for the agent and for every device.
+        line_ = std::make_unique<testsupport::DelayingProxy>(service_->port(), 30ms);
+        account_ = std::make_unique<testsupport::NotesAccount>(*service_, kEmail, kPassword);
         key_ = account_->create(kHeader);
         ASSERT_FALSE(key_.empty());
         QFile file(home_.path() + "/password");
@@ -131,7 +145,7 @@ protected:
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("HOME", home_.path());
         env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("FERRYBOX_API_URL", line_.baseUrl() + "/api");
+        env.insert("FERRYBOX_API_URL", line_->baseUrl() + "/api");
         env.remove("FERRYBOX_PASSWORD_FILE");
         agent_.setProcessEnvironment(env);
         agent_.start(
@@ -148,7 +162,7 @@ protected:
         const QString text = account_->text(key_);
         return text.isNull() || text.contains(QLatin1String("http"));
     }
-    int logged(const QString& request) { return int(service_.log().count(request)); }
+    int logged(const QString& request) { return int(service_->log().count(request)); }
     // What the agent wrote to standard error so far.
     const QString& said() {
         agent_.setReadChannel(QProcess::StandardError);
@@ -159,9 +173,8 @@ protected:
     }
 
     QTemporaryDir home_;
-    testsupport::NotesServerProcess service_;
-    // Tens of milliseconds each way, for the agent and for every device.
-    testsupport::DelayingProxy line_{service_.port(), 30ms};
+    std::unique_ptr<testsupport::NotesServerProcess> service_;
+    std::unique_ptr<testsupport::DelayingProxy> line_;
     FixtureServer files_;
     std::unique_ptr<testsupport::NotesAccount> account_;
     std::string key_;
@@ -169,7 +182,7 @@ protected:
     QString err_;
 };
 
-TEST_F(ChaosTest, EverySharedLinkIsDownloadedExactlyOnce) {
+TEST_P(ChaosTest, EverySharedLinkIsDownloadedExactlyOnce) {
     startAgent();
     ASSERT_TRUE(waitUntil([&] { return said().contains("Change events: listening"); }, 15000))
         << err_.toStdString();
@@ -183,7 +196,7 @@ TEST_F(ChaosTest, EverySharedLinkIsDownloadedExactlyOnce) {
     for (int phone = 0; phone < kPhones; ++phone) {
         devices.emplace_back([&, phone] {
             std::mt19937 random(seed + unsigned(phone));
-            PageClient client(line_.port());
+            PageClient client(line_->port());
             for (int n = kPageLinks + phone; n < kLinks; n += kPhones) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(random() % 250));
                 failures += client.signedIn() && client.share(link(n)) ? 0 : 1;
@@ -194,7 +207,7 @@ TEST_F(ChaosTest, EverySharedLinkIsDownloadedExactlyOnce) {
     // the agent took links out of the note and phones put others in.
     devices.emplace_back([&] {
         std::mt19937 random(seed + 100);
-        PageClient page(line_.port());
+        PageClient page(line_->port());
         for (int n = 0; n < kPageLinks; ++n) {
             const auto [text, version] = page.open(key_);
             std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 300));
@@ -244,5 +257,10 @@ TEST_F(ChaosTest, EverySharedLinkIsDownloadedExactlyOnce) {
     EXPECT_EQ(account_->text(key_), kHeader);
     EXPECT_EQ(agent_.state(), QProcess::Running);
 }
+
+INSTANTIATE_TEST_SUITE_P(Notes, ChaosTest, ::testing::Values(Notes::InAFile, Notes::InPostgreSQL),
+                         [](const auto& info) {
+                             return info.param == Notes::InAFile ? "InAFile" : "InPostgreSQL";
+                         });
 
 }  // namespace
