@@ -180,6 +180,17 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Sends SIGTERM and expects the run to end at once as it should: normally, with status 0. What
+// it said on standard error.
+QString terminated(QProcess& process) {
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    EXPECT_TRUE(process.waitForFinished(10000));
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
+    return err;
+}
+
 // SIGTERM (a logout, systemctl stop) ends a run at once, without the quit guard's question, and
 // the file that was coming in leaves no partial file behind.
 TEST_F(HeadlessTest, TerminateSignalQuitsWithoutAskingOrPartialFiles) {
@@ -198,12 +209,7 @@ TEST_F(HeadlessTest, TerminateSignalQuitsWithoutAskingOrPartialFiles) {
     ASSERT_TRUE(testsupport::waitUntil(
         [&] { return folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).size() == 1; },
         10000));
-    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
-    ASSERT_TRUE(process.waitForFinished(10000));
-    const QString err = QString::fromUtf8(process.readAllStandardError());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
-    EXPECT_FALSE(err.contains("alert:"));
+    EXPECT_FALSE(terminated(process).contains("alert:"));
     EXPECT_TRUE(folder.entryList({".*.part"}, QDir::Files | QDir::Hidden).isEmpty());
 }
 
@@ -231,11 +237,7 @@ TEST_F(HeadlessTest, TerminateSignalDuringStartUpQuits) {
                                (1ull << (SIGTERM - 1)));
         },
         10000));
-    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
-    ASSERT_TRUE(process.waitForFinished(10000));
-    const QString err = QString::fromUtf8(process.readAllStandardError());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
+    terminated(process);
 }
 
 // The resolver, which the agent never calls, from the command line: its three lines, or the
