@@ -663,7 +663,23 @@ struct HttpServer::Impl {
             }
         } else {
             impl.deadlines.closed(connection);
+            --impl.connections;
         }
+    }
+
+    // A connection the acceptor took: handed to the library while there is room, else closed
+    // at once. The library keeps a limit of its own for each of its workers, and a worker that
+    // reaches it with a connection handed over locks itself up for good (libmicrohttpd 0.9.75),
+    // so the total is kept here and the library's limit set where no worker can reach it.
+    void take(int socket, const sockaddr* peer, socklen_t size) {
+        if (connections.fetch_add(1) >= limits.maxConnections) {
+            --connections;
+            ::close(socket);
+            return;
+        }
+        // Refused (the accept policy): the library has closed it, and it never opened.
+        if (MHD_add_connection(daemon, socket, peer, size) != MHD_YES)
+            --connections;
     }
 
     HttpLimits limits;
@@ -674,6 +690,8 @@ struct HttpServer::Impl {
     std::string key;
     MHD_Daemon* daemon = nullptr;
     std::unique_ptr<ConnectionAcceptor> acceptor;
+    // Connections handed to the library and not yet closed.
+    std::atomic<unsigned> connections{0};
 };
 
 HttpServer::HttpServer(const HttpLimits& limits) : impl_(std::make_unique<Impl>(limits)) {}
@@ -716,7 +734,8 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
     std::vector<MHD_OptionItem> options = {
         {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&logLibraryMessage), nullptr},
         {MHD_OPTION_THREAD_POOL_SIZE, l.threads, nullptr},
-        {MHD_OPTION_CONNECTION_LIMIT, l.maxConnections, nullptr},
+        // Each worker gets its share of this: all of them, and then some (see take()).
+        {MHD_OPTION_CONNECTION_LIMIT, (l.maxConnections + 1) * l.threads, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(l.idleTimeout.count()), nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(l.connectionMemory), nullptr},
         {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(&Impl::began), impl},
@@ -741,9 +760,8 @@ std::string HttpServer::start(const std::string& host, int port, const std::stri
     // connections accepted one after another go round the workers.
     try {
         impl->acceptor = std::make_unique<ConnectionAcceptor>(
-            socket, [daemon = impl->daemon](int connection, const sockaddr* peer, socklen_t size) {
-                // Refused (the accept policy, the connection limit): the library has closed it.
-                MHD_add_connection(daemon, connection, peer, size);
+            socket, [impl](int connection, const sockaddr* peer, socklen_t size) {
+                impl->take(connection, peer, size);
             });
     } catch (const std::exception& e) {
         MHD_stop_daemon(impl->daemon);

@@ -103,6 +103,12 @@ void NotesServerProcess::killHard() {
     running_ = false;
 }
 
+bool NotesServerProcess::terminate(int ms) {
+    process_.terminate();
+    running_ = !process_.waitForFinished(ms);
+    return !running_;
+}
+
 bool NotesServerProcess::restart() {
     stopProcess(process_);
     QObject::disconnect(&process_, nullptr, nullptr, nullptr);

@@ -39,6 +39,8 @@ public:
     int runCommand(const QStringList& arguments, const QByteArray& input = {},
                    QString* output = nullptr);
     void killHard();
+    // SIGTERM, as systemd stops a service: whether it ended within ms.
+    bool terminate(int ms);
     bool restart();
 
     static QString binaryPath();
