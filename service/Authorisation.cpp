@@ -47,19 +47,43 @@ std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& stor
     return store.userForToken(tokenHash(token), email, nowMicros());
 }
 
-LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle,
-                       const QString& email, const QString& password) {
-    const LoginLimiter::Key who{email, QString::fromStdString(req.clientAddress)};
-    if (!throttle.allowed(who))
-        return {std::nullopt, 429};
-    auto user = store.userByEmail(email);
-    static const QString decoy = hashPassword(QStringLiteral("decoy"));
-    if (!verifyPassword(password, user ? user->passwordHash : decoy) || !user) {
-        throttle.failed(who);
-        return {std::nullopt, 401};
+void checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle, HashPool& pool,
+                const QString& email, const QString& password,
+                std::function<void(LoginResult)> done) {
+    const LoginLimiter::Key who{email, addressGroup(QString::fromStdString(req.clientAddress))};
+    if (!throttle.attempt(who))
+        return done({std::nullopt, 429});
+    const bool queued = pool.submit([&store, &throttle, who, password, done] {
+        LoginResult result{std::nullopt, 401};
+        try {
+            auto user = store.userByEmail(who.email);
+            static const QString decoy = hashPassword(QStringLiteral("decoy"));
+            if (verifyPassword(password, user ? user->passwordHash : decoy) && user) {
+                throttle.succeeded(who);
+                result = {std::move(user), 200};
+            }
+        } catch (const StoreUnavailable&) {
+            result.status = 503;
+        } catch (const std::exception&) {
+            result.status = 500;
+        }
+        done(std::move(result));
+    });
+    if (!queued) {
+        throttle.withdraw(who);
+        done({std::nullopt, 503});
     }
-    throttle.succeeded(who);
-    return {std::move(user), 200};
+}
+
+HttpResponse refusedLogin(const LoginResult& login) {
+    HttpResponse refusal;
+    refusal.status = login.status;
+    // Failures leave the count a minute after they were made; a full pool has room in moments.
+    if (login.status == 429)
+        refusal.headers.emplace_back("Retry-After", "60");
+    else if (login.status == 503)
+        refusal.headers.emplace_back("Retry-After", "1");
+    return refusal;
 }
 
 }  // namespace notes

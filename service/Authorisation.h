@@ -2,9 +2,11 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 #include <optional>
 
 #include "service/Credentials.h"
+#include "service/HashPool.h"
 #include "service/HttpServer.h"
 #include "service/NotesStore.h"
 
@@ -29,13 +31,20 @@ std::optional<DeviceSession> deviceSessionOf(const HttpRequest& req, NotesStore&
 std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& store);
 
 // A password login of address from the request's client: the account, or the status to answer
-// (401 wrong, 429 too many attempts from there). Failures are counted against address and
-// client together, and an unknown address costs as much as a known one.
+// (401 wrong, 429 too many attempts from there, 503 no room to check it now, or the database
+// away). The password is checked on the hashing pool, never on the request's worker, and done
+// is called there (or at once, on this thread, when the attempt is refused before any hashing).
+// Failures are counted against address and client together, and against the client alone; an
+// unknown address costs as much as a known one.
 struct LoginResult {
     std::optional<User> user;
     int status = 200;
 };
-LoginResult checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle,
-                       const QString& email, const QString& password);
+void checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle, HashPool& pool,
+                const QString& email, const QString& password,
+                std::function<void(LoginResult)> done);
+
+// The answer for a login that did not let the client in: its status, and when to come back.
+HttpResponse refusedLogin(const LoginResult& login);
 
 }  // namespace notes

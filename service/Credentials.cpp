@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "service/Credentials.h"
 
+#include <arpa/inet.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <QCryptographicHash>
 #include <QStringList>
+#include <cstring>
 #include <stdexcept>
 
 namespace notes {
@@ -78,31 +80,37 @@ QByteArray tokenHash(const QString& token) {
     return QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256);
 }
 
-void LoginThrottle::forgetOld(std::deque<Clock::time_point>& failures,
-                              Clock::time_point now) const {
+QString addressGroup(const QString& address) {
+    in6_addr v6{};
+    const QByteArray text = address.toLatin1();
+    if (address.contains(QLatin1Char(':')) && inet_pton(AF_INET6, text.constData(), &v6) == 1) {
+        std::memset(v6.s6_addr + 8, 0, 8);
+        char out[INET6_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET6, &v6, out, sizeof out);
+        return QString::fromLatin1(out) + QStringLiteral("/64");
+    }
+    return address;
+}
+
+template <class K>
+int LoginThrottle::Book<K>::count(const K& key, Clock::time_point now) {
+    auto it = entries_.find(key);
+    if (it == entries_.end())
+        return 0;
+    auto& failures = it->second.failures;
     while (!failures.empty() && now - failures.front() >= window_)
         failures.pop_front();
+    return static_cast<int>(failures.size());
 }
 
-bool LoginThrottle::allowed(const Key& who) {
-    std::lock_guard lock(mutex_);
-    auto it = entries_.find(who);
-    if (it == entries_.end())
-        return true;
-    forgetOld(it->second.failures, Clock::now());
-    return static_cast<int>(it->second.failures.size()) < kMaxFailures;
-}
-
-void LoginThrottle::failed(const Key& who) {
-    std::lock_guard lock(mutex_);
-    auto [it, added] = entries_.try_emplace(who);
+template <class K>
+void LoginThrottle::Book<K>::add(const K& key, Clock::time_point now) {
+    auto [it, added] = entries_.try_emplace(key);
     if (added) {
-        it->second.age = byAge_.insert(byAge_.end(), who);
+        it->second.age = byAge_.insert(byAge_.end(), key);
     } else {
         byAge_.splice(byAge_.end(), byAge_, it->second.age);
     }
-    const Clock::time_point now = Clock::now();
-    forgetOld(it->second.failures, now);
     it->second.failures.push_back(now);
     while (entries_.size() > capacity_) {
         entries_.erase(byAge_.front());
@@ -110,18 +118,49 @@ void LoginThrottle::failed(const Key& who) {
     }
 }
 
-void LoginThrottle::succeeded(const Key& who) {
-    std::lock_guard lock(mutex_);
-    auto it = entries_.find(who);
+template <class K>
+void LoginThrottle::Book<K>::forget(const K& key, int n) {
+    auto it = entries_.find(key);
     if (it == entries_.end())
         return;
-    byAge_.erase(it->second.age);
-    entries_.erase(it);
+    auto& failures = it->second.failures;
+    for (int i = 0; !failures.empty() && (n < 0 || i < n); ++i)
+        failures.pop_back();
+    if (failures.empty()) {
+        byAge_.erase(it->second.age);
+        entries_.erase(it);
+    }
+}
+
+bool LoginThrottle::attempt(const Key& who) {
+    std::lock_guard lock(mutex_);
+    const Clock::time_point now = Clock::now();
+    if (pairs_.count(who, now) >= kMaxFailures ||
+        addresses_.count(who.clientAddress, now) >= kMaxAddressFailures) {
+        return false;
+    }
+    pairs_.add(who, now);
+    addresses_.add(who.clientAddress, now);
+    return true;
+}
+
+void LoginThrottle::succeeded(const Key& who) {
+    std::lock_guard lock(mutex_);
+    const int failures = pairs_.count(who, Clock::now());
+    pairs_.forget(who, -1);
+    // The address keeps the failures of its other accounts; the window drops the rest.
+    addresses_.forget(who.clientAddress, failures);
+}
+
+void LoginThrottle::withdraw(const Key& who) {
+    std::lock_guard lock(mutex_);
+    pairs_.forget(who, 1);
+    addresses_.forget(who.clientAddress, 1);
 }
 
 std::size_t LoginThrottle::size() {
     std::lock_guard lock(mutex_);
-    return entries_.size();
+    return pairs_.size();
 }
 
 }  // namespace notes

@@ -35,6 +35,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 class Stream;
+class Deferred;
 
 // One request on its way through the server.
 struct Exchange {
@@ -46,6 +47,7 @@ struct Exchange {
     std::optional<HttpResponse> refusal;
     Clock::time_point began = Clock::now();
     std::shared_ptr<Stream> stream;
+    std::shared_ptr<Deferred> deferred;
     // The proxied client whose share of requests this one counts against.
     std::string forwardedFor;
 };
@@ -72,6 +74,21 @@ std::string numericAddress(const sockaddr* address) {
         return textOf(reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
     }
     return text;
+}
+
+// Text from a client as it may go into the log: a control character (a decoded "%0a" in a path
+// would start a forged line) is written as its %XX escape again.
+void appendEscaped(std::string& line, std::string_view text) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            char escaped[4];
+            std::snprintf(escaped, sizeof escaped, "%%%02X", byte);
+            line.append(escaped, 3);
+        } else {
+            line.push_back(c);
+        }
+    }
 }
 
 // A header's value after its last comma, without the blanks around it: what the nearest hop
@@ -108,8 +125,106 @@ struct StreamRegistry {
     std::condition_variable changed;
     bool stopping = false;
     std::unordered_map<const Stream*, std::shared_ptr<Stream>> live;
+    // Answers that will come later, whose connections are (or are about to be) suspended.
+    std::unordered_map<const Deferred*, std::shared_ptr<Deferred>> waiting;
     // Connections decided to be resumed whose resumption the library has not been told yet.
     std::atomic<unsigned> resuming{0};
+};
+
+// A deferred answer. The connection is suspended from the request's callback when the answer
+// has not come by then, and resumed when it comes; the library then asks the request's callback
+// again, which queues it. Resuming a connection that is not suspended is not allowed, so
+// `suspended_` says which, under the lock.
+class Deferred final : public HttpDeferred {
+public:
+    void answer(HttpResponse response) override {
+        MHD_Connection* resume = nullptr;
+        std::shared_ptr<StreamRegistry> registry;
+        {
+            std::lock_guard lock(mutex_);
+            if (response_ || gone_)
+                return;
+            response_ = std::move(response);
+            if (suspended_) {
+                suspended_ = false;
+                resume = connection_;
+                registry = registry_;
+                ++registry->resuming;
+            }
+        }
+        if (!resume)
+            return;
+        MHD_resume_connection(resume);
+        std::lock_guard lock(registry->mutex);
+        --registry->resuming;
+        registry->changed.notify_all();
+    }
+
+    // From the request's callback, once the handler has returned: true when the answer is
+    // there already; else the connection is suspended until it comes. A server that is
+    // stopping takes no more: its 503 is the answer.
+    bool wait(MHD_Connection* connection, const std::shared_ptr<StreamRegistry>& registry) {
+        bool stopping = false;
+        {
+            std::lock_guard lock(registry->mutex);
+            stopping = registry->stopping;
+            if (!stopping)
+                registry->waiting.emplace(this, std::static_pointer_cast<Deferred>(self_.lock()));
+        }
+        std::lock_guard lock(mutex_);
+        registry_ = registry;
+        if (stopping && !response_)
+            response_ = unavailable();
+        if (response_)
+            return true;
+        connection_ = connection;
+        MHD_suspend_connection(connection);
+        suspended_ = true;
+        return false;
+    }
+
+    // The answer, once it has come; the connection no longer waits for it.
+    HttpResponse take() {
+        std::lock_guard lock(mutex_);
+        forget();
+        if (response_)
+            return std::move(*response_);
+        HttpResponse missing;
+        missing.status = 500;
+        return missing;
+    }
+
+    // The request ended without its answer (the server stops it): a later answer goes nowhere.
+    void abandon() {
+        std::lock_guard lock(mutex_);
+        gone_ = true;
+        forget();
+    }
+
+    static HttpResponse unavailable() {
+        HttpResponse busy;
+        busy.status = 503;
+        busy.headers.emplace_back("Retry-After", "2");
+        return busy;
+    }
+
+    std::weak_ptr<HttpDeferred> self_;
+
+private:
+    void forget() {
+        if (!registry_)
+            return;
+        std::lock_guard lock(registry_->mutex);
+        registry_->waiting.erase(this);
+        registry_->changed.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::optional<HttpResponse> response_;
+    bool suspended_ = false;
+    bool gone_ = false;
+    MHD_Connection* connection_ = nullptr;
+    std::shared_ptr<StreamRegistry> registry_;
 };
 
 // A stream is a response whose content the library asks for piece by piece. When nothing is
@@ -349,6 +464,13 @@ std::shared_ptr<HttpStream> HttpResponse::openStream(std::function<void()> ended
     return stream;
 }
 
+std::shared_ptr<HttpDeferred> HttpResponse::defer() {
+    auto made = std::make_shared<Deferred>();
+    made->self_ = made;
+    deferred = made;
+    return deferred;
+}
+
 const std::string* HttpRequest::header(std::string_view lowerCaseName) const {
     for (const auto& [name, value] : headers) {
         if (name == lowerCaseName)
@@ -405,7 +527,9 @@ struct HttpServer::Impl {
         const HttpRequest& request = exchange.request;
         std::string line;
         line.reserve(request.method.size() + request.path.size() + 32);
-        line.append(request.method).append(1, ' ').append(request.path);
+        appendEscaped(line, request.method);
+        line.append(1, ' ');
+        appendEscaped(line, request.path);
         char tail[64];
         const int n = std::snprintf(tail, sizeof tail, " %d %.2f ms\n", status, ms);
         line.append(tail, static_cast<std::size_t>(std::clamp(n, 0, int(sizeof tail) - 1)));
@@ -450,6 +574,14 @@ struct HttpServer::Impl {
         exchange.route = find(request.method, request.path);
         const std::size_t length = announcedLength(connection);
         HttpResponse refusal;
+        if (request.header("content-length") && request.header("transfer-encoding")) {
+            // Two answers to where the body ends: the shape in which a proxy in front and this
+            // service could be made to read one request as two. Nothing of it is read.
+            refusal.status = 400;
+            refusal.headers.emplace_back("Connection", "close");
+            answer(connection, exchange, refusal);
+            return;
+        }
         if (deadlines.isExempt(request.clientAddress) && !forwarded(exchange, refusal)) {
             // refused: a forwarded address that is none, or a client over its share
         } else if (!exchange.route) {
@@ -505,6 +637,10 @@ struct HttpServer::Impl {
         }
         if (response.stream) {
             stream(connection, exchange, response);
+        } else if (auto later = std::dynamic_pointer_cast<Deferred>(response.deferred)) {
+            exchange.deferred = later;
+            if (later->wait(connection, streams))
+                answer(connection, exchange, later->take());
         } else {
             answer(connection, exchange, response);
         }
@@ -580,9 +716,20 @@ struct HttpServer::Impl {
         for (const auto& stream : live)
             stream->close();
         live.clear();
+        // Answers still to come are given up on: each of those requests gets a 503.
+        std::vector<std::shared_ptr<Deferred>> waiting;
+        {
+            std::lock_guard lock(streams->mutex);
+            for (const auto& [key, deferred] : streams->waiting)
+                waiting.push_back(deferred);
+        }
+        for (const auto& deferred : waiting)
+            deferred->answer(Deferred::unavailable());
+        waiting.clear();
         std::unique_lock lock(streams->mutex);
-        streams->changed.wait_for(lock, std::chrono::seconds(1),
-                                  [this] { return streams->live.empty(); });
+        streams->changed.wait_for(lock, std::chrono::seconds(1), [this] {
+            return streams->live.empty() && streams->waiting.empty();
+        });
         streams->changed.wait(lock, [this] { return streams->resuming == 0; });
     }
 
@@ -623,6 +770,9 @@ struct HttpServer::Impl {
         }
         if (exchange.refusal) {
             impl.answer(connection, exchange, *exchange.refusal);
+        } else if (exchange.deferred) {
+            // Resumed: the answer has come.
+            impl.answer(connection, exchange, exchange.deferred->take());
         } else {
             impl.handle(connection, exchange);
         }
@@ -635,6 +785,8 @@ struct HttpServer::Impl {
         if (auto* exchange = static_cast<Exchange*>(*context)) {
             if (exchange->stream)
                 exchange->stream->finish();
+            if (exchange->deferred)
+                exchange->deferred->abandon();
             if (!exchange->forwardedFor.empty())
                 impl.deadlines.endForwarded(exchange->forwardedFor);
             delete exchange;

@@ -49,6 +49,17 @@ public:
     virtual bool ended() const = 0;
 };
 
+struct HttpResponse;
+
+// An answer that comes later, from another thread (a password checked on a pool of its own):
+// until it comes, the connection is suspended, holding no worker of the server. Safe to use
+// from any thread; only the first answer counts. A server that stops answers 503 in its place.
+class HttpDeferred {
+public:
+    virtual ~HttpDeferred() = default;
+    virtual void answer(HttpResponse response) = 0;
+};
+
 struct HttpResponse {
     int status = 200;
     std::string body;
@@ -60,6 +71,10 @@ struct HttpResponse {
     // the stream ends for whatever reason; also when it never started (the handler threw).
     std::shared_ptr<HttpStream> openStream(std::function<void()> ended = {});
     std::shared_ptr<HttpStream> stream;  // set by openStream
+
+    // Makes this answer one that the returned object gives later (this one's content unused).
+    std::shared_ptr<HttpDeferred> defer();
+    std::shared_ptr<HttpDeferred> deferred;  // set by defer
 };
 
 // What a stranger who can open a socket may make the server spend. Connections do not hold a

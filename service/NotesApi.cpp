@@ -68,8 +68,13 @@ bool admitForm(const HttpRequest& req, HttpResponse& res) {
 
 class Api {
 public:
-    Api(NotesStore& store, LoginLimiter& throttle, NoteEvents& events, const ApiSettings& settings)
-        : store_(store), throttle_(throttle), events_(events), settings_(settings) {}
+    Api(NotesStore& store, LoginLimiter& throttle, HashPool& hashing, NoteEvents& events,
+        const ApiSettings& settings)
+        : store_(store),
+          throttle_(throttle),
+          hashing_(hashing),
+          events_(events),
+          settings_(settings) {}
 
     void login(const HttpRequest& req, HttpResponse& res) {
         const QString form = decodeBase64Text(req.body);
@@ -80,13 +85,24 @@ public:
         const QString password = form.mid(split + 10);
         if (email.toUtf8().size() > kMaxEmailBytes)
             return answer(res, 400);
-        const LoginResult login = checkLogin(req, store_, throttle_, email, password);
-        if (!login.user)
-            return answer(res, login.status);
-        const QString token = newToken();
-        store_.addToken(login.user->id, tokenHash(token),
+        // Answered once the password has been checked, off this worker.
+        checkLogin(
+            req, store_, throttle_, hashing_, email, password,
+            [this, later = res.defer()](const LoginResult& login) {
+                if (!login.user)
+                    return later->answer(refusedLogin(login));
+                HttpResponse granted;
+                try {
+                    const QString token = newToken();
+                    store_.addToken(
+                        login.user->id, tokenHash(token),
                         nowMicros() + std::chrono::microseconds(settings_.tokenLifetime).count());
-        answer(res, 200, token);
+                    answer(granted, 200, token);
+                } catch (const std::exception&) {
+                    granted = refusedLogin({std::nullopt, 503});
+                }
+                later->answer(granted);
+            });
     }
 
     // The account the request acts for; nothing after a 401 is sent.
@@ -220,6 +236,7 @@ public:
 private:
     NotesStore& store_;
     LoginLimiter& throttle_;
+    HashPool& hashing_;
     NoteEvents& events_;
     ApiSettings settings_;
 };
@@ -228,7 +245,9 @@ private:
 
 void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
                 const ApiSettings& settings) {
-    auto api = std::make_shared<Api>(store, throttle, events, settings);
+    // Every password the service checks is checked here, for the API and the page alike.
+    auto hashing = std::make_shared<HashPool>(settings.hashThreads, settings.hashQueue);
+    auto api = std::make_shared<Api>(store, throttle, *hashing, events, settings);
     using Handler = void (Api::*)(const HttpRequest&, HttpResponse&);
     using Admission = bool (*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler, std::size_t bodyLimit = 0,
@@ -246,7 +265,7 @@ void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, N
     add("GET", "/api/delete", &Api::deleteNote);
     add("GET", "/api/search", &Api::search);
     // The web page's sessions share the accounts, the slow-down and the events with the API.
-    installWebSessions(server, store, throttle, events);
+    installWebSessions(server, store, throttle, hashing, events);
 }
 
 }  // namespace notes

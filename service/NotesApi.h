@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "service/Credentials.h"
+#include "service/HashPool.h"
 #include "service/NotesStore.h"
 
 namespace notes {
@@ -14,6 +15,9 @@ class NoteEvents;
 struct ApiSettings {
     std::chrono::seconds tokenLifetime{24 * 60 * 60};
     qsizetype maxBodyBytes = 1024 * 1024;
+    // Password checks: threads of their own, and how many may wait for one (past that, 503).
+    unsigned hashThreads = HashPool::defaultThreads();
+    std::size_t hashQueue = 32;
 };
 
 // The notes web API (v1) under /api: login, index, note (get and post), delete and search.

@@ -13,9 +13,9 @@ class PgConnections;
 class PgLoginLimiter : public LoginLimiter {
 public:
     explicit PgLoginLimiter(PgConnections& connections) : connections_(connections) {}
-    bool allowed(const Key& who) override;
-    void failed(const Key& who) override;
+    bool attempt(const Key& who) override;
     void succeeded(const Key& who) override;
+    void withdraw(const Key& who) override;
 
 private:
     PgConnections& connections_;

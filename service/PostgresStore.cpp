@@ -45,6 +45,8 @@ const char* const kMigrations[] = {
     "ALTER TABLE notes ADD COLUMN version bigint NOT NULL DEFAULT 1;"
     "CREATE TABLE note_versions (note_id bigint NOT NULL REFERENCES notes(id) ON DELETE CASCADE,"
     "  version bigint NOT NULL, text text NOT NULL, PRIMARY KEY (note_id, version));",
+    // 3 -> 4: failed logins are counted per address too.
+    "CREATE INDEX login_failures_by_address ON login_failures(address, at);",
 };
 static_assert(std::size(kMigrations) == PostgresStore::kSchemaVersion);
 

@@ -16,7 +16,7 @@ namespace notes {
 // pg_trgm index over each note's case-folded text.
 class PostgresStore : public NotesStore {
 public:
-    static constexpr int kSchemaVersion = 3;
+    static constexpr int kSchemaVersion = 4;
 
     // location: a libpq connection URI. Throws StoreUnavailable when the database cannot be
     // reached, StoreError when its schema is newer than this program or cannot be made.

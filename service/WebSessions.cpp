@@ -79,8 +79,9 @@ TWJsonValue object(std::initializer_list<std::pair<const char*, TWJsonValue>> me
 
 class WebSessions {
 public:
-    WebSessions(NotesStore& store, LoginLimiter& throttle, NoteEvents& events)
-        : store_(store), throttle_(throttle), events_(events) {}
+    WebSessions(NotesStore& store, LoginLimiter& throttle, std::shared_ptr<HashPool> hashing,
+                NoteEvents& events)
+        : store_(store), throttle_(throttle), hashing_(std::move(hashing)), events_(events) {}
 
     void signIn(const HttpRequest& req, HttpResponse& res) {
         const QString email = formValue(req.body, "email");
@@ -89,14 +90,26 @@ public:
             res.status = 400;
             return;
         }
-        const LoginResult login = checkLogin(req, store_, throttle_, email, password);
-        if (!login.user) {
-            res.status = login.status;
-            return;
-        }
+        // Answered once the password has been checked, off this worker.
+        checkLogin(req, store_, throttle_, *hashing_, email, password,
+                   [this, req, later = res.defer()](const LoginResult& login) {
+                       if (!login.user)
+                           return later->answer(refusedLogin(login));
+                       HttpResponse res;
+                       try {
+                           startDevice(req, *login.user, res);
+                       } catch (const std::exception&) {
+                           res = refusedLogin({std::nullopt, 503});
+                       }
+                       later->answer(std::move(res));
+                   });
+    }
+
+    // The device of a sign-in that was right: its session, and the cookie that carries it.
+    void startDevice(const HttpRequest& req, const User& user, HttpResponse& res) {
         const QString token = newToken();
-        store_.addDevice(login.user->id, tokenHash(token), deviceName(req), nowMicros());
-        answerJson(res, 200, object({{"email", TWJsonValue::string(login.user->email)}}));
+        store_.addDevice(user.id, tokenHash(token), deviceName(req), nowMicros());
+        answerJson(res, 200, object({{"email", TWJsonValue::string(user.email)}}));
         res.headers.emplace_back("Set-Cookie", deviceCookie(token, kCookieSeconds, req.secure));
     }
 
@@ -189,6 +202,7 @@ private:
 
     NotesStore& store_;
     LoginLimiter& throttle_;
+    std::shared_ptr<HashPool> hashing_;
     NoteEvents& events_;
 };
 
@@ -203,8 +217,8 @@ bool admitFromOwnPage(const HttpRequest& req, HttpResponse& res) {
 }  // namespace
 
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        NoteEvents& events) {
-    auto web = std::make_shared<WebSessions>(store, throttle, events);
+                        std::shared_ptr<HashPool> hashing, NoteEvents& events) {
+    auto web = std::make_shared<WebSessions>(store, throttle, std::move(hashing), events);
     using Handler = void (WebSessions::*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler,
                    std::size_t bodyLimit = 0) {

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <memory>
+
 namespace notes {
 
+class HashPool;
 class HttpServer;
 class LoginLimiter;
 class NoteEvents;
@@ -13,13 +16,13 @@ class NotesStore;
 // queueing a shared or pasted link into the download note. Every call must come from the
 // page itself (see fromOwnPage), else 403; bodies are form-encoded, answers JSON.
 //
-//   POST /web/sign-in        email, password   -> {"email"} and the cookie; 401, 429
+//   POST /web/sign-in        email, password   -> {"email"} and the cookie; 401, 429, 503
 //   GET  /web/me                               -> {"email"}; 401
 //   POST /web/sign-out                         -> ends this device, clears the cookie
 //   GET  /web/devices                          -> [{"id","name","created","lastSeen","current"}]
 //   POST /web/devices/end?id=ID                -> 200; 404
 //   POST /web/append         url, text, title  -> {"queued","link","key","added"}; 422 {"error"}
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        NoteEvents& events);
+                        std::shared_ptr<HashPool> hashing, NoteEvents& events);
 
 }  // namespace notes

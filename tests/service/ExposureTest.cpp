@@ -513,12 +513,37 @@ TEST(LoginThrottleTest, HoldsOnlyTheNewestPairs) {
         b{"b@example.org", "127.0.0.2"}, c{"a@example.org", "127.0.0.3"};
     for (const auto& who : {a, b, c}) {
         for (int i = 0; i < notes::LoginThrottle::kMaxFailures; ++i)
-            throttle.failed(who);
+            EXPECT_TRUE(throttle.attempt(who));
     }
     EXPECT_EQ(throttle.size(), 2u);
-    EXPECT_TRUE(throttle.allowed(a));
-    EXPECT_FALSE(throttle.allowed(b));
-    EXPECT_FALSE(throttle.allowed(c));
+    EXPECT_FALSE(throttle.attempt(b));
+    EXPECT_FALSE(throttle.attempt(c));
+    EXPECT_TRUE(throttle.attempt(a));
+}
+
+// An address that tries a new account each time is held up too, an IPv6 client by its /64
+// (a household gets the /64 whole and picks the rest at will); a success is counted as none,
+// and an attempt that was never checked is taken back.
+TEST(LoginThrottleTest, AnAddressTryingManyAccountsIsHeldUp) {
+    EXPECT_EQ(notes::addressGroup("2001:db8:1:2:aaaa:bbbb:cccc:dddd"), "2001:db8:1:2::/64");
+    EXPECT_EQ(notes::addressGroup("127.0.0.9"), "127.0.0.9");
+    notes::LoginThrottle throttle;
+    const auto from = [](const char* address, int account) {
+        return notes::LoginThrottle::Key{QStringLiteral("user%1@example.org").arg(account),
+                                         notes::addressGroup(address)};
+    };
+    EXPECT_TRUE(throttle.attempt(from("127.0.0.9", 0)));
+    throttle.succeeded(from("127.0.0.9", 0));
+    EXPECT_TRUE(throttle.attempt(from("127.0.0.9", 1)));
+    throttle.withdraw(from("127.0.0.9", 1));
+    for (int i = 0; i < notes::LoginLimiter::kMaxAddressFailures; ++i) {
+        EXPECT_TRUE(throttle.attempt(from("127.0.0.9", 10 + i))) << i;
+        EXPECT_TRUE(throttle.attempt(from(i % 2 ? "2001:db8::1:2" : "2001:db8::3:4", i))) << i;
+    }
+    EXPECT_FALSE(throttle.attempt(from("127.0.0.9", 99)));
+    EXPECT_FALSE(throttle.attempt(from("2001:db8::5:6", 99)));
+    EXPECT_TRUE(throttle.attempt(from("127.0.0.10", 99)));
+    EXPECT_TRUE(throttle.attempt(from("2001:db8:0:1::1", 99)));
 }
 
 }  // namespace

@@ -10,8 +10,13 @@
 #include <poll.h>
 
 #include <QDir>
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <random>
+#include <thread>
 
+#include "service/Credentials.h"
 #include "tests/service/ServiceFixture.h"
 #include "tests/support/Wait.h"
 
@@ -144,6 +149,92 @@ INSTANTIATE_TEST_SUITE_P(
         Flood{"ThousandBareConnectionsFromEightAddresses", {}, {1000}, 8},
         Flood{"TwentyThenTwentyFiveAtALimitOfTwenty", {"--max-connections", "20"}, {20, 25}, 1}),
     [](const auto& info) { return std::string(info.param.name); });
+
+class LoginFloodTest : public ServiceTest {
+protected:
+    // Connections from random addresses (127.x.y.z) posting logins of made-up accounts, as fast
+    // as they are answered, until stopped.
+    void flood(int connections) {
+        for (int i = 0; i < connections; ++i) {
+            flooders_.emplace_back([this, i] {
+                std::mt19937 random(unsigned(i) * 7919u);
+                while (!stop_) {
+                    httplib::Client client("127.0.0.1", server_->port());
+                    const std::string from = "127." + std::to_string(1 + random() % 250) + "." +
+                                             std::to_string(random() % 250) + "." +
+                                             std::to_string(1 + random() % 250);
+                    client.set_interface(from);
+                    client.set_read_timeout(10);
+                    for (int n = 0; n < 50 && !stop_; ++n) {
+                        const auto res = client.Post(
+                            "/api/login",
+                            base64("email=" + std::to_string(random()) + "@example.org&password=x"),
+                            "application/x-www-form-urlencoded");
+                        answered_ += res ? 1 : 0;
+                    }
+                }
+            });
+        }
+    }
+    void TearDown() override {
+        stop_ = true;
+        for (std::thread& t : flooders_)
+            t.join();
+    }
+
+    std::atomic<bool> stop_{false};
+    std::atomic<int> answered_{0};
+    std::vector<std::thread> flooders_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, LoginFloodTest, kBackends, backendName);
+
+// Passwords are checked off the workers that answer requests: while 32 connections post logins
+// of made-up accounts from ever new addresses, each costing a full password check, the owner's
+// requests are answered as quickly as ever, and a SIGTERM ends the service in two seconds.
+TEST_P(LoginFloodTest, TheOwnerIsAnsweredAtOnceWhileLoginsPourIn) {
+    startServer({}, [] {
+        QProcessEnvironment env;
+        // A password check that costs what a real one does.
+        env.insert("FERRYBOX_NOTES_HASH_ITERATIONS", "600000");
+        return env;
+    }());
+    const std::string owner = "/api/index" + auth();
+    flood(32);
+    ASSERT_TRUE(testsupport::waitUntil([this] { return answered_ > 32; }, 10000));
+    std::vector<double> waited;
+    httplib::Client client("127.0.0.1", server_->port());
+    for (int i = 0; i < 100; ++i) {
+        const Clock::time_point began = Clock::now();
+        const auto res = client.Get(owner.c_str());
+        ASSERT_TRUE(res && res->status == 200) << i;
+        waited.push_back(std::chrono::duration<double, std::milli>(Clock::now() - began).count());
+    }
+    std::sort(waited.begin(), waited.end());
+    EXPECT_LT(waited[98], 100.0) << "p99 in ms; the median was " << waited[50];
+    EXPECT_TRUE(server_->terminate(2000)) << "SIGTERM during the flood";
+}
+
+// Wrong passwords sent all at once are counted as they come: five get their answer, the rest
+// are told to wait, however many arrive together.
+TEST_P(LoginFloodTest, GuessesAtTheSameMomentAreCountedOneByOne) {
+    std::vector<std::thread> guesses;
+    std::atomic<int> wrong{0}, held{0};
+    for (int i = 0; i < 20; ++i) {
+        guesses.emplace_back([&] {
+            httplib::Client client("127.0.0.1", server_->port());
+            const auto res = client.Post("/api/login",
+                                         base64(std::string("email=") + kEmail + "&password=guess"),
+                                         "application/x-www-form-urlencoded");
+            wrong += res && res->status == 401 ? 1 : 0;
+            held += res && res->status == 429 && res->get_header_value("Retry-After") == "60";
+        });
+    }
+    for (std::thread& t : guesses)
+        t.join();
+    EXPECT_EQ(wrong, notes::LoginLimiter::kMaxFailures);
+    EXPECT_EQ(held, 20 - notes::LoginLimiter::kMaxFailures);
+}
 
 }  // namespace
 }  // namespace servicetest

@@ -288,6 +288,26 @@ TEST_P(OperationsTest, LogShowsRequestsButNoSecrets) {
                                       std::string("secret note text"), key}) {
         EXPECT_FALSE(log.contains(QString::fromStdString(secret))) << secret;
     }
+    // A path cannot write a line of its own into the log: its control characters stay escaped.
+    client_->Get("/x%0aGET%20/api/forged%20200%200.1%20ms%0d");
+    EXPECT_TRUE(testsupport::waitUntil([&] {
+        return server_->log().contains("GET /x%0AGET /api/forged 200 0.1 ms%0D 404");
+    })) << server_->log().toStdString();
+    EXPECT_FALSE(server_->log().contains("\nGET /api/forged"));
+}
+
+// A body announced both by its length and as chunked has two ends: refused whole, and the
+// connection closed, so that nothing after it is read as a request of its own.
+TEST_P(OperationsTest, ABodyWithTwoLengthsIsRefused) {
+    RawClient raw("127.0.0.1", server_->port());
+    ASSERT_TRUE(raw.send("POST /api/note" + auth() +
+                         " HTTP/1.1\r\nHost: notes\r\nContent-Length: 4\r\n"
+                         "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\nGET /api/index" +
+                         auth() + " HTTP/1.1\r\nHost: notes\r\n\r\n"));
+    EXPECT_TRUE(raw.waitClosed(3000));
+    const std::vector<RawAnswer> answers = parseAnswers(raw.received());
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].status, 400);
 }
 
 }  // namespace
