@@ -12,6 +12,7 @@
 #include "agent/AppController.h"
 #include "client/LWSimplenoteLogin.h"
 #include "foundation/AlertPanel.h"
+#include "foundation/Log.h"
 #include "foundation/Timer.h"
 #include "foundation/UserDefaults.h"
 #include "platform/KCKeychainItem.h"
@@ -105,7 +106,12 @@ void AppController::armCheckTimer() {
     timer_->fire();
 }
 
-void AppController::loginFailed(const foundation::Notification&) {
+// The label's text is fixed and the window has no place for more, so why the login failed (a
+// wrong account, or too many attempts and how long to wait) goes to the log.
+void AppController::loginFailed(const foundation::Notification& notification) {
+    const auto* error = notification.value<foundation::Error>(QStringLiteral("error"));
+    if (error && !error->localizedDescription.isEmpty())
+        foundation::log(error->localizedDescription);
     emailField_->setEnabled(true);
     passwordField_->setEnabled(true);
     showError(QStringLiteral("Error logging in to Simplenote."));

@@ -147,14 +147,9 @@ bool Application::becomeTheSessionAgent(int* exitStatus) {
 // successful one leads to a single check.
 void Application::watchLogin() {
     auto& center = foundation::NotificationCenter::defaultCenter();
-    center.addObserver(this, kLoginFailed, nullptr, [this](const foundation::Notification& n) {
-        QString reason;
-        if (const auto* error = n.value<foundation::Error>(QStringLiteral("error"))) {
-            reason = error->localizedDescription;
-        }
+    center.addObserver(this, kLoginFailed, nullptr, [this](const foundation::Notification&) {
+        // The reason follows: the controller, told next, logs it as it does on the desktop.
         printError(QStringLiteral("Error logging in to Simplenote."));
-        if (!reason.isEmpty())
-            printError(reason);
         exitStatus_ = 1;
         QCoreApplication::exit(1);
     });

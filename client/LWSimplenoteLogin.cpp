@@ -1,8 +1,25 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "client/LWSimplenoteLogin.h"
 
+#include <algorithm>
+
 #include "client/Base64.h"
 #include "client/LWSimplenoteCredentialStore.h"
+
+namespace {
+
+// How long the service wants to be left alone: its Retry-After in seconds, else a minute (the
+// span over which it counts failed attempts). Never less than a second, so that an answer of 0
+// cannot turn a caller that waits and tries again into a loop of logins.
+int secondsToWaitAfter(const foundation::HTTPURLResponse& response) {
+    bool ok = false;
+    const int seconds = response.valueForHeader("Retry-After").trimmed().toInt(&ok);
+    if (!ok || seconds < 0)
+        return 60;
+    return std::max(seconds, 1);
+}
+
+}  // namespace
 
 void LWSimplenoteLogin::init() {
     LWSNObject::init();
@@ -44,9 +61,18 @@ void LWSimplenoteLogin::login() {
     callMethodWithActionID(kLogin);
 }
 
-void LWSimplenoteLogin::loginSuccessWithResponse(const foundation::HTTPURLResponse&,
+void LWSimplenoteLogin::loginSuccessWithResponse(const foundation::HTTPURLResponse& response,
                                                  const QByteArray& data) {
-    // The status is not looked at: any answer with a body is the token.
+    // Too many failed attempts: the account may well be right, so the caller is told how long
+    // to wait rather than that the login is unknown. Whatever body comes with it is no token.
+    if (response.statusCode == kTooManyAttempts) {
+        secondsToWait_ = secondsToWaitAfter(response);
+        loginFailure(
+            foundation::Error(QStringLiteral("LWSimplenoteErrorDomain"), response.statusCode,
+                              QStringLiteral("too many attempts: wait %1 s").arg(*secondsToWait_)));
+        return;
+    }
+    // Any other status is not looked at: any answer with a body is the token.
     if (!data.isEmpty()) {
         setAuthToken(QString::fromUtf8(data));
         saveCredentialsToStore();

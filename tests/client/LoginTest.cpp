@@ -36,19 +36,25 @@ TEST_F(LoginTest, SendsTheAccountAsBase64FormTextWithoutEscaping) {
     EXPECT_EQ(requests[0].headers.count("Authorization"), 0u);
 }
 
+const foundation::Error kUnknown("LWSimplenoteLoginDomain", 0,
+                                 "Unknown login error. Check user name and password.");
+
 struct Outcome {
     const char* name;
     int status;
     std::string body;
     QString expectedName;
     QString expectedToken;  // null: the store is left alone
+    std::multimap<std::string, std::string> headers = {};
+    foundation::Error expectedError = kUnknown;
+    std::optional<int> expectedWait = std::nullopt;
 };
 
 class LoginOutcomeTest : public ClientTest, public ::testing::WithParamInterface<Outcome> {};
 
-TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceFails) {
+TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceOrTooManyAttemptsFail) {
     const Outcome& c = GetParam();
-    server().on("POST", "/api/login", FixtureServer::respond(c.status, c.body));
+    server().on("POST", "/api/login", FixtureServer::respond(c.status, c.body, c.headers));
     Heard heard;
     auto login = loginAs("me@example.org", "secret");
     observe(*login, "login", heard);
@@ -59,11 +65,11 @@ TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceFails) {
     EXPECT_EQ(heard.names, QStringList{c.expectedName});
     EXPECT_EQ(LWSNObject::fromNotification<LWSimplenoteLogin>(heard.last), login);
     EXPECT_EQ(LWSimplenoteCredentialStore::authToken(), c.expectedToken);
+    EXPECT_EQ(login->secondsToWait(), c.expectedWait);
     if (c.expectedToken.isNull()) {
         const auto* error = heard.last.value<foundation::Error>("error");
         ASSERT_NE(error, nullptr);
-        EXPECT_EQ(*error, foundation::Error("LWSimplenoteLoginDomain", 0,
-                                            "Unknown login error. Check user name and password."));
+        EXPECT_EQ(*error, c.expectedError);
         EXPECT_TRUE(LWSimplenoteCredentialStore::email().isNull());
     } else {
         EXPECT_EQ(login->authToken(), c.expectedToken);
@@ -71,13 +77,33 @@ TEST_P(LoginOutcomeTest, AnyBodyIsTheTokenAndOnlySilenceFails) {
     }
 }
 
+foundation::Error tooMany(int seconds) {
+    return foundation::Error("LWSimplenoteErrorDomain", 429,
+                             QString("too many attempts: wait %1 s").arg(seconds));
+}
+
+// The service's refusal after too many failed attempts is never a token, whatever its body, and
+// says how long to wait: its Retry-After, a minute without one, and never no time at all.
 INSTANTIATE_TEST_SUITE_P(
     Client, LoginOutcomeTest,
-    ::testing::Values(Outcome{"Token", 200, "tok-123", kSuccess, "tok-123"},
-                      Outcome{"UnauthorisedWithBodyIsATokenToo", 401, "abc", kSuccess, "abc"},
-                      Outcome{"TokenKeepsItsLineEnd", 200, "tok\n", kSuccess, "tok\n"},
-                      Outcome{"EmptyBodyFails", 200, "", kFailure, QString()},
-                      Outcome{"EmptyServerErrorFails", 500, "", kFailure, QString()}),
+    ::testing::Values(
+        Outcome{"Token", 200, "tok-123", kSuccess, "tok-123"},
+        Outcome{"UnauthorisedWithBodyIsATokenToo", 401, "abc", kSuccess, "abc"},
+        Outcome{"TokenKeepsItsLineEnd", 200, "tok\n", kSuccess, "tok\n"},
+        Outcome{"EmptyBodyFails", 200, "", kFailure, QString()},
+        Outcome{"EmptyServerErrorFails", 500, "", kFailure, QString()},
+        Outcome{
+            "TooManyAttempts", 429, "", kFailure, QString(), {{"Retry-After", "7"}}, tooMany(7), 7},
+        Outcome{
+            "TooManyAttemptsWithoutRetryAfter", 429, "", kFailure, QString(), {}, tooMany(60), 60},
+        Outcome{"TooManyWithBodyNoWait",
+                429,
+                "slow",
+                kFailure,
+                QString(),
+                {{"Retry-After", "0"}},
+                tooMany(1),
+                1}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(LoginTest, RedirectedLoginTakesOnlyTheLastBody) {
