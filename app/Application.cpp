@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "app/PasswordFile.h"
+#include "client/LWSimplenoteLogin.h"
 #include "foundation/Log.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/PartialFiles.h"
@@ -77,6 +78,8 @@ Application::Application(const Options& options) : options_(options) {
 }
 
 Application::~Application() {
+    if (loginAgain_)
+        loginAgain_->invalidate();
     if (!options_.headless)
         AgentInstance::session().setShowPreferences(nullptr);
     QCoreApplication::instance()->removeEventFilter(this);
@@ -144,12 +147,19 @@ bool Application::becomeTheSessionAgent(int* exitStatus) {
 }
 
 // Nobody is there to correct the account, so a failed login ends a headless run; with --once a
-// successful one leads to a single check.
+// successful one leads to a single check. A login refused for too many attempts says nothing
+// against the account: the run waits as long as the service asks and logs in again, as often as
+// it takes.
 void Application::watchLogin() {
     auto& center = foundation::NotificationCenter::defaultCenter();
-    center.addObserver(this, kLoginFailed, nullptr, [this](const foundation::Notification&) {
+    center.addObserver(this, kLoginFailed, nullptr, [this](const foundation::Notification& n) {
         // The reason follows: the controller, told next, logs it as it does on the desktop.
         printError(QStringLiteral("Error logging in to Simplenote."));
+        const auto login = LWSNObject::fromNotification<LWSimplenoteLogin>(n);
+        if (login && login->secondsToWait()) {
+            logInAgainAfter(*login->secondsToWait());
+            return;
+        }
         exitStatus_ = 1;
         QCoreApplication::exit(1);
     });
@@ -157,6 +167,13 @@ void Application::watchLogin() {
         return;
     center.addObserver(this, kLoginSucceeded, nullptr,
                        [this](const foundation::Notification&) { finishWhenIdle(); });
+}
+
+// Work of the default mode, like the check timer: the login waits while the mode is held.
+void Application::logInAgainAfter(int seconds) {
+    loginAgain_ = foundation::Timer::create(
+        seconds, false, [this] { interface_->controller().turnFerryboxOn(nullptr); });
+    loginAgain_->scheduleInDefaultMode();
 }
 
 // Called while the login's success is being posted: the first check runs right after, so look

@@ -45,6 +45,7 @@ protected:
 
 private:
     void watchLogin();
+    void logInAgainAfter(int seconds);
     void finishWhenIdle();
     void installSignalHandlers();
 
@@ -54,6 +55,7 @@ private:
     std::unique_ptr<MainInterface> interface_;
     std::unique_ptr<ui::NoTrayFallback> noTray_;
     std::shared_ptr<foundation::Timer> idlePoll_;
+    std::shared_ptr<foundation::Timer> loginAgain_;
     int exitStatus_ = 0;
     // quit() ends an event loop that runs; during start-up none does yet.
     bool quitAsked_ = false;

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The real ferrybox binary, headless, with a temporary home, against the scripted service.
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <chrono>
 #include <csignal>
+#include <mutex>
 
 #include "platform/KCKeychainItem.h"
 #include "tests/support/FixtureServer.h"
@@ -141,6 +144,69 @@ TEST_F(HeadlessTest, FailedLoginSaysWhyAndExitsWithOne) {
     EXPECT_FALSE(r.err.contains("wrong"));
 }
 
+// Sends SIGTERM and expects the run to end at once as it should: normally, with status 0. What
+// it said on standard error.
+QString terminated(QProcess& process) {
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    EXPECT_TRUE(process.waitForFinished(10000));
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
+    return err;
+}
+
+// Turned away for too many attempts, the account is not wrong: the run says how long it waits,
+// stays, logs in again when the time is up and runs its check; so does a single check.
+TEST_F(HeadlessTest, TooManyAttemptsWaitsAndLogsInAgain) {
+    using Clock = std::chrono::steady_clock;
+    for (const QStringList& mode : {QStringList{}, QStringList{"--once"}}) {
+        SCOPED_TRACE(mode.join(' ').toStdString());
+        server_.clearRequests();
+        struct Logins {
+            std::mutex mutex;
+            std::vector<Clock::time_point> at;
+        };
+        auto logins = std::make_shared<Logins>();
+        server_.on("POST", "/api/login",
+                   [logins, answer = FixtureServer::sequence(
+                                {FixtureServer::respond(429, "", {{"Retry-After", "1"}}),
+                                 FixtureServer::respond(200, "token-xyz")})](
+                       const httplib::Request& req, httplib::Response& res) {
+                       std::lock_guard lock(logins->mutex);
+                       logins->at.push_back(Clock::now());
+                       answer(req, res);
+                   });
+        QProcess process;
+        process.setProcessEnvironment(environment());
+        process.start(binary(), QStringList{"--headless", "--email", "me@example.org",
+                                            "--password-file", passwordFile("secret", kPrivate)} +
+                                    mode);
+        const auto checked = [&] {
+            for (const auto& r : server_.requests())
+                if (r.method == "POST" && r.path == "/api/note")
+                    return true;
+            return false;
+        };
+        testsupport::waitUntil([&] { return checked() || process.state() == QProcess::NotRunning; },
+                               15000);
+        ASSERT_TRUE(checked()) << "no check after the second login: "
+                               << process.readAllStandardError().toStdString();
+        QString err;
+        if (mode.isEmpty()) {
+            err = terminated(process);
+        } else {
+            ASSERT_TRUE(process.waitForFinished(10000));
+            EXPECT_EQ(process.exitCode(), 0);
+            err = QString::fromUtf8(process.readAllStandardError());
+        }
+        EXPECT_TRUE(err.contains("Error logging in to Simplenote.\ntoo many attempts: wait 1 s\n"))
+            << err.toStdString();
+        std::lock_guard lock(logins->mutex);
+        ASSERT_EQ(logins->at.size(), 2u);
+        EXPECT_GE(logins->at[1] - logins->at[0], std::chrono::milliseconds(900));
+    }
+}
+
 struct RefusalCase {
     const char* name;
     QStringList arguments;
@@ -179,17 +245,6 @@ INSTANTIATE_TEST_SUITE_P(
                           "NoAccount", {"--headless"}, false, 1, "no account to log in with"},
                       RefusalCase{"UnknownOption", {"--frobnicate"}, false, 2, "unknown argument"}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// Sends SIGTERM and expects the run to end at once as it should: normally, with status 0. What
-// it said on standard error.
-QString terminated(QProcess& process) {
-    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
-    EXPECT_TRUE(process.waitForFinished(10000));
-    const QString err = QString::fromUtf8(process.readAllStandardError());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 0) << err.toStdString();
-    return err;
-}
 
 // SIGTERM (a logout, systemctl stop) ends a run at once, without the quit guard's question, and
 // the file that was coming in leaves no partial file behind.
