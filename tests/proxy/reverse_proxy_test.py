@@ -230,6 +230,7 @@ class Nginx(Proxy):
             (r"^(\s*)listen \[::\]:443 (.*)$",
              rf"\g<1>listen [::1]:{self.https_port} \g<2>" if v6 else ""),
             (r"127\.0\.0\.1:8080", f"{HOST}:{service.port}"),
+            (r"/var/log/nginx/access\.log", self.access_log_path()),
             (r"^(\s*)ssl_certificate [^;\n]*;",
              rf"\g<1>ssl_certificate {self.certificate_authority()};"),
             (r"^(\s*)ssl_certificate_key [^;\n]*;",
@@ -250,6 +251,13 @@ class Nginx(Proxy):
         with open(os.path.join(self.dir, "error.log"), encoding="utf-8", errors="replace") as f:
             return super().output() + f.read()
 
+    def access_log_path(self):
+        return os.path.join(self.dir, "access.log")
+
+    def access_log(self):
+        with open(self.access_log_path(), encoding="utf-8", errors="replace") as file:
+            return file.read()
+
 
 class Caddy(Proxy):
     name = "Caddy"
@@ -261,21 +269,26 @@ class Caddy(Proxy):
     def certificate_authority(self):
         return os.path.join(self.dir, "storage/pki/authorities/local/root.crt")
 
+    def access_log(self):
+        """Caddy keeps none (the file says why): anything it logged would be in its output."""
+        return ""
+
     def environment(self):
         return dict(os.environ, HOME=self.dir, XDG_DATA_HOME=f"{self.dir}/data",
                     XDG_CONFIG_HOME=f"{self.dir}/config")
 
     def command(self, service):
         # The site on a loopback port with a certificate from Caddy's local authority, kept in
-        # the folder and trusted by nobody but this test; no admin endpoint.
+        # the folder and trusted by nobody but this test; no admin endpoint. These go first into
+        # the file's own global options.
         options = (f"{{\n\tadmin off\n\tlocal_certs\n\tskip_install_trust\n"
                    f"\tdefault_bind {HOST}\n\thttp_port {self.http_port}\n"
                    f"\thttps_port {self.https_port}\n"
-                   f"\tstorage file_system {{\n\t\troot {self.dir}/storage\n\t}}\n}}\n\n")
+                   f"\tstorage file_system {{\n\t\troot {self.dir}/storage\n\t}}")
         config = render(self.file, [
             (r"^notes\.example\.org \{", f"https://{HOST}:{self.https_port} {{"),
             *self.upstreams(service),
-            (r"\A", options),
+            (r"^\{$", options),
         ], self.dir)
         return ["caddy", "run", "--config", config, "--adapter", "caddyfile"]
 
@@ -343,6 +356,16 @@ class ProxyTests:
         token = self.token()
         self.assertEqual(self.proxy.request("GET", self.api_path("index", token)).status, 200)
         self.assertEqual(self.proxy.request("GET", self.api_path("index", "0" * 32)).status, 401)
+
+    def test_logs_hold_no_token_or_address(self):
+        token = self.token()
+        self.assertEqual(self.proxy.request("GET", self.api_path("index", token)).status, 200)
+        if isinstance(self.proxy, Nginx):
+            wait_for(lambda: '"GET /api/index HTTP/1.1" 200' in self.proxy.access_log(),
+                     "the request in the access log")
+        logs = self.proxy.access_log() + self.proxy.output()
+        for secret in (token, EMAIL, quote(EMAIL, safe="")):
+            self.assertNotIn(secret, logs)
 
     def test_plain_http_goes_to_https(self):
         answer = self.proxy.plain_request("/?q=Ferrybox_Downloads")
@@ -443,6 +466,23 @@ class NginxTest(ProxyTests, unittest.TestCase):
 
 class CaddyTest(ProxyTests, unittest.TestCase):
     proxy_type = Caddy
+
+    def test_failed_request_is_logged_without_its_query(self):
+        # Caddy logs a request it could not pass on, in both files: with its path only.
+        class Gone:
+            port = free_port()  # where no service listens
+        path = f"/api/index?auth={'0' * 32}&email={quote(EMAIL, safe='')}"
+        for proxy_type, service in ((Caddy, Gone()), (NodesCaddy, [Gone(), Gone()])):
+            with self.subTest(file=proxy_type.file):
+                proxy = proxy_type(service)
+                try:
+                    self.assertEqual(proxy.request("GET", path).status, 502)
+                    wait_for(lambda: '"uri":"/api/index"' in proxy.output(),
+                             "the failed request in Caddy's log")
+                    for secret in ("0" * 32, EMAIL, quote(EMAIL, safe="")):
+                        self.assertNotIn(secret, proxy.output())
+                finally:
+                    proxy.stop()
 
 
 
