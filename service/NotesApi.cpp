@@ -243,11 +243,9 @@ private:
 
 }  // namespace
 
-void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
-                const ApiSettings& settings) {
-    // Every password the service checks is checked here, for the API and the page alike.
-    auto hashing = std::make_shared<HashPool>(settings.hashThreads, settings.hashQueue);
-    auto api = std::make_shared<Api>(store, throttle, *hashing, events, settings);
+void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, HashPool& hashing,
+                NoteEvents& events, const ApiSettings& settings) {
+    auto api = std::make_shared<Api>(store, throttle, hashing, events, settings);
     using Handler = void (Api::*)(const HttpRequest&, HttpResponse&);
     using Admission = bool (*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler, std::size_t bodyLimit = 0,

@@ -15,9 +15,6 @@ class NoteEvents;
 struct ApiSettings {
     std::chrono::seconds tokenLifetime{24 * 60 * 60};
     qsizetype maxBodyBytes = 1024 * 1024;
-    // Password checks: threads of their own, and how many may wait for one (past that, 503).
-    unsigned hashThreads = HashPool::defaultThreads();
-    std::size_t hashQueue = 32;
 };
 
 // The notes web API (v1) under /api: login, index, note (get and post), delete and search.
@@ -34,7 +31,10 @@ struct ApiSettings {
 // and answers the stored version in Note-Version. The web page's own calls under /web
 // (WebSessions.h) come with it, and a request from the page may stand for its account by the page's
 // device session instead of auth and email.
-void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, NoteEvents& events,
-                const ApiSettings& settings);
+//
+// Passwords are checked on hashing, for the API and the page alike. Its jobs refer to what this
+// installs: it must stop (be destroyed) before the server is.
+void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, HashPool& hashing,
+                NoteEvents& events, const ApiSettings& settings);
 
 }  // namespace notes

@@ -79,9 +79,8 @@ TWJsonValue object(std::initializer_list<std::pair<const char*, TWJsonValue>> me
 
 class WebSessions {
 public:
-    WebSessions(NotesStore& store, LoginLimiter& throttle, std::shared_ptr<HashPool> hashing,
-                NoteEvents& events)
-        : store_(store), throttle_(throttle), hashing_(std::move(hashing)), events_(events) {}
+    WebSessions(NotesStore& store, LoginLimiter& throttle, HashPool& hashing, NoteEvents& events)
+        : store_(store), throttle_(throttle), hashing_(hashing), events_(events) {}
 
     void signIn(const HttpRequest& req, HttpResponse& res) {
         const QString email = formValue(req.body, "email");
@@ -91,7 +90,7 @@ public:
             return;
         }
         // Answered once the password has been checked, off this worker.
-        checkLogin(req, store_, throttle_, *hashing_, email, password,
+        checkLogin(req, store_, throttle_, hashing_, email, password,
                    [this, req, later = res.defer()](const LoginResult& login) {
                        if (!login.user)
                            return later->answer(refusedLogin(login));
@@ -202,7 +201,7 @@ private:
 
     NotesStore& store_;
     LoginLimiter& throttle_;
-    std::shared_ptr<HashPool> hashing_;
+    HashPool& hashing_;
     NoteEvents& events_;
 };
 
@@ -217,8 +216,8 @@ bool admitFromOwnPage(const HttpRequest& req, HttpResponse& res) {
 }  // namespace
 
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        std::shared_ptr<HashPool> hashing, NoteEvents& events) {
-    auto web = std::make_shared<WebSessions>(store, throttle, std::move(hashing), events);
+                        HashPool& hashing, NoteEvents& events) {
+    auto web = std::make_shared<WebSessions>(store, throttle, hashing, events);
     using Handler = void (WebSessions::*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler,
                    std::size_t bodyLimit = 0) {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <memory>
-
 namespace notes {
 
 class HashPool;
@@ -23,6 +21,6 @@ class NotesStore;
 //   POST /web/devices/end?id=ID                -> 200; 404
 //   POST /web/append         url, text, title  -> {"queued","link","key","added"}; 422 {"error"}
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        std::shared_ptr<HashPool> hashing, NoteEvents& events);
+                        HashPool& hashing, NoteEvents& events);
 
 }  // namespace notes

@@ -347,7 +347,11 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     notes::HttpLimits limits = a.limits;
     limits.threads = a.threads ? a.threads : defaultThreads(a.db);
     notes::HttpServer server(limits);
-    notes::installApi(server, store, store.logins(), *changes, settings);
+    // Its jobs use what the API installs into the server: it is made after the server, and so
+    // stops before it. One thread for every two processors checks passwords; at most 32 logins
+    // wait for one.
+    notes::HashPool hashing(notes::HashPool::defaultThreads(), 32);
+    notes::installApi(server, store, store.logins(), hashing, *changes, settings);
     notes::installEvents(server, store, streams);
     notes::installWebPage(server);
     if (const std::string error = server.start(host.toStdString(), port, certificate, key);
