@@ -99,7 +99,9 @@ public:
 
     virtual ~NotesStore() = default;
 
-    // false when the address is taken.
+    // false when the address is taken. An account's id is never given to another account,
+    // not even after it was removed: whatever still knows the old id (a change stream of the
+    // removed account, say) must never hear of the newcomer's notes.
     virtual bool addUser(const QString& email, const QString& passwordHash) = 0;
     virtual bool removeUser(const QString& email) = 0;
     virtual std::optional<User> userByEmail(const QString& email) = 0;

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <QDateTime>
+#include <QScopeGuard>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -138,7 +139,20 @@ const char* const kMigrations[] = {
     "CREATE TABLE note_versions (note_key TEXT NOT NULL REFERENCES notes(key) ON DELETE CASCADE,"
     "  version INTEGER NOT NULL, text TEXT NOT NULL, PRIMARY KEY (note_key, version))"
     "  WITHOUT ROWID;",
+    // 5 -> 6: an account's id is never given again once the account is removed (AUTOINCREMENT
+    // remembers the highest ever given; without it, the highest is given again after its
+    // account went), so a change stream still open for a removed account never hears of the
+    // next one's notes. A key column cannot be changed in place: the table is made anew with
+    // its rows and takes the old one's name, by which the tables of tokens, devices and notes
+    // refer to it (with foreign keys off meanwhile, so that dropping the old table takes no
+    // rows with it). The search index's triggers are on notes, which stays as it is.
+    "CREATE TABLE users_kept (id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    "  email TEXT NOT NULL UNIQUE, password_hash TEXT NOT NULL);"
+    "INSERT INTO users_kept (id, email, password_hash) SELECT id, email, password_hash FROM users;"
+    "DROP TABLE users;"
+    "ALTER TABLE users_kept RENAME TO users;",
 };
+static_assert(std::size(kMigrations) == SqliteStore::kSchemaVersion);
 
 // The text as the search index holds it: folded (TextMatch.h), and with U+0000, at which the
 // trigram tokenizer stops reading, given as U+FFFD, with which that tokenizer already confuses
@@ -342,10 +356,23 @@ void SqliteStore::migrate() {
         throw StoreError("schema version " + std::to_string(version) +
                          " is newer than this program knows");
     }
+    if (version == kSchemaVersion)
+        return;
+    // A migration may make a table anew, which drops the old one: with foreign keys on, that
+    // would delete the rows that refer to it. They are checked before each commit instead.
+    // (The setting is ignored inside a transaction.)
+    execute("PRAGMA foreign_keys=OFF");
+    const auto keysOn = qScopeGuard(
+        [this] { sqlite3_exec(db_, "PRAGMA foreign_keys=ON", nullptr, nullptr, nullptr); });
     for (int v = version; v < kSchemaVersion; ++v) {
         execute("BEGIN IMMEDIATE");
         try {
             execute(kMigrations[v]);
+            {
+                Statement orphans(*writes_, "PRAGMA foreign_key_check");
+                if (orphans.step())
+                    throw StoreError("a schema migration left rows without what they refer to");
+            }
             execute(("PRAGMA user_version=" + std::to_string(v + 1)).c_str());
             execute("COMMIT");
         } catch (...) {

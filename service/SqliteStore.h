@@ -16,7 +16,7 @@ namespace notes {
 // from a newer version, or a file that is not a database, is refused and left untouched.
 class SqliteStore : public NotesStore {
 public:
-    static constexpr int kSchemaVersion = 5;
+    static constexpr int kSchemaVersion = 6;
 
     explicit SqliteStore(const QString& path);
     ~SqliteStore() override;

@@ -264,6 +264,24 @@ TEST_P(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
     EXPECT_TRUE(waitForText(*stream, changeEvent(key))) << body(*stream);
 }
 
+// An account made after another was removed never has its id, which a stream of the removed
+// account (or anything else that still holds the id) would take for its own.
+TEST_P(EventsTest, AStreamOfARemovedAccountNeverHearsOfTheNextOne) {
+    startServer({"--event-heartbeat", "60"});
+    auto removed = openStream();
+    ASSERT_EQ(server_->runCommand({"remove-user", kEmail}), 0);
+    ASSERT_TRUE(server_->addUser(kEmail, "the next owner's password"));
+    auto res = login(kEmail, "the next owner's password");
+    ASSERT_TRUE(res && res->status == 200);
+    const std::string next = "?auth=" + res->body + "&email=" + kEmail;
+    auto theirs = openStream(next);
+    const std::string key = post(next, "the next owner's note");
+    ASSERT_TRUE(waitForText(*theirs, changeEvent(key)));
+    // Written to every stream of that id before the note's answer, so long since delivered
+    // to any stream that would hear of it.
+    EXPECT_FALSE(waitForText(*removed, key, 1000)) << body(*removed);
+}
+
 TEST_P(EventsTest, StreamsEndCleanlyWhenTheServiceStops) {
     auto first = openStream();
     auto second = openStream();

@@ -110,7 +110,7 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     const std::string newer = createNote("newer");
     server_->killHard();
     // Back to the first schema: its index, no device sessions, no search index, no note
-    // versions, and its version number.
+    // versions, accounts whose ids may be given again, and its version number.
     sql(server_->dbPath(),
         "DROP TABLE note_versions; ALTER TABLE notes DROP COLUMN version;"
         "DROP TRIGGER note_search_insert; DROP TRIGGER note_search_update;"
@@ -118,7 +118,12 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
         "DROP TABLE devices;"
         "DROP INDEX notes_by_change;"
         "CREATE INDEX notes_by_user ON notes(user_id, modified DESC);"
+        "CREATE TABLE users_first (id INTEGER PRIMARY KEY, email TEXT NOT NULL UNIQUE,"
+        "  password_hash TEXT NOT NULL);"
+        "INSERT INTO users_first SELECT * FROM users; DROP TABLE users;"
+        "ALTER TABLE users_first RENAME TO users;"
         "PRAGMA user_version=1;");
+    ASSERT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "1");
     ASSERT_TRUE(server_->restart()) << server_->log().toStdString();
     client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
     const auto carried = client_->Get(("/api/note" + auth("&key=" + older)).c_str());
@@ -129,7 +134,11 @@ TEST_P(SqliteOperationsTest, ADatabaseOfTheFirstSchemaIsCarriedForward) {
     EXPECT_NE(client_->Get(("/api/search" + auth("&query=OLDER")).c_str())->body.find(older),
               std::string::npos);
     server_->killHard();
-    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "5");
+    EXPECT_EQ(sql(server_->dbPath(), "PRAGMA user_version"), "6");
+    EXPECT_EQ(sql(server_->dbPath(),
+                  "SELECT sql LIKE '%AUTOINCREMENT%' FROM sqlite_master "
+                  "WHERE name = 'users'"),
+              "1");
 }
 
 TEST_P(SqliteOperationsTest, DamagedDatabaseIsRefusedAndLeftAlone) {
