@@ -26,8 +26,12 @@ QString cookie(const HttpRequest& req, const char* name) {
     return QString();
 }
 
+const char* deviceCookieName(const HttpRequest& req) {
+    return req.secure ? kSecureDeviceCookie : kDeviceCookie;
+}
+
 std::optional<DeviceSession> deviceSessionOf(const HttpRequest& req, NotesStore& store) {
-    const QString token = cookie(req, kDeviceCookie);
+    const QString token = cookie(req, deviceCookieName(req));
     if (token.isEmpty() || !fromOwnPage(req))
         return std::nullopt;
     return store.deviceSession(tokenHash(token), nowMicros());

@@ -13,7 +13,14 @@
 namespace notes {
 
 // The cookie that carries a web page's device session. The page's script never sees it.
+// Over HTTPS it has the __Host- prefix, with which a browser keeps it only when it is Secure,
+// for the whole site and for this host alone (no Domain), so that no other site under the same
+// name, nor anything on plain HTTP, can set one in its place. Browsers refuse such a cookie
+// over plain HTTP, which keeps the plain name (on loopback, the only place plain HTTP is
+// served). Each name counts only in its own setting.
 inline constexpr char kDeviceCookie[] = "ferrybox_device";
+inline constexpr char kSecureDeviceCookie[] = "__Host-ferrybox_device";
+const char* deviceCookieName(const HttpRequest& req);
 
 // Whether the request comes from this service's own page: it carries the page's header, which
 // a page of another site cannot send without a CORS preflight (never granted here), and no

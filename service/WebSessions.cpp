@@ -54,11 +54,13 @@ QString deviceName(const HttpRequest& req) {
     return name;
 }
 
-std::string deviceCookie(const QString& token, int maxAge, bool secure) {
-    std::string text = std::string(kDeviceCookie) + "=" + token.toStdString() +
+// Named for the request's setting (Authorisation.h); never with a Domain, which a __Host-
+// cookie must not have.
+std::string deviceCookie(const HttpRequest& req, const QString& token, int maxAge) {
+    std::string text = std::string(deviceCookieName(req)) + "=" + token.toStdString() +
                        "; Path=/; Max-Age=" + std::to_string(maxAge) +
                        "; HttpOnly; SameSite=Strict";
-    if (secure)
+    if (req.secure)
         text += "; Secure";
     return text;
 }
@@ -109,7 +111,7 @@ public:
         const QString token = newToken();
         store_.addDevice(user.id, tokenHash(token), deviceName(req), nowMicros());
         answerJson(res, 200, object({{"email", TWJsonValue::string(user.email)}}));
-        res.headers.emplace_back("Set-Cookie", deviceCookie(token, kCookieSeconds, req.secure));
+        res.headers.emplace_back("Set-Cookie", deviceCookie(req, token, kCookieSeconds));
     }
 
     void me(const HttpRequest& req, HttpResponse& res) {
@@ -121,7 +123,7 @@ public:
         if (const auto session = deviceSessionOf(req, store_))
             store_.endDevice(session->userId, session->deviceId);
         answerJson(res, 200, TWJsonValue::dictionary());
-        res.headers.emplace_back("Set-Cookie", deviceCookie(QString(), 0, req.secure));
+        res.headers.emplace_back("Set-Cookie", deviceCookie(req, QString(), 0));
     }
 
     void devices(const HttpRequest& req, HttpResponse& res) {
@@ -153,7 +155,7 @@ public:
         }
         answerJson(res, 200, TWJsonValue::dictionary());
         if (id == session->deviceId)
-            res.headers.emplace_back("Set-Cookie", deviceCookie(QString(), 0, req.secure));
+            res.headers.emplace_back("Set-Cookie", deviceCookie(req, QString(), 0));
     }
 
     void append(const HttpRequest& req, HttpResponse& res) {

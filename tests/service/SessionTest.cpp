@@ -33,8 +33,8 @@ protected:
     };
     SignIn signIn(const std::string& userAgent =
                       "Mozilla/5.0 (X11; Linux x86_64) "
-                      "Chrome/120.0 Safari/537.36") {
-        httplib::Headers headers = kFromPage;
+                      "Chrome/120.0 Safari/537.36",
+                  httplib::Headers headers = kFromPage) {
         headers.emplace("User-Agent", userAgent);
         auto res =
             client_->Post("/web/sign-in", headers,
@@ -188,6 +188,51 @@ TEST_P(SessionTest, DevicesAreListedByNameAndEachCanBeEnded) {
     ASSERT_EQ(server_->runCommand({QStringLiteral("remove-user"), QLatin1String(kEmail)}), 0);
     for (const std::string& cookie : cookies)
         EXPECT_EQ(status(call("GET", "/web/me", cookie)), 401);
+}
+
+// Over HTTPS (here: a trusted proxy that says so) the cookie's name has the __Host- prefix,
+// with which browsers keep it only from a secure page, for the whole site, and for this host
+// alone; over plain HTTP, where browsers refuse that prefix, the plain name. Each counts only
+// in the setting it was given in.
+TEST_P(SessionTest, TheCookieIsNamedForHttpsOrPlainHttpAndCountsOnlyThere) {
+    startServer({"--trusted-proxy", "127.0.0.1"});
+    httplib::Headers https = kFromPage;
+    https.emplace("X-Forwarded-Proto", "https");
+    const SignIn secure = signIn("ua", https);
+    EXPECT_TRUE(QRegularExpression("^__Host-ferrybox_device=[0-9a-f]{32}; Path=/; "
+                                   "Max-Age=34560000; HttpOnly; SameSite=Strict; Secure$")
+                    .match(QString::fromStdString(secure.setCookie))
+                    .hasMatch())
+        << secure.setCookie;
+    const SignIn plain = signIn("ua");
+    EXPECT_TRUE(QRegularExpression("^ferrybox_device=[0-9a-f]{32}; Path=/; Max-Age=34560000; "
+                                   "HttpOnly; SameSite=Strict$")
+                    .match(QString::fromStdString(plain.setCookie))
+                    .hasMatch())
+        << plain.setCookie;
+    const std::string secureToken = secure.cookie.substr(secure.cookie.find('=') + 1);
+    const std::string plainToken = plain.cookie.substr(plain.cookie.find('=') + 1);
+    const struct {
+        std::string cookie;
+        bool overHttps;
+        int status;
+    } uses[] = {
+        {"__Host-ferrybox_device=" + secureToken, true, 200},
+        {"ferrybox_device=" + plainToken, false, 200},
+        {"__Host-ferrybox_device=" + secureToken, false, 401},
+        {"ferrybox_device=" + plainToken, true, 401},
+        {"ferrybox_device=" + secureToken, true, 401},
+    };
+    for (const auto& use : uses) {
+        EXPECT_EQ(status(call("GET", "/web/me", use.cookie, "", use.overHttps ? https : kFromPage)),
+                  use.status)
+            << use.cookie << (use.overHttps ? " over HTTPS" : " over HTTP");
+    }
+    auto out = call("POST", "/web/sign-out", secure.cookie, "", https);
+    EXPECT_TRUE(QRegularExpression("^__Host-ferrybox_device=; Path=/; Max-Age=0; .*; Secure$")
+                    .match(QString::fromStdString(out->get_header_value("Set-Cookie")))
+                    .hasMatch())
+        << out->get_header_value("Set-Cookie");
 }
 
 TEST(SharedLinkTest, TheFirstWebAddressIsTakenFromWhatAppsShare) {
