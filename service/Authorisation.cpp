@@ -37,18 +37,18 @@ std::optional<DeviceSession> deviceSessionOf(const HttpRequest& req, NotesStore&
     return store.deviceSession(tokenHash(token), nowMicros());
 }
 
-std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& store) {
+std::optional<Access> authorisedAccess(const HttpRequest& req, NotesStore& store) {
     const Query query = rawQuery(req);
     const QString token = queryValue(query, "auth");
     const QString email = queryValue(query, "email");
     if (token.isNull() && email.isNull()) {
         if (const auto session = deviceSessionOf(req, store))
-            return session->userId;
+            return Access{session->userId, session->deviceId, {}, 0};
         return std::nullopt;
     }
     if (token.isEmpty() || email.isEmpty())
         return std::nullopt;
-    return store.userForToken(tokenHash(token), email, nowMicros());
+    return store.tokenAccess(tokenHash(token), email, nowMicros());
 }
 
 void checkLogin(const HttpRequest& req, NotesStore& store, LoginLimiter& throttle, HashPool& pool,

@@ -33,9 +33,9 @@ QString cookie(const HttpRequest& req, const char* name);
 // The device session the request's cookie stands for, when it came from the page.
 std::optional<DeviceSession> deviceSessionOf(const HttpRequest& req, NotesStore& store);
 
-// The account a request acts for: the API's auth=TOKEN&email=ADDRESS in the query, or, without
+// What the request acts by: the API's auth=TOKEN&email=ADDRESS in the query, or, without
 // those, the web page's device session. nullopt when neither stands for a live session.
-std::optional<qint64> authorisedAccount(const HttpRequest& req, NotesStore& store);
+std::optional<Access> authorisedAccess(const HttpRequest& req, NotesStore& store);
 
 // A password login of address from the request's client: the account, or the status to answer
 // (401 wrong, 429 too many attempts from there, 503 no room to check it now, or the database

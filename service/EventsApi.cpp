@@ -13,12 +13,13 @@ void installEvents(HttpServer& server, NotesStore& store, EventStreams& streams)
                      0,
                      {},
                      [&store, &streams](const HttpRequest& req, HttpResponse& res) {
-                         const auto account = authorisedAccount(req, store);
-                         if (!account) {
+                         // The stream lasts as long as what it was opened with.
+                         const auto access = authorisedAccess(req, store);
+                         if (!access) {
                              res.status = 401;
                              return;
                          }
-                         if (!streams.open(*account, res)) {
+                         if (!streams.open(*access, res)) {
                              res.status = 429;
                              return;
                          }

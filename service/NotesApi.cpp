@@ -107,10 +107,12 @@ public:
 
     // The account the request acts for; nothing after a 401 is sent.
     std::optional<qint64> authorise(const HttpRequest& req, HttpResponse& res) {
-        const auto user = authorisedAccount(req, store_);
-        if (!user)
+        const auto access = authorisedAccess(req, store_);
+        if (!access) {
             answer(res, 401);
-        return user;
+            return std::nullopt;
+        }
+        return access->userId;
     }
 
     void index(const HttpRequest& req, HttpResponse& res) {

@@ -56,6 +56,15 @@ struct DeviceSession {
     QString email;
 };
 
+// What a request was let in by: an API token or a web page's device session, of one account.
+// A change stream lasts only as long as what it was opened with.
+struct Access {
+    qint64 userId = 0;
+    qint64 deviceId = 0;       // the device session's; 0 for a token
+    QByteArray tokenHash;      // the token's SHA-256; empty for a device session
+    qint64 expiresMicros = 0;  // when the token ends; 0 for a device session
+};
+
 // What appending a line to a note did.
 struct Appended {
     QString key;
@@ -103,13 +112,22 @@ public:
     // not even after it was removed: whatever still knows the old id (a change stream of the
     // removed account, say) must never hear of the newcomer's notes.
     virtual bool addUser(const QString& email, const QString& passwordHash) = 0;
+    // Ends the account's sessions with it.
     virtual bool removeUser(const QString& email) = 0;
     virtual std::optional<User> userByEmail(const QString& email) = 0;
+    // A new password, and every token and device session of the account ended: whoever knew
+    // the old one is out. False when there is no such account.
+    virtual bool changePassword(const QString& email, const QString& passwordHash) = 0;
 
     virtual void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) = 0;
-    // The user whose live token hashes to tokenHash, if that user has this address.
-    virtual std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
-                                               qint64 nowMicros) = 0;
+    // The live token that hashes to tokenHash, if its account has this address.
+    virtual std::optional<Access> tokenAccess(const QByteArray& tokenHash, const QString& email,
+                                              qint64 nowMicros) = 0;
+    // Whether the token or device session is still live (not ended, not expired, its account
+    // still there).
+    virtual bool stillGranted(const Access& access, qint64 nowMicros) = 0;
+    // Every token and device session of the account ends ("sign out everywhere").
+    virtual void endSessions(qint64 userId) = 0;
 
     virtual qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
                              qint64 nowMicros) = 0;

@@ -8,6 +8,7 @@
 
 #include <QString>
 #include <algorithm>
+#include <cstring>
 
 #include "foundation/Log.h"
 #include "service/NotesStore.h"
@@ -52,6 +53,10 @@ void PgChangeRelay::noteChanged(qint64 userId, const QString& key) {
     }
 }
 
+void PgChangeRelay::accessEnded(qint64 userId) {
+    local_.accessEnded(userId);
+}
+
 bool PgChangeRelay::stoppedWithin(int ms) {
     pollfd wake{wake_[0], POLLIN, 0};
     ::poll(&wake, 1, ms);
@@ -70,7 +75,9 @@ void PgChangeRelay::listen() {
             wait = std::min(wait * 2, 5000);
             continue;
         }
-        PGresult* listening = PQexec(connection, (std::string("LISTEN ") + kChannel).c_str());
+        PGresult* listening =
+            PQexec(connection,
+                   (std::string("LISTEN ") + kChannel + "; LISTEN " + kAccessEndedChannel).c_str());
         const bool ok = PQresultStatus(listening) == PGRES_COMMAND_OK;
         PQclear(listening);
         if (ok) {
@@ -91,10 +98,17 @@ void PgChangeRelay::relay(PGconn* connection) {
         if (stopping_ || !PQconsumeInput(connection))
             return;
         while (PGnotify* notice = PQnotifies(connection)) {
+            const bool ended = std::strcmp(notice->relname, kAccessEndedChannel) == 0;
             const QString payload = QString::fromUtf8(notice->extra);
             PQfreemem(notice);
-            const qsizetype space = payload.indexOf(QLatin1Char(' '));
             bool ok = false;
+            if (ended) {
+                const qint64 userId = payload.toLongLong(&ok);
+                if (ok)
+                    local_.accessEnded(userId);
+                continue;
+            }
+            const qsizetype space = payload.indexOf(QLatin1Char(' '));
             const qint64 userId = payload.left(space).toLongLong(&ok);
             if (space > 0 && ok)
                 local_.noteChanged(userId, payload.mid(space + 1));

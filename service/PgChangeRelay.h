@@ -12,11 +12,17 @@ namespace notes {
 
 class PgConnections;
 
+// Where the store announces, with the account's id, that tokens or device sessions of it ended
+// (PostgresStore does so in the transaction that ends them, from a node or a command).
+inline constexpr char kAccessEndedChannel[] = "ferrybox_access_ended";
+
 // Carries each change to the event streams of every node through PostgreSQL's NOTIFY on the
 // channel ferrybox_note_changes: a change is announced there, and a thread of each node
-// LISTENs on a connection of its own and hands what it hears to that node's streams. A lost
-// connection is made again (waits doubling from a quarter second to five), and the streams
-// resume with the changes made after it is back.
+// LISTENs on a connection of its own and hands what it hears to that node's streams. The same
+// thread hears kAccessEndedChannel, so that a stream ends with its session whichever process
+// ended it. A lost connection is made again (waits doubling from a quarter second to five),
+// and the streams resume with the changes made after it is back; a session ended meanwhile is
+// found at its stream's next heartbeat.
 class PgChangeRelay : public NoteEvents {
 public:
     PgChangeRelay(PgConnections& connections, NoteEvents& local);
@@ -25,6 +31,8 @@ public:
     PgChangeRelay& operator=(const PgChangeRelay&) = delete;
 
     void noteChanged(qint64 userId, const QString& key) override;
+    // This node's streams at once; the store has announced it to every node already.
+    void accessEnded(qint64 userId) override;
 
 private:
     void listen();

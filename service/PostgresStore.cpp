@@ -161,9 +161,51 @@ bool PostgresStore::addUser(const QString& email, const QString& passwordHash) {
     return true;
 }
 
+namespace {
+
+// Every node's change streams opened with what ended hear of it when (and only if) it is
+// committed: NOTIFY waits for the end of its transaction.
+constexpr const char* kAnnounceEnd = "SELECT pg_notify($1, $2)";
+
+PgParams accessEnded(qint64 userId) {
+    return std::move(
+        PgParams().add(QString::fromLatin1(kAccessEndedChannel)).add(QString::number(userId)));
+}
+
+}  // namespace
+
 bool PostgresStore::removeUser(const QString& email) {
     auto lease = connections_.take();
-    return lease.run("DELETE FROM users WHERE email = $1", PgParams().add(email)).changed() > 0;
+    const PgResult gone = lease.run(
+        "WITH gone AS (DELETE FROM users WHERE email = $1 RETURNING id) "
+        "SELECT pg_notify($2, id::text) FROM gone",
+        PgParams().add(email).add(QString::fromLatin1(kAccessEndedChannel)));
+    return gone.rows() > 0;
+}
+
+bool PostgresStore::changePassword(const QString& email, const QString& passwordHash) {
+    auto lease = connections_.take();
+    PgTransaction transaction(lease);
+    const PgResult changed =
+        lease.run("UPDATE users SET password_hash = $2 WHERE email = $1 RETURNING id",
+                  PgParams().add(email).add(passwordHash));
+    if (!changed.rows())
+        return false;
+    const qint64 id = changed.integer(0, 0);
+    lease.run("DELETE FROM tokens WHERE user_id = $1", PgParams().add(id));
+    lease.run("DELETE FROM devices WHERE user_id = $1", PgParams().add(id));
+    lease.run(kAnnounceEnd, accessEnded(id));
+    transaction.commit();
+    return true;
+}
+
+void PostgresStore::endSessions(qint64 userId) {
+    auto lease = connections_.take();
+    PgTransaction transaction(lease);
+    lease.run("DELETE FROM tokens WHERE user_id = $1", PgParams().add(userId));
+    lease.run("DELETE FROM devices WHERE user_id = $1", PgParams().add(userId));
+    lease.run(kAnnounceEnd, accessEnded(userId));
+    transaction.commit();
 }
 
 std::optional<User> PostgresStore::userByEmail(const QString& email) {
@@ -183,16 +225,33 @@ void PostgresStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 
         PgParams().addBytes(tokenHash).add(userId).add(expiresMicros).add(nowMicros()));
 }
 
-std::optional<qint64> PostgresStore::userForToken(const QByteArray& tokenHash, const QString& email,
-                                                  qint64 now) {
+std::optional<Access> PostgresStore::tokenAccess(const QByteArray& tokenHash, const QString& email,
+                                                 qint64 now) {
     auto lease = connections_.take();
     const PgResult r = lease.run(
-        "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
+        "SELECT users.id, tokens.expires FROM tokens JOIN users ON users.id = tokens.user_id "
         "WHERE tokens.token_hash = $1 AND users.email = $2 AND tokens.expires > $3",
         PgParams().addBytes(tokenHash).add(email).add(now));
     if (!r.rows())
         return std::nullopt;
-    return r.integer(0, 0);
+    return Access{r.integer(0, 0), 0, tokenHash, r.integer(0, 1)};
+}
+
+bool PostgresStore::stillGranted(const Access& access, qint64 now) {
+    auto lease = connections_.take();
+    if (access.deviceId) {
+        return lease
+                   .run("SELECT 1 FROM devices WHERE id = $1 AND user_id = $2 AND last_seen > $3",
+                        PgParams()
+                            .add(access.deviceId)
+                            .add(access.userId)
+                            .add(now - kDeviceIdleMicros))
+                   .rows() > 0;
+    }
+    return lease
+               .run("SELECT 1 FROM tokens WHERE token_hash = $1 AND user_id = $2 AND expires > $3",
+                    PgParams().addBytes(access.tokenHash).add(access.userId).add(now))
+               .rows() > 0;
 }
 
 qint64 PostgresStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
@@ -239,9 +298,12 @@ std::vector<Device> PostgresStore::devices(qint64 userId, qint64 now) {
 bool PostgresStore::endDevice(qint64 userId, qint64 deviceId) {
     auto lease = connections_.take();
     return lease
-               .run("DELETE FROM devices WHERE id = $1 AND user_id = $2",
-                    PgParams().add(deviceId).add(userId))
-               .changed() > 0;
+               .run(
+                   "WITH ended AS (DELETE FROM devices WHERE id = $1 AND user_id = $2 "
+                   "RETURNING user_id) SELECT pg_notify($3, user_id::text) FROM ended",
+                   PgParams().add(deviceId).add(userId).add(
+                       QString::fromLatin1(kAccessEndedChannel)))
+               .rows() > 0;
 }
 
 Appended PostgresStore::appendLine(qint64 userId, const QString& header, const QString& line,

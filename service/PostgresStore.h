@@ -13,7 +13,9 @@ namespace notes {
 // nothing one of them must know lives only in another's memory. Every write is committed
 // (synchronous commit) before it returns. The schema is made or brought forward at start, one
 // node at a time (an advisory lock), and carries its version in ferrybox_schema. Search uses a
-// pg_trgm index over each note's case-folded text.
+// pg_trgm index over each note's case-folded text. Whatever ends tokens or device sessions
+// announces it to every node (kAccessEndedChannel) in the same transaction, so that the change
+// streams opened with them end, whichever process ended them: a node, or a command beside them.
 class PostgresStore : public NotesStore {
 public:
     static constexpr int kSchemaVersion = 4;
@@ -27,8 +29,11 @@ public:
     bool removeUser(const QString& email) override;
     std::optional<User> userByEmail(const QString& email) override;
     void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) override;
-    std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
-                                       qint64 nowMicros) override;
+    bool changePassword(const QString& email, const QString& passwordHash) override;
+    std::optional<Access> tokenAccess(const QByteArray& tokenHash, const QString& email,
+                                      qint64 nowMicros) override;
+    bool stillGranted(const Access& access, qint64 nowMicros) override;
+    void endSessions(qint64 userId) override;
     qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
                      qint64 nowMicros) override;
     std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash,

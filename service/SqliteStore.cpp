@@ -424,6 +424,34 @@ bool SqliteStore::removeUser(const QString& email) {
     return sqlite3_changes(db_) > 0;
 }
 
+bool SqliteStore::changePassword(const QString& email, const QString& passwordHash) {
+    std::lock_guard lock(mutex_);
+    WriteTransaction transaction(*writes_);
+    qint64 id = 0;
+    {
+        Statement s(*writes_, "SELECT id FROM users WHERE email = ?");
+        if (!s.bind(1, email).step())
+            return false;
+        id = s.integer(0);
+    }
+    Statement(*writes_, "UPDATE users SET password_hash = ? WHERE id = ?")
+        .bind(1, passwordHash)
+        .bind(2, id)
+        .step();
+    Statement(*writes_, "DELETE FROM tokens WHERE user_id = ?").bind(1, id).step();
+    Statement(*writes_, "DELETE FROM devices WHERE user_id = ?").bind(1, id).step();
+    transaction.commit();
+    return true;
+}
+
+void SqliteStore::endSessions(qint64 userId) {
+    std::lock_guard lock(mutex_);
+    WriteTransaction transaction(*writes_);
+    Statement(*writes_, "DELETE FROM tokens WHERE user_id = ?").bind(1, userId).step();
+    Statement(*writes_, "DELETE FROM devices WHERE user_id = ?").bind(1, userId).step();
+    transaction.commit();
+}
+
 std::optional<User> SqliteStore::userByEmail(const QString& email) {
     const auto lease = reads_.take();
     Statement s(lease.statements(), "SELECT id, email, password_hash FROM users WHERE email = ?");
@@ -443,16 +471,32 @@ void SqliteStore::addToken(qint64 userId, const QByteArray& tokenHash, qint64 ex
         .step();
 }
 
-std::optional<qint64> SqliteStore::userForToken(const QByteArray& tokenHash, const QString& email,
-                                                qint64 now) {
+std::optional<Access> SqliteStore::tokenAccess(const QByteArray& tokenHash, const QString& email,
+                                               qint64 now) {
     const auto lease = reads_.take();
-    Statement s(lease.statements(),
-                "SELECT users.id FROM tokens JOIN users ON users.id = tokens.user_id "
-                "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
+    Statement s(
+        lease.statements(),
+        "SELECT users.id, tokens.expires FROM tokens JOIN users ON users.id = tokens.user_id "
+        "WHERE tokens.token_hash = ? AND users.email = ? AND tokens.expires > ?");
     s.bind(1, tokenHash).bind(2, email).bind(3, now);
     if (!s.step())
         return std::nullopt;
-    return s.integer(0);
+    return Access{s.integer(0), 0, tokenHash, s.integer(1)};
+}
+
+bool SqliteStore::stillGranted(const Access& access, qint64 now) {
+    const auto lease = reads_.take();
+    if (access.deviceId) {
+        Statement s(lease.statements(),
+                    "SELECT 1 FROM devices WHERE id = ? AND user_id = ? AND last_seen > ?");
+        return s.bind(1, access.deviceId)
+            .bind(2, access.userId)
+            .bind(3, now - kDeviceIdleMicros)
+            .step();
+    }
+    Statement s(lease.statements(),
+                "SELECT 1 FROM tokens WHERE token_hash = ? AND user_id = ? AND expires > ?");
+    return s.bind(1, access.tokenHash).bind(2, access.userId).bind(3, now).step();
 }
 
 qint64 SqliteStore::addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
@@ -796,6 +840,8 @@ public:
     void noteChanged(qint64 userId, const QString& key) override {
         local_.noteChanged(userId, key);
     }
+    // What another process (remove-user, passwd) ends is found at each stream's heartbeat.
+    void accessEnded(qint64 userId) override { local_.accessEnded(userId); }
 
 private:
     NoteEvents& local_;

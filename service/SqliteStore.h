@@ -27,8 +27,11 @@ public:
     bool removeUser(const QString& email) override;
     std::optional<User> userByEmail(const QString& email) override;
     void addToken(qint64 userId, const QByteArray& tokenHash, qint64 expiresMicros) override;
-    std::optional<qint64> userForToken(const QByteArray& tokenHash, const QString& email,
-                                       qint64 nowMicros) override;
+    bool changePassword(const QString& email, const QString& passwordHash) override;
+    std::optional<Access> tokenAccess(const QByteArray& tokenHash, const QString& email,
+                                      qint64 nowMicros) override;
+    bool stillGranted(const Access& access, qint64 nowMicros) override;
+    void endSessions(qint64 userId) override;
     qint64 addDevice(qint64 userId, const QByteArray& tokenHash, const QString& name,
                      qint64 nowMicros) override;
     std::optional<DeviceSession> deviceSession(const QByteArray& tokenHash,

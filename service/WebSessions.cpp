@@ -120,8 +120,10 @@ public:
     }
 
     void signOut(const HttpRequest& req, HttpResponse& res) {
-        if (const auto session = deviceSessionOf(req, store_))
+        if (const auto session = deviceSessionOf(req, store_)) {
             store_.endDevice(session->userId, session->deviceId);
+            events_.accessEnded(session->userId);
+        }
         answerJson(res, 200, TWJsonValue::dictionary());
         res.headers.emplace_back("Set-Cookie", deviceCookie(req, QString(), 0));
     }
@@ -153,9 +155,23 @@ public:
             res.status = 404;
             return;
         }
+        events_.accessEnded(session->userId);
         answerJson(res, 200, TWJsonValue::dictionary());
         if (id == session->deviceId)
             res.headers.emplace_back("Set-Cookie", deviceCookie(req, QString(), 0));
+    }
+
+    // Every device session and every API token of the account, this device's included: for a
+    // phone that was lost, or a password that someone else may know (with a new one set by
+    // the passwd command, which ends them too). Every client, the agent too, signs in again.
+    void signOutEverywhere(const HttpRequest& req, HttpResponse& res) {
+        const auto session = signedIn(req, res);
+        if (!session)
+            return;
+        store_.endSessions(session->userId);
+        events_.accessEnded(session->userId);
+        answerJson(res, 200, TWJsonValue::dictionary());
+        res.headers.emplace_back("Set-Cookie", deviceCookie(req, QString(), 0));
     }
 
     void append(const HttpRequest& req, HttpResponse& res) {
@@ -233,6 +249,7 @@ void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& thr
     add("POST", "/web/sign-out", &WebSessions::signOut);
     add("GET", "/web/devices", &WebSessions::devices);
     add("POST", "/web/devices/end", &WebSessions::endDevice);
+    add("POST", "/web/sign-out-everywhere", &WebSessions::signOutEverywhere);
     add("POST", "/web/append", &WebSessions::append, kMaxShareBodyBytes);
 }
 

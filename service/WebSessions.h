@@ -12,7 +12,8 @@ class NotesStore;
 // The web page's own calls under /web: signing a device in for good (a cookie the page's
 // script cannot read, ended on the server by signing out or from the list of devices), and
 // queueing a shared or pasted link into the download note. Every call must come from the
-// page itself (see fromOwnPage), else 403; bodies are form-encoded, answers JSON.
+// page itself (see fromOwnPage), else 403; bodies are form-encoded, answers JSON. Whatever
+// ends sessions is told to events, so that the streams opened with them end too.
 //
 //   POST /web/sign-in        email, password   -> {"email"} and the cookie; 401, 429, 503
 //   GET  /web/me                               -> {"email"}; 401

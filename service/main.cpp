@@ -36,6 +36,7 @@ SYNOPSIS
                          [--trusted-proxy ADDRESS]... [LIMITS] [EVENTS]
     ferrybox-notes add-user EMAIL [--db FILE]
     ferrybox-notes remove-user EMAIL [--db FILE]
+    ferrybox-notes passwd EMAIL [--db FILE]
     ferrybox-notes copy --from FILE --to FILE
     ferrybox-notes --help | --version
 
@@ -50,6 +51,9 @@ DESCRIPTION
     add-user      creates an account; the password is read from standard input (first line),
                   or asked for without echo on a terminal.
     remove-user   deletes an account with all its notes and sessions.
+    passwd        sets a new password for an account, read as add-user reads it, and ends
+                  every API token and every signed-in device of the account, with their
+                  event streams: every client signs in again, with the new password.
     copy          copies every account (address and password hash) and every note (key,
                   text, dates, deleted or not) from one database to another, which must be
                   empty; sessions and signed-in devices are not copied. Either side may be a
@@ -104,7 +108,11 @@ LIMITS
 EVENTS
     GET /api/events?auth=TOKEN&email=EMAIL answers server-sent events: "retry: 2000" and
     ": ready" at once, "event: change" with data {"key":"KEY"} on every change to a note of
-    the account, and a ": heartbeat" comment at a steady pace.
+    the account, and a ": heartbeat" comment at a steady pace. A stream ends (properly, its
+    place freed) with the token or device session it was opened with: when the token expires,
+    when the device signs out or is ended, at "Sign out everywhere", passwd or remove-user.
+    What another process ends is announced to every node on PostgreSQL; with a SQLite file
+    the serving process finds it at the stream's next heartbeat.
     --event-heartbeat SECONDS       time between heartbeats (default 15)
     --max-event-streams-per-account N
                                     streams one account may have open (default 8); one
@@ -342,7 +350,9 @@ int serve(const Arguments& a, notes::NotesStore& store) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     // Outlives the server, whose stop ends every stream.
-    notes::EventStreams streams(a.events);
+    notes::EventStreams streams(a.events, [&store](const notes::Access& access) {
+        return store.stillGranted(access, notes::nowMicros());
+    });
     const std::unique_ptr<notes::NoteEvents> changes = store.changeRelay(streams);
     notes::HttpLimits limits = a.limits;
     limits.threads = a.threads ? a.threads : defaultThreads(a.db);
@@ -400,8 +410,9 @@ int main(int argc, char** argv) {
     Arguments a;
     if (const int status = parse(app.arguments(), a); status >= 0)
         return status;
-    const bool needsEmail =
-        a.command == QLatin1String("add-user") || a.command == QLatin1String("remove-user");
+    const bool needsEmail = a.command == QLatin1String("add-user") ||
+                            a.command == QLatin1String("remove-user") ||
+                            a.command == QLatin1String("passwd");
     if (a.command != QLatin1String("serve") && a.command != QLatin1String("copy") && !needsEmail) {
         return fail(QStringLiteral("unknown command %1 (see --help)").arg(a.command), 2);
     }
@@ -424,9 +435,18 @@ int main(int argc, char** argv) {
             return store.removeUser(a.email) ? 0
                                              : fail(QStringLiteral("no account %1").arg(a.email));
         }
+        // Nobody is asked for a password that could not be set.
+        const bool changing = a.command == QLatin1String("passwd");
+        if (changing && !store.userByEmail(a.email))
+            return fail(QStringLiteral("no account %1").arg(a.email));
         const QString password = readPassword();
         if (password.isEmpty())
             return fail(QStringLiteral("the password must not be empty"), 2);
+        if (changing) {
+            return store.changePassword(a.email, notes::hashPassword(password))
+                       ? 0
+                       : fail(QStringLiteral("no account %1").arg(a.email));
+        }
         if (!store.addUser(a.email, notes::hashPassword(password))) {
             return fail(QStringLiteral("account %1 exists already").arg(a.email));
         }

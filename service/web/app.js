@@ -4,7 +4,8 @@
 // shared to the installed app from another one (/share?title=&text=&url=: at once when the
 // service says the share sheet or this page opened it, else after a tap); lists the signed-in
 // devices and ends them. The device session is a cookie the service sets and this script never
-// sees; every call carries the X-Ferrybox-Page header, without which the service refuses a call
+// sees; "Sign out everywhere" ends it with every other session of the account, the API's
+// tokens too; every call carries the X-Ferrybox-Page header, without which the service refuses a call
 // that the cookie alone would authorise. Note text only ever enters the page as text
 // (textContent, value), never as markup.
 'use strict';
@@ -589,6 +590,22 @@ async function endDevice(device) {
     $('devices-title').focus();
 }
 
+// Every session of the account ends, this device's included, and every token of the API:
+// for a lost phone, or a password someone else may know.
+async function signOutEverywhere() {
+    if (!confirm('Sign out everywhere? Every browser and phone, this one included, and Ferrybox '
+        + 'on your computers will need the password again.'))
+        return;
+    try {
+        await call('POST', '/web/sign-out-everywhere');
+    } catch (error) {
+        // 401: this device was signed out already, and the others are as they were.
+        return fail('Not signed out everywhere', error);
+    }
+    signedOut();
+    say('Signed out everywhere.');
+}
+
 // Whether this device is signed in, then: what was shared, the note ?q= asks for (once), or
 // the list.
 async function start() {
@@ -630,6 +647,7 @@ $('sign-in').addEventListener('submit', (event) => {
 });
 $('sign-out').addEventListener('click', () => act(signOut));
 $('devices-open').addEventListener('click', () => act(openDevices));
+$('sign-out-everywhere').addEventListener('click', () => act(signOutEverywhere));
 $('devices-back').addEventListener('click', () => {
     if (history.state?.devices)
         history.back();  // back to the list through popstate

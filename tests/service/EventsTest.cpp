@@ -4,10 +4,12 @@
 #include <signal.h>
 
 #include <QFile>
+#include <QUrl>
 #include <chrono>
 #include <memory>
 #include <thread>
 
+#include "Classes/TWJSON/TWJSON.h"
 #include "tests/service/RawClient.h"
 #include "tests/service/ServiceFixture.h"
 
@@ -92,6 +94,37 @@ protected:
             otherToken_ = res ? res->body : "";
         }
         return "?auth=" + otherToken_ + "&email=" + kOtherEmail;
+    }
+
+    // This device signed in to the web page: its cookie, as the browser sends it back.
+    std::string signIn() {
+        const auto form = [](const char* text) {
+            return QUrl::toPercentEncoding(QString::fromUtf8(text)).toStdString();
+        };
+        auto res = client_->Post("/web/sign-in", kFromPage,
+                                 "email=" + form(kEmail) + "&password=" + form(kPassword),
+                                 "application/x-www-form-urlencoded");
+        EXPECT_TRUE(res && res->status == 200);
+        const std::string set = res ? res->get_header_value("Set-Cookie") : "";
+        return set.substr(0, set.find(';'));
+    }
+
+    // A call of the page's, with a device's cookie.
+    httplib::Result web(const char* method, const std::string& path, const std::string& cookie) {
+        httplib::Headers headers = kFromPage;
+        headers.emplace("Cookie", cookie);
+        if (std::string(method) == "GET")
+            return client_->Get(path.c_str(), headers);
+        return client_->Post(path.c_str(), headers, "", "application/x-www-form-urlencoded");
+    }
+
+    // A stream as the web page opens it, with a device's cookie.
+    std::unique_ptr<RawClient> openPageStream(const std::string& cookie) {
+        auto stream = request(
+            "", "127.0.0.1",
+            "X-Ferrybox-Page: 1\r\nSec-Fetch-Site: same-origin\r\nCookie: " + cookie + "\r\n");
+        EXPECT_TRUE(waitForText(*stream, kReady)) << stream->received();
+        return stream;
     }
 
     std::string post(const std::string& query, const std::string& text) {
@@ -262,6 +295,96 @@ TEST_P(EventsTest, AStreamOutlivesTheIdleTimeOutOnHeartbeats) {
     EXPECT_EQ(body(*stream).rfind(kReady, 0), 0u);
     const std::string key = createNote("still listening");
     EXPECT_TRUE(waitForText(*stream, changeEvent(key))) << body(*stream);
+}
+
+// Whoever had the right to listen no longer hears of the notes once it is taken back: signed out,
+// ended from the list of devices, "Sign out everywhere", a new password, the account removed,
+// or a token that ran out. Ended by the serving process, or announced to it through the
+// database, the stream ends at once (heartbeats far apart here); a command beside a SQLite
+// file has no way to tell the service, which finds out at the stream's next heartbeat.
+TEST_P(EventsTest, AStreamEndsWithTheSessionItWasOpenedWith) {
+    const auto endDevice = [&](const std::string& cookie) {
+        // From another device, whose list shows the stream's device as not the current one.
+        const std::string other = signIn();
+        const TWJsonValue list =
+            TWJSON()
+                .fragmentWithString(QString::fromStdString(web("GET", "/web/devices", other)->body))
+                .value_or(TWJsonValue());
+        for (const TWJsonValue& device : list.elements()) {
+            if (!device.valueForKey(QStringLiteral("current"))->boolValue()) {
+                const QString id = device.valueForKey(QStringLiteral("id"))->stringValue();
+                EXPECT_EQ(web("POST", "/web/devices/end?id=" + id.toStdString(), other)->status,
+                          200);
+            }
+        }
+        EXPECT_EQ(web("GET", "/web/me", cookie)->status, 401);
+    };
+    struct Case {
+        const char* name;
+        bool device;            // opened by the web page with its cookie, else with a token
+        bool byAnotherProcess;  // a command beside the service
+        int tokenSeconds;       // how long a token lasts, when not the default
+        std::function<void(const std::string& cookie)> end;
+        const char* password;  // to sign in with afterwards; nullptr: the account is gone
+    };
+    const Case cases[] = {
+        {"sign-out", true, false, 0,
+         [&](const std::string& cookie) {
+             EXPECT_EQ(web("POST", "/web/sign-out", cookie)->status, 200);
+         },
+         kPassword},
+        {"ended from the list of devices", true, false, 0, endDevice, kPassword},
+        {"sign out everywhere, page", true, false, 0,
+         [&](const std::string&) {
+             EXPECT_EQ(web("POST", "/web/sign-out-everywhere", signIn())->status, 200);
+         },
+         kPassword},
+        {"sign out everywhere, token", false, false, 0,
+         [&](const std::string&) {
+             EXPECT_EQ(web("POST", "/web/sign-out-everywhere", signIn())->status, 200);
+         },
+         kPassword},
+        {"passwd", false, true, 0,
+         [&](const std::string&) {
+             EXPECT_EQ(server_->runCommand({"passwd", kEmail}, "a new password\n"), 0);
+         },
+         "a new password"},
+        {"remove-user", false, true, 0,
+         [&](const std::string&) {
+             EXPECT_EQ(server_->runCommand({"remove-user", kEmail}), 0);
+         },
+         nullptr},
+        {"token expiry", false, false, 3, [](const std::string&) {}, kPassword},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const bool atHeartbeat = c.byAnotherProcess && GetParam() == Backend::SQLite;
+        QProcessEnvironment env;
+        if (c.tokenSeconds)
+            env.insert("FERRYBOX_NOTES_TOKEN_SECONDS", QString::number(c.tokenSeconds));
+        startServer(
+            {"--event-heartbeat", atHeartbeat ? "1" : "60", "--max-event-streams-per-account", "1"},
+            env);
+        const std::string cookie = c.device ? signIn() : "";
+        auto stream = c.device ? openPageStream(cookie) : openStream();
+        const auto asked = Clock::now();
+        c.end(cookie);
+        EXPECT_TRUE(
+            stream->readUntil([](const std::string& raw) { return parseStreamed(raw).finished; },
+                              1000 * (c.tokenSeconds + 3)))
+            << "the stream did not end: " << stream->received();
+        RecordProperty(std::string("ended_ms_") + c.name,
+                       static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                            Clock::now() - asked)
+                                            .count()));
+        if (!c.password)
+            continue;
+        // Its place is free: the account's one stream may be opened again by a new sign-in.
+        auto res = login(kEmail, c.password);
+        ASSERT_TRUE(res && res->status == 200);
+        auto again = request("?auth=" + res->body + "&email=" + kEmail);
+        EXPECT_EQ(statusOf(*again), 200) << again->received();
+    }
 }
 
 // An account made after another was removed never has its id, which a stream of the removed

@@ -226,6 +226,28 @@ TEST_P(OperationsTest, AccountCommands) {
     EXPECT_EQ(server_->runCommand({"add-user", kEmail}, "again\n", &output), 1);
     EXPECT_TRUE(output.contains("exists already"));
     EXPECT_EQ(server_->runCommand({"remove-user", "nobody@example.org"}), 1);
+
+    // A new password shuts out whoever knew the old one: its tokens and devices end too.
+    const std::string oldQuery = auth();
+    auto signedIn = client_->Post("/web/sign-in", kFromPage,
+                                  "email=me%2Btag%40example.org&password=pa%20ss%26word%3D1",
+                                  "application/x-www-form-urlencoded");
+    ASSERT_TRUE(signedIn && signedIn->status == 200);
+    httplib::Headers device = kFromPage;
+    device.emplace("Cookie", signedIn->get_header_value("Set-Cookie")
+                                 .substr(0, signedIn->get_header_value("Set-Cookie").find(';')));
+    EXPECT_EQ(server_->runCommand({"passwd", "nobody@example.org"}, "x\n", &output), 1);
+    EXPECT_TRUE(output.contains("no account nobody@example.org")) << output.toStdString();
+    EXPECT_EQ(server_->runCommand({"passwd", kEmail}, "\n"), 2);
+    EXPECT_EQ(client_->Get(("/api/index" + oldQuery).c_str())->status, 200) << "nothing changed";
+    EXPECT_EQ(server_->runCommand({"passwd", kEmail}, "the new one\n"), 0);
+    EXPECT_EQ(client_->Get(("/api/index" + oldQuery).c_str())->status, 401);
+    EXPECT_EQ(client_->Get("/web/me", device)->status, 401);
+    EXPECT_EQ(login(kEmail, kPassword)->status, 401);
+    auto fresh = login(kEmail, "the new one");
+    ASSERT_EQ(fresh->status, 200);
+    token_ = fresh->body;
+
     const std::string query = auth();
     EXPECT_EQ(server_->runCommand({"remove-user", kEmail}), 0);
     EXPECT_EQ(client_->Get(("/api/index" + query).c_str())->status, 401);
@@ -274,8 +296,8 @@ TEST_P(SqliteOperationsTest, CopyMovesAccountsAndNotesToPostgreSQLAndBack) {
 
     // Sessions stay behind; the copy's owner signs in again, with the same password.
     const auto copied = notes::openNotesStore(back);
-    EXPECT_FALSE(copied->userForToken(notes::tokenHash(QString::fromStdString(token())), kEmail,
-                                      notes::nowMicros()));
+    EXPECT_FALSE(copied->tokenAccess(notes::tokenHash(QString::fromStdString(token())), kEmail,
+                                     notes::nowMicros()));
     // Only into an empty database, and never with a password on the command line.
     EXPECT_EQ(server_->runCommand({"copy", "--from", server_->dbPath(), "--to", back}, {}, &output),
               1);

@@ -121,6 +121,8 @@ TEST_P(SessionTest, NothingIsDoneForRequestsAnotherSiteCouldHaveMade) {
             << which;
         EXPECT_EQ(status(call("GET", "/web/me", cookie, "", headers)), 403) << which;
         EXPECT_EQ(status(call("POST", "/web/sign-out", cookie, "", headers)), 403) << which;
+        EXPECT_EQ(status(call("POST", "/web/sign-out-everywhere", cookie, "", headers)), 403)
+            << which;
         EXPECT_EQ(status(call("GET", "/api/delete?key=" + key, cookie, "", headers)), 401) << which;
         EXPECT_EQ(status(call("GET", "/api/index", cookie, "", headers)), 401) << which;
     }
@@ -184,7 +186,20 @@ TEST_P(SessionTest, DevicesAreListedByNameAndEachCanBeEnded) {
                     .startsWith(QLatin1String("ferrybox_device=; Path=/; Max-Age=0")));
     EXPECT_EQ(status(call("GET", "/web/me", cookies.front())), 401);
     EXPECT_EQ(status(call("GET", "/api/index", cookies.front())), 401);
+    // Signing out everywhere ends every device and every API token of the account, this
+    // device's included.
+    const std::string query = auth();
+    auto everywhere = call("POST", "/web/sign-out-everywhere", cookies.back());
+    EXPECT_EQ(status(everywhere), 200);
+    EXPECT_TRUE(QString::fromStdString(everywhere->get_header_value("Set-Cookie"))
+                    .startsWith(QLatin1String("ferrybox_device=; Path=/; Max-Age=0")));
+    for (const std::string& cookie : cookies)
+        EXPECT_EQ(status(call("GET", "/web/me", cookie)), 401);
+    EXPECT_EQ(status(client_->Get(("/api/index" + query).c_str())), 401);
     // Removing the account ends its devices.
+    cookies = {signIn().cookie, signIn().cookie};
+    for (const std::string& cookie : cookies)
+        EXPECT_EQ(status(call("GET", "/web/me", cookie)), 200);
     ASSERT_EQ(server_->runCommand({QStringLiteral("remove-user"), QLatin1String(kEmail)}), 0);
     for (const std::string& cookie : cookies)
         EXPECT_EQ(status(call("GET", "/web/me", cookie)), 401);

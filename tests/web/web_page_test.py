@@ -494,6 +494,30 @@ class DeviceSessionTest(PageTestCase):
         self.assertFalse(self.notes.signed_in(mine))
         self.assertFalse(self.el("devices-open").is_displayed())
 
+    def test_sign_out_everywhere(self):
+        """A lost phone: every device session and every API token of the account ends, this
+        device's included."""
+        phone = self.notes.device(ANDROID)
+        self.addCleanup(self.notes.login)  # the token the other tests use
+        self.fresh()
+        self.sign_in()
+        self.visible("list")
+        mine = self.cookie()["value"]
+        self.el("devices-open").click()
+        self.visible("sign-out-everywhere").click()
+        WebDriverWait(browser, 5).until(seen.alert_is_present()).accept()
+        self.visible("sign-in")
+        self.assertEqual(self.message("Signed out everywhere"), "Signed out everywhere.")
+        self.assertFalse(self.el("devices").is_displayed())
+        self.assertFalse(self.el("devices-open").is_displayed())
+        self.assertEqual([self.notes.signed_in(cookie) for cookie in (mine, phone)],
+                         [False, False])
+        with self.assertRaises(urllib.error.HTTPError) as refused:
+            self.notes.api("GET", "index")
+        self.assertEqual(refused.exception.code, 401)
+        browser.refresh()
+        self.visible("sign-in")
+
     def test_session_ended_elsewhere_keeps_the_unsaved_edit(self):
         self.fresh()
         self.sign_in()
