@@ -264,8 +264,9 @@ void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, H
         [api](const HttpRequest& req, HttpResponse& res) { return api->admitNote(req, res); });
     add("GET", "/api/delete", &Api::deleteNote);
     add("GET", "/api/search", &Api::search);
-    // The web page's sessions share the accounts, the slow-down and the events with the API.
-    installWebSessions(server, store, throttle, hashing, events);
+    // The web page's sessions share the accounts, the slow-down, the password checks, the events
+    // and the note body limit with the API.
+    installWebSessions(server, store, throttle, hashing, events, settings.maxBodyBytes);
 }
 
 }  // namespace notes

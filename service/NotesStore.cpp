@@ -32,6 +32,11 @@ QString newNoteKey() {
         QByteArray(reinterpret_cast<const char*>(bytes), sizeof bytes).toHex());
 }
 
+qint64 base64Length(const QString& text) {
+    const qint64 bytes = text.toUtf8().size();
+    return (bytes + 2) / 3 * 4;
+}
+
 qint64 nowMicros() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
                std::chrono::system_clock::now().time_since_epoch())

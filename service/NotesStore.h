@@ -70,6 +70,7 @@ struct Appended {
     QString key;
     bool added = false;  // false: the line was there already (or was taken since), nothing changed
     qint64 version = 0;  // the note's, after the append
+    bool tooLong = false;  // not added: the note would have grown past the limit
 };
 
 struct User {
@@ -142,9 +143,11 @@ public:
     // a line of that note already; with no such note, makes one of header and line. Appends
     // that race each other, from any process, all land. When the writer saw that note at an
     // older version that held the line, and the line is gone since (the agent took it), it is
-    // not added again.
+    // not added again. Nor when the note's text would grow past maxBase64Bytes in base64 (the
+    // measure of a note body): then nothing changes and the answer says tooLong.
     virtual Appended appendLine(qint64 userId, const QString& header, const QString& line,
-                                qint64 nowMicros, const std::optional<SeenVersion>& seen) = 0;
+                                qint64 nowMicros, const std::optional<SeenVersion>& seen,
+                                qint64 maxBase64Bytes) = 0;
 
     // Note texts never hold a NUL character (PostgreSQL's text cannot).
     virtual QString createNote(qint64 userId, const QString& text, qint64 nowMicros) = 0;
@@ -196,6 +199,9 @@ bool isDatabaseUrl(const QString& location);
 
 // A new note's key: 128 random bits in hex, opaque, URL-safe and unguessable.
 QString newNoteKey();
+
+// How long the text is as a note body: its UTF-8 in base64, padding included.
+qint64 base64Length(const QString& text);
 
 // "YYYY-MM-DD HH:MM:SS.ffffff" in UTC.
 QString formatMicros(qint64 micros);

@@ -307,7 +307,8 @@ bool PostgresStore::endDevice(qint64 userId, qint64 deviceId) {
 }
 
 Appended PostgresStore::appendLine(qint64 userId, const QString& header, const QString& line,
-                                   qint64 now, const std::optional<SeenVersion>& seen) {
+                                   qint64 now, const std::optional<SeenVersion>& seen,
+                                   qint64 maxBase64Bytes) {
     auto lease = connections_.take();
     PgTransaction transaction(lease);
     // One append per account at a time, on every node: two shares made at the same moment
@@ -319,9 +320,11 @@ Appended PostgresStore::appendLine(qint64 userId, const QString& header, const Q
         PgParams().add(userId).add(qint64(header.size())).add(header));
     Appended appended;
     if (!found.rows()) {
+        const QString made = header + QLatin1Char('\n') + line;
+        if (base64Length(made) > maxBase64Bytes)
+            return {QString(), false, 0, true};
         appended = {newNoteKey(), true, 1};
-        lease.run(kInsertNote, noteRow(appended.key, userId, header + QLatin1Char('\n') + line, now,
-                                       now, false));
+        lease.run(kInsertNote, noteRow(appended.key, userId, made, now, now, false));
     } else {
         appended.key = found.text(0, 0);
         const QString text = found.text(0, 1);
@@ -332,8 +335,12 @@ Appended PostgresStore::appendLine(qint64 userId, const QString& header, const Q
                 ? pastText(lease, id, seen->version)
                 : QString();
         appended.added = appendAdds(line, text, seenText);
+        const QString stored = appended.added ? appendedText(text, line) : QString();
+        if (appended.added && base64Length(stored) > maxBase64Bytes) {
+            appended.added = false;
+            appended.tooLong = true;
+        }
         if (appended.added) {
-            const QString stored = appendedText(text, line);
             keepPastVersion(lease, id);
             lease.run(kWriteText,
                       PgParams().add(stored).add(foldForSearch(stored)).add(now).add(id));

@@ -41,7 +41,7 @@ public:
     std::vector<Device> devices(qint64 userId, qint64 nowMicros) override;
     bool endDevice(qint64 userId, qint64 deviceId) override;
     Appended appendLine(qint64 userId, const QString& header, const QString& line, qint64 nowMicros,
-                        const std::optional<SeenVersion>& seen) override;
+                        const std::optional<SeenVersion>& seen, qint64 maxBase64Bytes) override;
     QString createNote(qint64 userId, const QString& text, qint64 nowMicros) override;
     std::optional<Written> updateNote(qint64 userId, const QString& key, const QString& text,
                                       qint64 nowMicros, std::optional<qint64> baseVersion) override;

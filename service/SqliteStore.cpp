@@ -564,7 +564,8 @@ bool SqliteStore::endDevice(qint64 userId, qint64 deviceId) {
 }
 
 Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QString& line,
-                                 qint64 now, const std::optional<SeenVersion>& seen) {
+                                 qint64 now, const std::optional<SeenVersion>& seen,
+                                 qint64 maxBase64Bytes) {
     std::lock_guard lock(mutex_);
     WriteTransaction transaction(*writes_);
     QString key, text;
@@ -581,13 +582,16 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
         }
     }
     if (key.isNull()) {
+        const QString made = header + QLatin1Char('\n') + line;
+        if (base64Length(made) > maxBase64Bytes)
+            return {QString(), false, 0, true};
         key = randomKey();
         Statement(*writes_,
                   "INSERT INTO notes (key, user_id, text, created, modified) VALUES (?, ?, ?, ?, "
                   "?)")
             .bind(1, key)
             .bind(2, userId)
-            .bind(3, header + QLatin1Char('\n') + line)
+            .bind(3, made)
             .bind(4, now)
             .bind(5, now)
             .step();
@@ -599,10 +603,13 @@ Appended SqliteStore::appendLine(qint64 userId, const QString& header, const QSt
                                  : QString();
     if (!appendAdds(line, text, seenText))
         return {key, false, version};
+    const QString stored = appendedText(text, line);
+    if (base64Length(stored) > maxBase64Bytes)
+        return {key, false, version, true};
     keepPastVersion(*writes_, key);
     Statement(*writes_,
               "UPDATE notes SET text = ?, modified = ?, version = version + 1 WHERE key = ?")
-        .bind(1, appendedText(text, line))
+        .bind(1, stored)
         .bind(2, now)
         .bind(3, key)
         .step();

@@ -81,8 +81,13 @@ TWJsonValue object(std::initializer_list<std::pair<const char*, TWJsonValue>> me
 
 class WebSessions {
 public:
-    WebSessions(NotesStore& store, LoginLimiter& throttle, HashPool& hashing, NoteEvents& events)
-        : store_(store), throttle_(throttle), hashing_(hashing), events_(events) {}
+    WebSessions(NotesStore& store, LoginLimiter& throttle, HashPool& hashing, NoteEvents& events,
+                qint64 maxNoteBase64Bytes)
+        : store_(store),
+          throttle_(throttle),
+          hashing_(hashing),
+          events_(events),
+          maxNoteBase64Bytes_(maxNoteBase64Bytes) {}
 
     void signIn(const HttpRequest& req, HttpResponse& res) {
         const QString email = formValue(req.body, "email");
@@ -194,8 +199,18 @@ public:
         const qint64 version = formValue(req.body, "version").toLongLong(&versionOk);
         if (versionOk && version > 0)
             seen = SeenVersion{formValue(req.body, "key"), version};
-        const Appended appended =
-            store_.appendLine(session->userId, kDownloadNoteHeader, line, nowMicros(), seen);
+        const Appended appended = store_.appendLine(session->userId, kDownloadNoteHeader, line,
+                                                    nowMicros(), seen, maxNoteBase64Bytes_);
+        // A note no client could write back (the agent, once it has taken the links) would be
+        // stuck at its size for good.
+        if (appended.tooLong) {
+            return answerJson(
+                res, 413,
+                object({{"error", TWJsonValue::string(QStringLiteral(
+                                      "The download note is full: let Ferrybox on your "
+                                      "computer take the links in it first, then queue this "
+                                      "one again."))}}));
+        }
         if (appended.added)
             events_.noteChanged(session->userId, appended.key);
         answerJson(res, 200,
@@ -221,6 +236,7 @@ private:
     LoginLimiter& throttle_;
     HashPool& hashing_;
     NoteEvents& events_;
+    const qint64 maxNoteBase64Bytes_;
 };
 
 // Nothing under /web is done for a request that another site's page could have made.
@@ -234,8 +250,9 @@ bool admitFromOwnPage(const HttpRequest& req, HttpResponse& res) {
 }  // namespace
 
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        HashPool& hashing, NoteEvents& events) {
-    auto web = std::make_shared<WebSessions>(store, throttle, hashing, events);
+                        HashPool& hashing, NoteEvents& events, qint64 maxNoteBase64Bytes) {
+    auto web =
+        std::make_shared<WebSessions>(store, throttle, hashing, events, maxNoteBase64Bytes);
     using Handler = void (WebSessions::*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler,
                    std::size_t bodyLimit = 0) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <QtGlobal>
+
 namespace notes {
 
 class HashPool;
@@ -20,8 +22,12 @@ class NotesStore;
 //   POST /web/sign-out                         -> ends this device, clears the cookie
 //   GET  /web/devices                          -> [{"id","name","created","lastSeen","current"}]
 //   POST /web/devices/end?id=ID                -> 200; 404
-//   POST /web/append         url, text, title  -> {"queued","link","key","added"}; 422 {"error"}
+//   POST /web/sign-out-everywhere              -> ends every device and API token of the
+//                                                 account, clears the cookie
+//   POST /web/append         url, text, title  -> {"queued","link","key","added"}; 422 {"error"};
+//                                                 413 {"error"} when the download note would
+//                                                 grow past maxNoteBase64Bytes as a note body
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
-                        HashPool& hashing, NoteEvents& events);
+                        HashPool& hashing, NoteEvents& events, qint64 maxNoteBase64Bytes);
 
 }  // namespace notes

@@ -434,6 +434,16 @@ async function queue(fields) {
 
 const nothingToDownload = 'Nothing to download: what was shared holds no web address.';
 
+// Why the service did not queue a link, when it said: nothing in it to download (422), or a
+// download note too full to take it (413, with what to do about it). Null for any other failure.
+function refusal(error) {
+    if (error.status === 422)
+        return error.detail || nothingToDownload;
+    if (error.status === 413 && error.detail)
+        return error.detail;
+    return null;
+}
+
 // Done with what was shared: the address is the page's own again, so that reloading it (or
 // opening the app again) does not share a second time.
 function shareDone() {
@@ -452,11 +462,12 @@ async function completeShare() {
     } catch (error) {
         if (error.status === 401)
             return false;  // the sign-in form is up; the share waits for it
-        if (error.status !== 422) {
+        const why = refusal(error);
+        if (why === null) {
             fail('Not queued', error);
             return false;
         }
-        say(error.detail || nothingToDownload, true);
+        say(why, true);
     }
     shareDone();
     return true;
@@ -484,9 +495,10 @@ async function queueShared() {
         await queue({ url: $('share-link').textContent });
     } catch (error) {
         // Signed out meanwhile, the sign-in form is up, and the link is asked about again after.
-        if (error.status !== 422)
+        const why = refusal(error);
+        if (why === null)
             return fail('Not queued', error);
-        say(error.detail || nothingToDownload, true);
+        say(why, true);
     }
     shareDone();
     await loadList();
@@ -507,9 +519,8 @@ async function quickAdd() {
     try {
         await queue({ url: link });
     } catch (error) {
-        if (error.status === 422)
-            return say(error.detail || nothingToDownload, true);
-        return fail('Not queued', error);
+        const why = refusal(error);
+        return why === null ? fail('Not queued', error) : say(why, true);
     }
     $('link').value = '';
     // The download note changed: it moves to the top of the list.

@@ -298,12 +298,13 @@ TEST_P(SearchTest, FollowsEveryChangeToTheNotes) {
     create(QStringLiteral("zzz sleeping"));
     // A line appended to the download note, made first and then extended.
     const QString header = QStringLiteral("Ferrybox_Downloads");
-    const notes::Appended made = store_->appendLine(
-        user_, header, QStringLiteral("https://example.org/a.zip"), ++clock_, std::nullopt);
+    const notes::Appended made =
+        store_->appendLine(user_, header, QStringLiteral("https://example.org/a.zip"), ++clock_,
+                           std::nullopt, 1 << 20);
     written_.push_back(
         {made.key, header + QStringLiteral("\nhttps://example.org/a.zip"), clock_, order_++});
     store_->appendLine(user_, header, QStringLiteral("https://example.org/Straße.zip"), ++clock_,
-                       std::nullopt);
+                       std::nullopt, 1 << 20);
     written_.back().text += text(u"\nhttps://example.org/Straße.zip"sv);
     written_.back().modified = clock_;
     expectThePlainAnswer("after the changes");

@@ -327,6 +327,43 @@ TEST_P(SessionTest, ASharedLinkIsQueuedOnceInTheDownloadNote) {
     EXPECT_EQ(noteText(deleted), "Ferrybox_Downloads");
 }
 
+// A link that would make the download note longer than a note's body may be (--max-body-bytes,
+// counted in base64) is refused with the reason, and nothing changes: no client could write
+// such a note back, not even the agent once it has taken the links.
+TEST_P(SessionTest, ALinkThatWouldOverfillTheDownloadNoteIsRefused) {
+    // "Ferrybox_Downloads", a line feed and a link of 29 bytes: 48 bytes, 64 in base64.
+    startServer({"--max-body-bytes", "64"});
+    const std::string cookie = signIn().cookie;
+    const auto downloadNote = [&] {
+        const TWJsonValue found =
+            parse(client_->Get(("/api/search" + auth("&query=Ferrybox_Downloads")).c_str())->body);
+        const auto results =
+            found.valueForKey(QStringLiteral("Response"))->valueForKey(QStringLiteral("Results"));
+        return results->count() ? field(results->at(0), "content").toStdString()
+                                : std::string("(none)");
+    };
+    const std::string kept = "Ferrybox_Downloads\nhttps://example.org/123456789";
+    const struct {
+        const char* link;
+        int status;
+        std::string note;
+    } shares[] = {
+        {"https://example.org/1234567890", 413, "(none)"},
+        {"https://example.org/123456789", 200, kept},
+        {"https://e.org/", 413, kept},
+    };
+    for (const auto& share : shares) {
+        auto res = call("POST", "/web/append", cookie, "url=" + formEncode(share.link));
+        EXPECT_EQ(status(res), share.status) << share.link;
+        if (share.status == 413) {
+            EXPECT_EQ(field(parse(res->body), "error"),
+                      "The download note is full: let Ferrybox on your computer take the links "
+                      "in it first, then queue this one again.");
+        }
+        EXPECT_EQ(downloadNote(), share.note) << share.link;
+    }
+}
+
 // A page that saw a link in the download note, shared again after the agent took it, does not
 // queue it a second time; without that sight, the same link is queued anew.
 TEST_P(SessionTest, ALinkTheAgentTookIsNotQueuedAgainByAPageThatSawIt) {

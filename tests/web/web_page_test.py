@@ -343,6 +343,22 @@ class WebPageTest(PageTestCase):
         self.assertNotIn("Shopping list", self.titles())
         self.assertIn('"totalRecords":0', self.notes.api("GET", "search", query="Shopping list"))
 
+    def test_a_full_download_note_takes_no_more_links(self):
+        # Under --max-body-bytes (2048) in base64 as it is, over it with one more link.
+        text = "Ferrybox_Downloads\n# " + "x" * 1490
+        key = self.notes.create(text)
+        self.addCleanup(self.notes.api, "GET", "delete", key=key, dead="1")
+        link = "https://example.org/one/more/file.iso"
+        self.fresh()
+        self.sign_in()
+        self.visible("link").send_keys(link, Keys.ENTER)
+        self.assertEqual(self.message("The download note is full"),
+                         "The download note is full: let Ferrybox on your computer take the "
+                         "links in it first, then queue this one again.")
+        self.assertEqual(self.el("message").get_attribute("class"), "error")
+        self.assertEqual(self.el("link").get_attribute("value"), link)
+        self.assertEqual(self.notes.text(key), text)
+
     def test_save_keeps_lines_written_elsewhere_meanwhile(self):
         key = self.notes.create("Groceries\nmilk\neggs\nbread")
         self.fresh()
