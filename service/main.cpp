@@ -104,6 +104,10 @@ LIMITS
     and are stored hashed. Five failed logins of one account from one client address within
     a minute make further attempts from that address wait (status 429). The log shows method,
     path, status and time of each request, never addresses, passwords, tokens or note text.
+    The web page's device cookie is __Host-ferrybox_device over HTTPS (TLS, or a trusted
+    proxy that says https) and ferrybox_device over plain HTTP; each counts only in its own
+    setting. A link queued from the page that would make the download note longer than
+    --max-body-bytes allows a note body is refused with 413, and the note stays as it was.
 
 EVENTS
     GET /api/events?auth=TOKEN&email=EMAIL answers server-sent events: "retry: 2000" and
