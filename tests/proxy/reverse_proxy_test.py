@@ -444,8 +444,8 @@ class ProxyTests:
 
     def test_device_cookie_is_secure_behind_the_proxy(self):
         # The proxy tells the service the client came over HTTPS (whatever the client claims),
-        # so the device cookie goes over HTTPS only. Anyone on the service's own (plain) port
-        # who says so is not believed.
+        # so the device cookie goes over HTTPS only, under the name with the __Host- prefix.
+        # Anyone on the service's own (plain) port who says so is not believed.
         form = f"email={quote(EMAIL)}&password={quote(PASSWORD)}"
         headers = {"Content-Type": "application/x-www-form-urlencoded", "X-Ferrybox-Page": "1"}
         for via, server, source, claim, secure in (
@@ -458,6 +458,8 @@ class ProxyTests:
                 attributes = [a.strip() for a in answer.headers["Set-Cookie"].split(";")]
                 self.assertIn("HttpOnly", attributes)
                 self.assertEqual("Secure" in attributes, secure)
+                self.assertEqual(attributes[0].split("=")[0],
+                                 "__Host-ferrybox_device" if secure else "ferrybox_device")
 
 
 class NginxTest(ProxyTests, unittest.TestCase):
