@@ -36,7 +36,7 @@ EventStreams::~EventStreams() {
 }
 
 bool EventStreams::open(const Access& access, HttpResponse& response) {
-    std::shared_ptr<HttpStream> stream;
+    std::shared_ptr<Entry> opened;
     {
         std::lock_guard lock(mutex_);
         auto& entries = streams_[access.userId];
@@ -54,10 +54,14 @@ bool EventStreams::open(const Access& access, HttpResponse& response) {
         entry->stream = response.openStream(
             [this, account = access.userId, serial = entry->serial] { ended(account, serial); });
         entries.push_back(entry);
-        stream = entry->stream;
+        opened = entry;
     }
     wake_.notify_all();
-    stream->send(kPreamble);
+    opened->stream->send(kPreamble);
+    // Asked once more now that the stream is among the account's: a session that ended after
+    // the request was let in, but before that, was told to the streams without this one.
+    if (granted(*opened) == false)
+        end(*opened);
     return true;
 }
 
