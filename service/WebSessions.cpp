@@ -251,8 +251,7 @@ bool admitFromOwnPage(const HttpRequest& req, HttpResponse& res) {
 
 void installWebSessions(HttpServer& server, NotesStore& store, LoginLimiter& throttle,
                         HashPool& hashing, NoteEvents& events, qint64 maxNoteBase64Bytes) {
-    auto web =
-        std::make_shared<WebSessions>(store, throttle, hashing, events, maxNoteBase64Bytes);
+    auto web = std::make_shared<WebSessions>(store, throttle, hashing, events, maxNoteBase64Bytes);
     using Handler = void (WebSessions::*)(const HttpRequest&, HttpResponse&);
     auto add = [&](const char* method, const char* path, Handler handler,
                    std::size_t bodyLimit = 0) {
