@@ -131,11 +131,20 @@ struct StreamRegistry {
     std::atomic<unsigned> resuming{0};
 };
 
+// Tells the library to resume a connection that a stream or a deferred answer had suspended,
+// which registry counted as resuming when that was decided; stopping waits for the count.
+void resume(MHD_Connection* connection, StreamRegistry& registry) {
+    MHD_resume_connection(connection);
+    std::lock_guard lock(registry.mutex);
+    --registry.resuming;
+    registry.changed.notify_all();
+}
+
 // A deferred answer. The connection is suspended from the request's callback when the answer
 // has not come by then, and resumed when it comes; the library then asks the request's callback
 // again, which queues it. Resuming a connection that is not suspended is not allowed, so
 // `suspended_` says which, under the lock.
-class Deferred final : public HttpDeferred {
+class Deferred final : public HttpDeferred, public std::enable_shared_from_this<Deferred> {
 public:
     void answer(HttpResponse response) override {
         MHD_Connection* resume = nullptr;
@@ -152,12 +161,8 @@ public:
                 ++registry->resuming;
             }
         }
-        if (!resume)
-            return;
-        MHD_resume_connection(resume);
-        std::lock_guard lock(registry->mutex);
-        --registry->resuming;
-        registry->changed.notify_all();
+        if (resume)
+            notes::resume(resume, *registry);
     }
 
     // From the request's callback, once the handler has returned: true when the answer is
@@ -169,7 +174,7 @@ public:
             std::lock_guard lock(registry->mutex);
             stopping = registry->stopping;
             if (!stopping)
-                registry->waiting.emplace(this, std::static_pointer_cast<Deferred>(self_.lock()));
+                registry->waiting.emplace(this, shared_from_this());
         }
         std::lock_guard lock(mutex_);
         registry_ = registry;
@@ -207,8 +212,6 @@ public:
         busy.headers.emplace_back("Retry-After", "2");
         return busy;
     }
-
-    std::weak_ptr<HttpDeferred> self_;
 
 private:
     void forget() {
@@ -344,12 +347,8 @@ private:
     }
 
     void wake(MHD_Connection* connection) {
-        if (!connection)
-            return;
-        MHD_resume_connection(connection);
-        std::lock_guard lock(registry_->mutex);
-        --registry_->resuming;
-        registry_->changed.notify_all();
+        if (connection)
+            resume(connection, *registry_);
     }
 
     mutable std::mutex mutex_;
@@ -465,9 +464,7 @@ std::shared_ptr<HttpStream> HttpResponse::openStream(std::function<void()> ended
 }
 
 std::shared_ptr<HttpDeferred> HttpResponse::defer() {
-    auto made = std::make_shared<Deferred>();
-    made->self_ = made;
-    deferred = made;
+    deferred = std::make_shared<Deferred>();
     return deferred;
 }
 

@@ -49,15 +49,6 @@ QString decodeBase64Text(const std::string& body) {
     return decoded.contains(QChar(0)) ? QString() : decoded;
 }
 
-// A version as a writer names it: digits only, at least 1.
-std::optional<qint64> parseVersion(const std::string& text) {
-    bool ok = false;
-    const qint64 version = QByteArray::fromStdString(text).trimmed().toLongLong(&ok);
-    if (!ok || version < 1 || text.find_first_of("+-") != std::string::npos)
-        return std::nullopt;
-    return version;
-}
-
 // Bodies come as base64 under any content type but multipart, which no client of this API sends.
 bool admitForm(const HttpRequest& req, HttpResponse& res) {
     if (req.contentType.rfind("multipart/", 0) != 0)
@@ -169,7 +160,7 @@ public:
             return answer(res, 400);
         std::optional<qint64> base;
         if (const std::string* header = req.header("note-base-version")) {
-            base = parseVersion(*header);
+            base = parseVersion(QString::fromStdString(*header));
             if (!base)
                 return answer(res, 400);
         }

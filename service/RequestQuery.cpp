@@ -65,4 +65,13 @@ QString formValue(const std::string& form, const char* name) {
     return QString();
 }
 
+std::optional<qint64> parseVersion(const QString& text) {
+    const QString digits = text.trimmed();
+    bool ok = false;
+    const qint64 version = digits.toLongLong(&ok);
+    if (!ok || version < 1 || !digits.front().isDigit())
+        return std::nullopt;
+    return version;
+}
+
 }  // namespace notes

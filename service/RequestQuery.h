@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QString>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,5 +23,9 @@ QString queryValue(const Query& query, const char* name);
 // One value of an application/x-www-form-urlencoded text (a form body, or the query a browser
 // makes of a form such as the share target's: "+" is a blank there), or null.
 QString formValue(const std::string& form, const char* name);
+
+// A note version as a client names it (a header, a form value): digits only, at least 1;
+// nothing for anything else, a null text included.
+std::optional<qint64> parseVersion(const QString& text);
 
 }  // namespace notes

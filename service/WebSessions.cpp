@@ -195,10 +195,8 @@ public:
         // The download note as the page last saw it, if it did: a link it saw there that the
         // agent has taken since is not queued a second time.
         std::optional<SeenVersion> seen;
-        bool versionOk = false;
-        const qint64 version = formValue(req.body, "version").toLongLong(&versionOk);
-        if (versionOk && version > 0)
-            seen = SeenVersion{formValue(req.body, "key"), version};
+        if (const auto version = parseVersion(formValue(req.body, "version")))
+            seen = SeenVersion{formValue(req.body, "key"), *version};
         const Appended appended = store_.appendLine(session->userId, kDownloadNoteHeader, line,
                                                     nowMicros(), seen, maxNoteBase64Bytes_);
         // A note no client could write back (the agent, once it has taken the links) would be
