@@ -8,13 +8,12 @@
 #include <QFileInfo>
 #include <QMessageAuthenticationCode>
 #include <QRegularExpression>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <optional>
 #include <set>
 #include <string>
 
+#include "foundation/Processes.h"
 #include "foundation/Utf8.h"
 
 namespace foundation {
@@ -29,36 +28,6 @@ std::set<std::string>& tracked() {
 void removeTracked() {
     for (const std::string& path : tracked())
         ::unlink(path.c_str());
-}
-
-// When the process with this id started, in seconds since the epoch; 0 when it cannot be told.
-// The kernel counts a process's start in clock ticks since boot.
-double processStart(qint64 pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    QFile system(QStringLiteral("/proc/stat"));
-    if (!stat.open(QIODevice::ReadOnly) || !system.open(QIODevice::ReadOnly))
-        return 0;
-    // The command name in parentheses may hold blanks: the fields are counted after it.
-    const QByteArray line = stat.readAll();
-    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
-    constexpr int kStartTimeField = 22 - 3;  // field 22, counted from field 3
-    if (fields.size() <= kStartTimeField)
-        return 0;
-    double bootTime = 0;
-    for (const QByteArray& entry : system.readAll().split('\n')) {
-        if (entry.startsWith("btime "))
-            bootTime = entry.mid(6).toDouble();
-    }
-    return bootTime + fields[kStartTimeField].toDouble() / double(::sysconf(_SC_CLK_TCK));
-}
-
-// Whether the process that wrote a file last modified at this time still runs. A process of
-// that id that started after the file's last write is another one that was given the id later.
-bool writerRuns(qint64 pid, double modified) {
-    if (pid <= 0 || (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH))
-        return false;
-    const double started = processStart(pid);
-    return started == 0 || started <= modified;
 }
 
 constexpr qsizetype kMaxNameBytes = 255;
@@ -155,7 +124,7 @@ int PartialFiles::removeStale(const QString& folder) {
             continue;
         }
         const double modified = double(info.st_mtim.tv_sec) + info.st_mtim.tv_nsec / 1e9;
-        if (!writerRuns(*writer, modified) && QFile::remove(path))
+        if (!processStillRuns(*writer, modified) && QFile::remove(path))
             ++removed;
     }
     return removed;

@@ -1,40 +1,29 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+// A transfer as its delegate sees it: one begin, one response, one destination, data, and one
+// end, however many attempts and connections it took underneath. Also the waits between
+// attempts, and the journal that lets a later process go on with it.
 #include "foundation/URLDownload.h"
 
+#include <unistd.h>
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QPointer>
+#include <QHostAddress>
+#include <QNetworkInformation>
+#include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QSet>
-#include <QTimer>
-#include <algorithm>
 #include <cstdio>
-#include <deque>
 
 #include "foundation/PartialFiles.h"
 #include "foundation/RunLoop.h"
+#include "foundation/URLDownloadPrivate.h"
 
 namespace foundation {
 
 const QString URLDownloadErrorDomain = QStringLiteral("URLDownloadErrorDomain");
 
 namespace {
-
-constexpr int kMaxRedirects = 16;
-// The reply keeps at most this much unread; beyond it the server is made to wait.
-constexpr qint64 kReadBufferBytes = 1024 * 1024;
-// A read takes half a mebibyte, or after a tenth of a second whatever has come: few data events
-// for a fast transfer, steady progress for a slow one.
-constexpr qint64 kReadChunkBytes = 512 * 1024;
-constexpr int kReadDelayMs = 100;
-// A network access manager opens at most six connections to one host; transfers are spread
-// over several, so that many files from one server really run side by side.
-constexpr std::size_t kManagers = 8;
 
 int gInFlight = 0;
 // Transfers from their start until their last event or their cancel.
@@ -43,32 +32,13 @@ QSet<URLDownload*>& running() {
     return set;
 }
 
-struct Manager {
-    QNetworkAccessManager* manager;
-    int transfers = 0;
-};
-
-// A deque: the transfers hold pointers to its elements, which adding one must not move. Like
-// the managers, it lasts as long as the process.
-std::deque<Manager>& managers() {
-    static auto* pool = new std::deque<Manager>();
-    return *pool;
+std::optional<RetryTimings>& chosenTimings() {
+    static std::optional<RetryTimings> timings;
+    return timings;
 }
 
-// The least busy manager, made on first need.
-Manager& leastBusyManager() {
-    auto& pool = managers();
-    Manager* best = nullptr;
-    for (Manager& m : pool) {
-        if (!best || m.transfers < best->transfers)
-            best = &m;
-    }
-    if ((!best || best->transfers > 0) && pool.size() < kManagers) {
-        pool.push_back(Manager{new QNetworkAccessManager()});
-        return pool.back();
-    }
-    return *best;
-}
+// The journal's progress is written at most this often, once the bytes it names are on the disk.
+constexpr int kJournalEveryMs = 2000;
 
 // The request's time-out as a QTimer interval; one that makes no sense is the usual minute.
 int silenceMilliseconds(double seconds) {
@@ -77,105 +47,60 @@ int silenceMilliseconds(double seconds) {
     return static_cast<int>(std::min(seconds, 2e6) * 1000.0);
 }
 
-Error networkError(QNetworkReply* reply) {
-    return Error(QStringLiteral("QNetworkReplyErrorDomain"), reply->error(), reply->errorString());
-}
-
 }  // namespace
 
-struct URLDownload::Private {
-    using Event = std::function<void(URLDownloadDelegate&, URLDownload*)>;
-    enum class Stage { AwaitingResponse, AwaitingDestination, Receiving, Over };
-
-    URLDownload* q;
-    URLDownloadDelegate* delegate = nullptr;
-    QPointer<QObject> delegateObject;  // set when the delegate is a QObject
-    bool delegateIsObject = false;
-    std::shared_ptr<URLDownload> self;  // alive from the start until the last event
-    QObject guard;                      // queued events die with the download
-    Manager* manager = nullptr;
-    QPointer<QNetworkReply> reply;
-    Stage stage = Stage::AwaitingResponse;
-    bool replyFinished = false;
-    bool lastEventQueued = false;
-    bool cancelled = false;
-    QString destination;
-    bool allowOverwrite = false;
-    QFile part;
-    QTimer silence;    // the longest time without a byte
-    QTimer readDelay;  // reads what a slow transfer has brought
-
-    explicit Private(URLDownload* owner) : q(owner) {
-        silence.setSingleShot(true);
-        readDelay.setSingleShot(true);
-        readDelay.setInterval(kReadDelayMs);
-        QObject::connect(&silence, &QTimer::timeout, &guard, [this] { timedOut(); });
-        QObject::connect(&readDelay, &QTimer::timeout, &guard, [this] { readAvailable(); });
-    }
-    ~Private() { dropReply(); }
-
-    void send();
-    void onMetaData();
-    void onReadyRead();
-    void onFinished();
-    void destinationDecided();
-    void readAvailable();
-    void complete();
-    void fail(const Error& error);
-    void timedOut();
-    void deliver(Event event, bool last = false);
-    void dropReply();
-    void removePart();
-};
-
-void URLDownload::Private::send() {
-    QNetworkRequest request(q->request_.url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setMaximumRedirectsAllowed(kMaxRedirects);
-    // The bytes as the server sends them: no decompression on the way.
-    request.setRawHeader("Accept-Encoding", "identity");
-    manager = &leastBusyManager();
-    ++manager->transfers;
-    reply = manager->manager->get(request);
-    reply->setReadBufferSize(kReadBufferBytes);
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, &guard, [this] { onMetaData(); });
-    QObject::connect(reply, &QIODevice::readyRead, &guard, [this] { onReadyRead(); });
-    QObject::connect(reply, &QNetworkReply::downloadProgress, &guard, [this] {
-        if (stage != Stage::AwaitingDestination)
-            silence.start();
-    });
-    QObject::connect(reply, &QNetworkReply::finished, &guard, [this] { onFinished(); });
-    silence.start();
+// Whether the network this host is reached over is down. A loopback host never is; without a
+// way to tell (no backend for it here), the network is taken to be up.
+bool URLDownload::Private::networkDown(const QUrl& url) {
+    const QHostAddress address(url.host());
+    if (url.host() == QLatin1String("localhost") || address.isLoopback())
+        return false;
+    static QNetworkInformation* information = [] {
+        if (!QNetworkInformation::loadBackendByFeatures(
+                QNetworkInformation::Feature::Reachability)) {
+            return static_cast<QNetworkInformation*>(nullptr);
+        }
+        QNetworkInformation* info = QNetworkInformation::instance();
+        QObject::connect(info, &QNetworkInformation::reachabilityChanged, info,
+                         [](QNetworkInformation::Reachability reachability) {
+                             const bool down =
+                                 reachability == QNetworkInformation::Reachability::Disconnected;
+                             for (URLDownload* download : running())
+                                 download->d_->networkChanged(down);
+                         });
+        return info;
+    }();
+    return information &&
+           information->reachability() == QNetworkInformation::Reachability::Disconnected;
 }
 
-void URLDownload::Private::onMetaData() {
-    if (stage != Stage::AwaitingResponse || !reply)
-        return;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!status.isValid())
-        return;
-    const int code = status.toInt();
-    if ((code == 301 || code == 302 || code == 303 || code == 307 || code == 308) &&
-        reply->hasRawHeader("Location")) {
-        return;  // the manager follows it; the answer that counts comes later
-    }
-    if (code >= 400) {
-        fail(Error(URLDownloadErrorDomain, code,
-                   QStringLiteral("The server answered %1 (%2)")
-                       .arg(code)
-                       .arg(HTTPURLResponse::localizedStringForStatusCode(code))));
-        return;
-    }
-    HTTPURLResponse response;
-    response.url = reply->url();
-    response.statusCode = code;
-    response.headers = reply->rawHeaderPairs();
-    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
-    response.expectedContentLength = length.isValid() ? length.toLongLong() : -1;
-    const QString filename = response.suggestedFilename();
+URLDownload::Private::Private(URLDownload* owner) : q(owner) {
+    readDelay.setSingleShot(true);
+    retryTimer.setSingleShot(true);
+    QObject::connect(&readDelay, &QTimer::timeout, &guard, [this] { readAll(); });
+    QObject::connect(&retryTimer, &QTimer::timeout, &guard, [this] { retryNow(); });
+    timings = chosenTimings().value_or(RetryTimings::standard());
+    sinceProgress.start();
+}
+
+URLDownload::Private::~Private() {
+    closeAll();
+}
+
+void URLDownload::Private::begin() {
+    deliver(
+        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
+    const std::optional<std::pair<qint64, qint64>> gap = onDisk.firstGap(0, length);
+    open(gap ? gap->first : 0, gap ? gap->second : -1);
+}
+
+void URLDownload::Private::responseArrived(const HTTPURLResponse& response) {
+    responseDelivered = true;
     stage = Stage::AwaitingDestination;
-    silence.stop();  // nothing is read until the delegate answers, however long that takes
+    // Nothing is read until the delegate answers, however long that takes.
+    for (const auto& c : connections)
+        c->silence.stop();
+    const QString filename = response.suggestedFilename();
     deliver([response](URLDownloadDelegate& d, URLDownload* download) {
         d.downloadDidReceiveResponse(download, response);
     });
@@ -186,36 +111,6 @@ void URLDownload::Private::onMetaData() {
     });
 }
 
-void URLDownload::Private::onReadyRead() {
-    if (stage != Stage::Receiving || !reply)
-        return;
-    if (reply->bytesAvailable() >= kReadChunkBytes) {
-        readAvailable();
-    } else if (!readDelay.isActive()) {
-        readDelay.start();
-    }
-}
-
-void URLDownload::Private::onFinished() {
-    if (!reply)
-        return;
-    replyFinished = true;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (stage == Stage::AwaitingResponse && status.isValid())
-        onMetaData();
-    if (stage == Stage::Over)
-        return;
-    if (reply->error() != QNetworkReply::NoError || stage == Stage::AwaitingResponse) {
-        fail(networkError(reply));
-        return;
-    }
-    if (stage == Stage::Receiving) {
-        readAvailable();
-        complete();
-    }
-    // Awaiting the destination: the rest is read once it is known.
-}
-
 void URLDownload::Private::destinationDecided() {
     if (stage != Stage::AwaitingDestination || cancelled)
         return;
@@ -224,16 +119,29 @@ void URLDownload::Private::destinationDecided() {
                    QStringLiteral("There is no destination for the file")));
         return;
     }
-    // A name of our own beside the destination: transfers aiming at one path never share it.
     const QFileInfo target(destination);
+    // A transfer taken up from the journal goes on in its partial file while that is where the
+    // destination now is; else what it had is of no use.
+    if (!journaledPart.isEmpty()) {
+        const QFileInfo earlier(journaledPart);
+        part.setFileName(journaledPart);
+        if (earlier.absoluteDir() != target.absoluteDir() || !earlier.isFile() ||
+            earlier.size() < onDisk.extent() || !part.open(QIODevice::ReadWrite)) {
+            part.setFileName(QString());
+            QFile::remove(journaledPart);
+            onDisk.clear();
+        } else if (onDisk.total() == 0) {
+            part.resize(0);
+        }
+        journaledPart.clear();
+    }
+    // A name of our own beside the destination: transfers aiming at one path never share it.
     static int serial = 0;
     for (int attempt = 0; attempt < 100 && !part.isOpen(); ++attempt) {
         part.setFileName(target.dir().filePath(PartialFiles::nameFor(
             target.fileName(), QCoreApplication::applicationPid(), ++serial)));
-        if (part.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-            PartialFiles::track(part.fileName());
+        if (part.open(QIODevice::ReadWrite | QIODevice::NewOnly))
             break;
-        }
         const bool taken = target.dir().exists() && QFileInfo::exists(part.fileName());
         part.setFileName(QString());  // not ours: never to be removed
         if (!taken)
@@ -244,34 +152,71 @@ void URLDownload::Private::destinationDecided() {
                    QStringLiteral("Cannot write to the folder %1").arg(target.dir().path())));
         return;
     }
+    // Only a transfer that no journal keeps loses its partial file when the process ends.
+    if (!journalId)
+        PartialFiles::track(part.fileName());
     stage = Stage::Receiving;
-    silence.start();
-    readAvailable();
-    if (replyFinished && stage == Stage::Receiving)
+    journal(true);
+    // The first connection asked for what the journal said was missing: when that is gone, the
+    // file starts over.
+    if (onDisk.total() == 0 && !connections.empty() && connections.front()->offset > 0)
+        startOver(nullptr);
+    for (DownloadConnection* c : openConnections())
+        c->silence.start();
+    for (DownloadConnection* c : openConnections()) {
+        if (!isOpen(c))
+            continue;
+        if (c->finished)
+            settle(c);
+        else
+            read(c);
+    }
+    afterRead();
+    takeMoreConnections();
+}
+
+// Tells the delegate of the bytes that are new on disk; a file that started over says nothing
+// until it is past what was told before, so the delegate's count only grows.
+void URLDownload::Private::afterRead() {
+    if (stage != Stage::Receiving)
+        return;
+    announce();
+    journal(false);
+    if (length >= 0 && onDisk.covers(length))
         complete();
 }
 
-// One read: everything the reply holds now, written at once and announced as one data event.
-void URLDownload::Private::readAvailable() {
-    readDelay.stop();
-    if (stage != Stage::Receiving || !reply)
+void URLDownload::Private::announce() {
+    const qint64 total = onDisk.total();
+    if (total <= reported)
         return;
-    const QByteArray data = reply->readAll();
-    if (data.isEmpty())
-        return;
-    if (part.write(data) != data.size()) {
-        fail(Error(URLDownloadErrorDomain, URLDownloadErrorCannotWrite,
-                   QStringLiteral("Cannot write %1: %2").arg(destination, part.errorString())));
-        return;
-    }
-    silence.start();
-    const quint64 length = static_cast<quint64>(data.size());
+    const auto length = static_cast<quint64>(total - reported);
+    reported = total;
     deliver([length](URLDownloadDelegate& d, URLDownload* download) {
         d.downloadDidReceiveDataOfLength(download, length);
     });
 }
 
+void URLDownload::Private::madeProgress() {
+    sinceProgress.restart();
+    networkDownMs = 0;
+    attempt = 0;
+}
+
+double URLDownload::Private::secondsWithoutProgress() const {
+    qint64 down = networkDownMs;
+    if (waitingForNetwork)
+        down += networkDownSince.elapsed();
+    return double(sinceProgress.elapsed() - down) / 1000.0;
+}
+
 void URLDownload::Private::complete() {
+    if (stage == Stage::Over)
+        return;
+    announce();
+    closeAll();
+    if (length >= 0 && part.size() > length)
+        part.resize(length);
     if (!part.flush()) {
         fail(Error(URLDownloadErrorDomain, URLDownloadErrorCannotWrite,
                    QStringLiteral("Cannot write %1: %2").arg(destination, part.errorString())));
@@ -292,29 +237,115 @@ void URLDownload::Private::complete() {
     }
     PartialFiles::untrack(part.fileName());
     part.setFileName(QString());
-    stage = Stage::Over;
-    silence.stop();
-    dropReply();
+    forgetJournal();
+    stopEverything();
     deliver([](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidFinish(download); },
             true);
 }
 
 void URLDownload::Private::fail(const Error& error) {
-    stage = Stage::Over;
-    silence.stop();
-    readDelay.stop();
-    dropReply();
+    stopEverything();
     removePart();
+    forgetJournal();
     deliver([error](URLDownloadDelegate& d,
                     URLDownload* download) { d.downloadDidFailWithError(download, error); },
             true);
 }
 
-void URLDownload::Private::timedOut() {
-    if (stage == Stage::Over || stage == Stage::AwaitingDestination)
+// No connection is left and the last one did not bring everything: try again after a wait,
+// unless the transfer has got nowhere for too long.
+void URLDownload::Private::attemptFailed(const Error& error, std::optional<double> retryAfter) {
+    lastError = error;
+    const double patienceLeft = timings.giveUpSeconds - secondsWithoutProgress();
+    if (patienceLeft <= 0) {
+        fail(error);
         return;
-    fail(Error(QStringLiteral("QNetworkReplyErrorDomain"), QNetworkReply::TimeoutError,
-               QStringLiteral("No data received for %1 seconds").arg(silence.interval() / 1000.0)));
+    }
+    ++attempt;
+    double wait = retryAfter ? *retryAfter
+                             : timings.waitBefore(attempt, QRandomGenerator::global()->generateDouble());
+    wait = std::clamp(wait, 0.0, patienceLeft);
+    stage = Stage::Waiting;
+    readDelay.stop();
+    if (networkDown(q->request_.url)) {
+        networkChanged(true);
+    } else {
+        retryTimer.start(static_cast<int>(wait * 1000.0));
+    }
+    deliver(
+        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadWaitDidChange(download); });
+}
+
+void URLDownload::Private::retryNow() {
+    if (stage != Stage::Waiting)
+        return;
+    if (networkDown(q->request_.url)) {
+        networkChanged(true);
+        return;
+    }
+    retryTimer.stop();
+    waitingForNetwork = false;
+    stage = responseDelivered ? Stage::Receiving : Stage::AwaitingResponse;
+    deliver(
+        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadWaitDidChange(download); });
+    if (stage == Stage::AwaitingResponse) {
+        const std::optional<std::pair<qint64, qint64>> gap = onDisk.firstGap(0, length);
+        open(gap ? gap->first : 0, gap ? gap->second : -1);
+    } else {
+        takeMoreConnections();
+    }
+}
+
+// While the network is down the wait has no end and costs no patience; once it is back the
+// transfer tries at once.
+void URLDownload::Private::networkChanged(bool down) {
+    if (stage != Stage::Waiting)
+        return;
+    if (down && !waitingForNetwork) {
+        waitingForNetwork = true;
+        networkDownSince.start();
+        retryTimer.stop();
+        deliver([](URLDownloadDelegate& d, URLDownload* download) {
+            d.downloadWaitDidChange(download);
+        });
+    } else if (!down && waitingForNetwork) {
+        networkDownMs += networkDownSince.elapsed();
+        waitingForNetwork = false;
+        retryNow();
+    }
+}
+
+// Writes what the next process needs. Progress is written only for bytes that are on the disk:
+// the partial file is synced first, which the periodic write leaves to another thread.
+void URLDownload::Private::journal(bool now) {
+    DownloadJournal* journal = DownloadJournal::shared();
+    if (!journalId || !journal)
+        return;
+    if (!now && sinceJournal.isValid() && sinceJournal.elapsed() < kJournalEveryMs)
+        return;
+    sinceJournal.start();
+    DownloadJournal::Entry entry;
+    entry.id = journalId;
+    entry.url = q->request_.url;
+    entry.timeoutInterval = q->request_.timeoutInterval;
+    entry.destination = destination;
+    entry.allowOverwrite = allowOverwrite;
+    entry.part = part.fileName();
+    entry.validator = validator;
+    entry.length = length;
+    entry.onDisk = onDisk;
+    entry.rangesBroken = rangesBroken;
+    if (part.isOpen()) {
+        part.flush();
+        ::fdatasync(part.handle());
+    }
+    journal->update(entry);
+}
+
+void URLDownload::Private::forgetJournal() {
+    if (journalId && DownloadJournal::shared())
+        DownloadJournal::shared()->remove(journalId);
+    journalId = 0;
 }
 
 void URLDownload::Private::deliver(Event event, bool last) {
@@ -340,25 +371,11 @@ void URLDownload::Private::deliver(Event event, bool last) {
         &guard);
 }
 
-void URLDownload::Private::dropReply() {
-    if (manager) {
-        --manager->transfers;
-        manager = nullptr;
-    }
-    if (!reply)
-        return;
-    QNetworkReply* r = reply;
-    reply = nullptr;
-    QObject::disconnect(r, nullptr, &guard, nullptr);
-    // Not from inside one of the reply's own signals, which may be running now.
-    QMetaObject::invokeMethod(
-        r,
-        [r] {
-            if (r->isRunning())
-                r->abort();
-            r->deleteLater();
-        },
-        Qt::QueuedConnection);
+void URLDownload::Private::stopEverything() {
+    stage = Stage::Over;
+    retryTimer.stop();
+    readDelay.stop();
+    closeAll();
 }
 
 void URLDownload::Private::removePart() {
@@ -377,25 +394,58 @@ URLDownload::~URLDownload() {
     d_->removePart();
 }
 
-void URLDownload::startTransfer(const URLRequest& request, URLDownloadDelegate* delegate) {
+// Checks the link, then begins; a link that cannot be fetched fails alone.
+bool URLDownload::adopt(const URLRequest& request, URLDownloadDelegate* delegate) {
     request_ = request;
     d_->delegate = delegate;
     d_->delegateObject = dynamic_cast<QObject*>(delegate);
     d_->delegateIsObject = d_->delegateObject != nullptr;
     d_->self = shared_from_this();
-    d_->silence.setInterval(silenceMilliseconds(request.timeoutInterval));
+    d_->silenceMs = silenceMilliseconds(request.timeoutInterval);
     ++gInFlight;
     running().insert(this);
     const QString scheme = request.url.scheme().toLower();
     if (!request.url.isValid() || request.url.host().isEmpty() ||
         (scheme != QLatin1String("http") && scheme != QLatin1String("https"))) {
+        d_->forgetJournal();
         d_->fail(Error(URLDownloadErrorDomain, URLDownloadErrorUnsupportedURL,
                        QStringLiteral("unsupported URL")));
-        return;
+        return false;
     }
-    d_->deliver(
-        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
-    d_->send();
+    return true;
+}
+
+void URLDownload::startTransfer(const URLRequest& request, URLDownloadDelegate* delegate) {
+    if (!adopt(request, delegate))
+        return;
+    // Before the caller goes on (a check stores its note next): from here a crash loses nothing.
+    if (DownloadJournal* journal = DownloadJournal::shared())
+        d_->journalId = journal->add(request.url, request.timeoutInterval);
+    d_->begin();
+}
+
+void URLDownload::resumeTransfer(const DownloadJournal::Entry& entry,
+                                 URLDownloadDelegate* delegate) {
+    d_->journalId = entry.id;
+    URLRequest request;
+    request.url = entry.url;
+    request.timeoutInterval = entry.timeoutInterval;
+    if (!adopt(request, delegate))
+        return;
+    d_->journaledPart = entry.part;
+    d_->validator = entry.validator;
+    d_->length = entry.length;
+    d_->onDisk = entry.part.isEmpty() ? ByteRanges() : entry.onDisk;
+    d_->rangesBroken = entry.rangesBroken;
+    if (d_->rangesBroken || d_->validator.isEmpty())
+        d_->onDisk.clear();
+    // A file that was whole but not yet in place: its last byte is asked for again, so that the
+    // server's answer gives the response and the name as for any other.
+    if (d_->length > 0 && d_->onDisk.covers(d_->length)) {
+        d_->onDisk.clear();
+        d_->onDisk.add(0, d_->length - 1);
+    }
+    d_->begin();
 }
 
 void URLDownload::setDestination(const QString& path, bool allowOverwrite) {
@@ -407,15 +457,46 @@ QString URLDownload::destination() const {
     return d_->destination;
 }
 
+std::optional<URLDownload::Wait> URLDownload::waiting() const {
+    if (d_->stage != Private::Stage::Waiting)
+        return std::nullopt;
+    Wait wait;
+    wait.forNetwork = d_->waitingForNetwork;
+    wait.secondsLeft =
+        d_->waitingForNetwork ? 0.0 : std::max(0, d_->retryTimer.remainingTime()) / 1000.0;
+    wait.reason = d_->lastError.localizedDescription;
+    return wait;
+}
+
 void URLDownload::cancel() {
     if (d_->cancelled || !d_->self)
         return;
     d_->cancelled = true;
-    d_->stage = Private::Stage::Over;
-    d_->silence.stop();
-    d_->readDelay.stop();
-    d_->dropReply();
+    d_->stopEverything();
     d_->removePart();
+    d_->forgetJournal();
+    --gInFlight;
+    running().remove(this);
+    std::shared_ptr<URLDownload> keep = std::move(d_->self);
+}
+
+// Like cancel, but what the journal keeps stays for the next process.
+void URLDownload::suspend() {
+    if (d_->cancelled || !d_->self)
+        return;
+    if (!d_->journalId || !DownloadJournal::shared()) {
+        cancel();
+        return;
+    }
+    d_->stage = Private::Stage::Over;
+    d_->retryTimer.stop();
+    d_->readDelay.stop();
+    d_->closeAll();
+    d_->journal(true);
+    if (d_->part.isOpen())
+        d_->part.close();
+    d_->part.setFileName(QString());  // kept
+    d_->cancelled = true;
     --gInFlight;
     running().remove(this);
     std::shared_ptr<URLDownload> keep = std::move(d_->self);
@@ -425,6 +506,16 @@ void URLDownload::cancelAll() {
     const QSet<URLDownload*> all = running();
     for (URLDownload* download : all)
         download->cancel();
+}
+
+void URLDownload::suspendAll() {
+    const QSet<URLDownload*> all = running();
+    for (URLDownload* download : all)
+        download->suspend();
+}
+
+void URLDownload::setRetryTimings(const RetryTimings& timings) {
+    chosenTimings() = timings;
 }
 
 int URLDownload::inFlightCount() {

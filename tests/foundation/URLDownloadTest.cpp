@@ -73,6 +73,7 @@ struct TransferCase {
     QStringList files;  // what the folder holds afterwards, as NAME=CONTENT or NAME
     std::function<void(Recorder&, const QString& folder)> prepare = nullptr;
     double timeout = 60;
+    double patience = 0;  // seconds without progress before a transfer gives up
 };
 
 void PrintTo(const TransferCase& c, std::ostream* os) {
@@ -95,6 +96,7 @@ TEST_P(TransferTest, EventsAndWhatIsLeftInTheFolder) {
     foundation::URLRequest request;
     request.url = QUrl(QString(c.url).replace("@", server.baseUrl()), QUrl::StrictMode);
     request.timeoutInterval = c.timeout;
+    URLDownload::setRetryTimings({0.05, 0.2, c.patience});
     URLDownload::start(request, &recorder);
     ASSERT_TRUE(waitUntil([&] { return recorder.over(); }, 10000))
         << recorder.events.join(" | ").toStdString();
@@ -197,7 +199,9 @@ INSTANTIATE_TEST_SUITE_P(
                      {"begin", "response 200 6", "destination index.html", "data", "finish 6"},
                      {"index.html=<html>"}},
         TransferCase{
-            "NotFound", serve("/x", 404, "gone"), "@/x", {"begin", fail(kDownload, 404)}, {}},
+            // Never again, however patient the transfer.
+            "NotFound", serve("/x", 404, "gone"), "@/x", {"begin", fail(kDownload, 404)}, {},
+            nullptr, 60, 600},
         TransferCase{"LineThatIsNoUrl",
                      [](FixtureServer&) {},
                      "not a link at all",
@@ -218,6 +222,35 @@ INSTANTIATE_TEST_SUITE_P(
                      {},
                      nullptr,
                      1.0},
+        // A server that is busy for a moment, or a line that goes silent, costs a wait; the
+        // delegate still sees one transfer. This server ignores ranges: the file starts over.
+        TransferCase{"BusyThenServed",
+                     [](FixtureServer& s) {
+                         s.on("GET", "/x",
+                              FixtureServer::sequence(
+                                  {FixtureServer::respond(503, "busy", {{"Retry-After", "0"}}),
+                                   FixtureServer::respond(429, "slow down"),
+                                   FixtureServer::respond(200, "body")}));
+                     },
+                     "@/x",
+                     {"begin", "response 200 4", "destination x", "data", "finish 4"},
+                     {"x=body"},
+                     nullptr,
+                     60,
+                     5},
+        TransferCase{"SilentMidBodyThenServed",
+                     [](FixtureServer& s) {
+                         s.on("GET", "/x",
+                              FixtureServer::sequence({s.stallMidBody(20, 10),
+                                                       FixtureServer::respond(
+                                                           200, "abcdefghijklmnopqrst")}));
+                     },
+                     "@/x",
+                     {"begin", "response 200 20", "destination x", "data", "finish 20"},
+                     {"x=abcdefghijklmnopqrst"},
+                     nullptr,
+                     0.5,
+                     5},
         TransferCase{"FolderIsAFile",
                      serve("/x", 200, "body"),
                      "@/x",
@@ -291,6 +324,7 @@ TEST_P(CancelTest, StopsSilentlyAndLeavesNothing) {
     recorder.folder = dir.path();
     foundation::URLRequest request;
     request.url = QUrl(server.baseUrl() + "/x");
+    URLDownload::setRetryTimings({});
     auto download = URLDownload::start(request, &recorder);
     ASSERT_TRUE(waitUntil([&] { return recorder.events.contains("data"); }));
     EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 1)

@@ -1,0 +1,510 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The connections of a transfer: each asks for the whole body or for one range of it, checks that
+// the answer is what it asked for, and writes what it reads at its place in the partial file.
+// A large file from a server that serves ranges gets more connections, each taking half of what
+// the busiest one still has to bring.
+#include <QCoreApplication>
+#include <QHash>
+#include <QNetworkAccessManager>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+#include <algorithm>
+#include <deque>
+#include <limits>
+
+#include "foundation/URLDownloadPrivate.h"
+
+namespace foundation {
+
+namespace {
+
+constexpr int kMaxRedirects = 16;
+// A reply keeps at most this much unread; beyond it the server is made to wait.
+constexpr qint64 kReadBufferBytes = 1024 * 1024;
+// A read takes half a mebibyte, or after a tenth of a second whatever has come: few data events
+// for a fast transfer, steady progress for a slow one.
+constexpr qint64 kReadChunkBytes = 512 * 1024;
+constexpr int kReadDelayMs = 100;
+// A network access manager opens at most six connections to one host; connections are spread
+// over several, so that many really run side by side.
+constexpr std::size_t kManagers = 8;
+// Files from this size on come over several connections when the server serves ranges; never
+// more than this many of ours to one host, and a range is split only while both halves are
+// worth a connection.
+constexpr qint64 kSegmentedFrom = 16 * 1024 * 1024;
+constexpr int kMostConnectionsPerHost = 8;
+constexpr qint64 kSmallestHalf = 1024 * 1024;
+// Once the body flows, a connection silent this long is taken for dead and made again.
+constexpr int kLongestStallMs = 30000;
+
+struct Manager {
+    QNetworkAccessManager* manager;
+    int connections = 0;
+};
+
+// A deque: connections point at its elements, which adding one must not move. Like the
+// managers, it lasts as long as the process.
+std::deque<Manager>& managers() {
+    static auto* pool = new std::deque<Manager>();
+    return *pool;
+}
+
+Manager& leastBusyManager() {
+    auto& pool = managers();
+    Manager* best = nullptr;
+    for (Manager& m : pool) {
+        if (!best || m.connections < best->connections)
+            best = &m;
+    }
+    if ((!best || best->connections > 0) && pool.size() < kManagers) {
+        pool.push_back(Manager{new QNetworkAccessManager()});
+        return pool.back();
+    }
+    return *best;
+}
+
+Manager* managerOf(const QNetworkAccessManager* manager) {
+    for (Manager& m : managers()) {
+        if (m.manager == manager)
+            return &m;
+    }
+    return nullptr;
+}
+
+QHash<QString, int>& hostLoad() {
+    static QHash<QString, int> load;
+    return load;
+}
+
+Error networkError(QNetworkReply* reply) {
+    return Error(QStringLiteral("QNetworkReplyErrorDomain"), reply->error(), reply->errorString());
+}
+
+// Errors that no later attempt mends: what was asked makes no sense, or the server is not the
+// one it claims to be.
+bool isLastingError(QNetworkReply::NetworkError error) {
+    switch (error) {
+        case QNetworkReply::SslHandshakeFailedError:
+        case QNetworkReply::TooManyRedirectsError:
+        case QNetworkReply::InsecureRedirectError:
+        case QNetworkReply::ProtocolUnknownError:
+        case QNetworkReply::ProtocolInvalidOperationError:
+            return true;
+        default:
+            return false;
+    }
+}
+
+struct ContentRange {
+    qint64 first = -1;
+    qint64 last = -1;
+    qint64 total = -1;  // -1 when the server wrote "*"
+};
+
+std::optional<ContentRange> parseContentRange(const QByteArray& value) {
+    static const QRegularExpression form(
+        QStringLiteral("^\\s*bytes\\s+([0-9]+)-([0-9]+)/([0-9]+|\\*)\\s*$"));
+    const QRegularExpressionMatch match = form.match(QString::fromLatin1(value));
+    if (!match.hasMatch())
+        return std::nullopt;
+    ContentRange range;
+    range.first = match.captured(1).toLongLong();
+    range.last = match.captured(2).toLongLong();
+    if (match.captured(3) != QLatin1String("*"))
+        range.total = match.captured(3).toLongLong();
+    if (range.last < range.first || (range.total >= 0 && range.last >= range.total))
+        return std::nullopt;
+    return range;
+}
+
+// What names the file as it is now for If-Range: a strong ETag, else the Last-Modified date.
+QByteArray validatorOf(const QNetworkReply* reply) {
+    const QByteArray etag = reply->rawHeader("ETag").trimmed();
+    if (!etag.isEmpty() && !etag.startsWith("W/"))
+        return etag;
+    return reply->rawHeader("Last-Modified").trimmed();
+}
+
+}  // namespace
+
+int connectionsTo(const QString& host) {
+    return hostLoad().value(host);
+}
+
+qint64 URLDownload::Private::endOf(const DownloadConnection* c) const {
+    return c->end >= 0 ? c->end : length;
+}
+
+DownloadConnection* URLDownload::Private::open(qint64 offset, qint64 end) {
+    auto owned = std::make_unique<DownloadConnection>();
+    DownloadConnection* c = owned.get();
+    const QUrl url = resolvedUrl.isValid() ? resolvedUrl : q->request_.url;
+    QNetworkRequest request(url);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setMaximumRedirectsAllowed(kMaxRedirects);
+    // The bytes as the server keeps them: no decompression on the way, so that ranges count
+    // the same bytes on both sides.
+    request.setRawHeader("Accept-Encoding", "identity");
+    for (const auto& [name, value] : q->request_.headers)
+        request.setRawHeader(name, value);
+    c->offset = offset;
+    c->end = end;
+    c->ranged = offset > 0 || (end >= 0 && end != length);
+    if (c->ranged) {
+        QByteArray range = "bytes=" + QByteArray::number(offset) + '-';
+        if (end >= 0 && end != length)
+            range += QByteArray::number(end - 1);
+        request.setRawHeader("Range", range);
+        if (!validator.isEmpty())
+            request.setRawHeader("If-Range", validator);
+    }
+    Manager& manager = leastBusyManager();
+    ++manager.connections;
+    c->manager = manager.manager;
+    c->host = url.host();
+    ++hostLoad()[c->host];
+    c->reply = manager.manager->get(request);
+    c->reply->setReadBufferSize(kReadBufferBytes);
+    QObject::connect(c->reply, &QNetworkReply::metaDataChanged, &guard,
+                     [this, c] { onMetaData(c); });
+    QObject::connect(c->reply, &QIODevice::readyRead, &guard, [this, c] {
+        if (stage != Stage::Receiving || !c->answered)
+            return;
+        if (c->reply->bytesAvailable() >= kReadChunkBytes) {
+            read(c);
+            afterRead();
+        } else if (!readDelay.isActive()) {
+            readDelay.start(kReadDelayMs);
+        }
+    });
+    QObject::connect(c->reply, &QNetworkReply::downloadProgress, &guard, [this, c] {
+        if (stage != Stage::AwaitingDestination)
+            c->silence.start();
+    });
+    QObject::connect(c->reply, &QNetworkReply::finished, &guard, [this, c] { onFinished(c); });
+    c->silence.setSingleShot(true);
+    c->silence.setInterval(silenceMs);
+    QObject::connect(&c->silence, &QTimer::timeout, &guard, [this, c] {
+        connectionFailed(c,
+                         Error(QStringLiteral("QNetworkReplyErrorDomain"),
+                               QNetworkReply::TimeoutError,
+                               QStringLiteral("No data received for %1 seconds")
+                                   .arg(c->silence.interval() / 1000.0)),
+                         std::nullopt);
+    });
+    c->silence.start();
+    connections.push_back(std::move(owned));
+    return c;
+}
+
+std::vector<DownloadConnection*> URLDownload::Private::openConnections() const {
+    std::vector<DownloadConnection*> open;
+    for (const auto& c : connections)
+        open.push_back(c.get());
+    return open;
+}
+
+bool URLDownload::Private::isOpen(const DownloadConnection* c) const {
+    return std::any_of(connections.begin(), connections.end(),
+                       [c](const auto& open) { return open.get() == c; });
+}
+
+void URLDownload::Private::onMetaData(DownloadConnection* c) {
+    if (c->answered || !c->reply || stage == Stage::Over)
+        return;
+    QNetworkReply* reply = c->reply;
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (!status.isValid())
+        return;
+    const int code = status.toInt();
+    if ((code == 301 || code == 302 || code == 303 || code == 307 || code == 308) &&
+        reply->hasRawHeader("Location")) {
+        return;  // the manager follows it; the answer that counts comes later
+    }
+    if (code >= 400) {
+        const Error error(URLDownloadErrorDomain, code,
+                          QStringLiteral("The server answered %1 (%2)")
+                              .arg(code)
+                              .arg(HTTPURLResponse::localizedStringForStatusCode(code)));
+        if (code == 416 && c->ranged) {
+            // The file is shorter than what is on disk: it changed, so it is fetched anew.
+            close(c);
+            startOver(nullptr);
+        } else if (isTransientStatus(code) || (responseDelivered && code >= 500)) {
+            connectionFailed(
+                c, error,
+                retryAfterSeconds(reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
+        } else {
+            fail(error);
+        }
+        return;
+    }
+    const QVariant contentLength = reply->header(QNetworkRequest::ContentLengthHeader);
+    const QByteArray answerValidator = validatorOf(reply);
+    if (c->ranged && code == 206) {
+        const std::optional<ContentRange> range =
+            parseContentRange(reply->rawHeader("Content-Range"));
+        const qint64 asked = c->end >= 0 ? c->end : length;
+        if (!range || range->first != c->offset || (asked >= 0 && range->last >= asked) ||
+            (length >= 0 && range->total >= 0 && range->total != length) ||
+            (length < 0 && range->total < 0)) {
+            useOneConnection();
+            return;
+        }
+        if (length < 0)
+            length = range->total;
+        c->end = range->last + 1;
+    } else if (c->ranged && reply->hasRawHeader("Content-Range")) {
+        useOneConnection();  // a part of the file that says it is the whole
+        return;
+    } else if (c->ranged) {
+        // The whole file from its first byte: either the server ignores ranges, or the file is
+        // not the one the bytes on disk came from. Both ways this answer starts it over.
+        if (answerValidator == validator)
+            rangesBroken = true;
+        validator = answerValidator;
+        length = contentLength.isValid() ? contentLength.toLongLong() : -1;
+        startOver(c);
+    } else {
+        length = contentLength.isValid() ? contentLength.toLongLong() : -1;
+        validator = answerValidator;
+    }
+    c->answered = true;
+    c->silence.setInterval(std::min(silenceMs, kLongestStallMs));
+    if (!responseDelivered) {
+        resolvedUrl = reply->url();
+        acceptsRanges = code == 206 || reply->rawHeader("Accept-Ranges").contains("bytes");
+        HTTPURLResponse response;
+        response.url = reply->url();
+        response.statusCode = code;
+        response.headers = reply->rawHeaderPairs();
+        response.expectedContentLength = length;
+        responseArrived(response);
+    }
+}
+
+void URLDownload::Private::onFinished(DownloadConnection* c) {
+    if (!c->reply || stage == Stage::Over)
+        return;
+    c->finished = true;
+    if (!c->answered)
+        onMetaData(c);
+    if (!isOpen(c) || stage == Stage::Over || stage == Stage::AwaitingDestination)
+        return;  // awaiting the destination: what it brought is read once that is known
+    settle(c);
+}
+
+// A connection whose reply is over: what it still holds is read, then it either brought all it
+// was to bring or it failed.
+void URLDownload::Private::settle(DownloadConnection* c) {
+    if (!c->answered) {
+        const QNetworkReply::NetworkError code = c->reply->error();
+        const Error error = networkError(c->reply);
+        if (isLastingError(code))
+            fail(error);
+        else
+            connectionFailed(c, error, std::nullopt);
+        return;
+    }
+    while (isOpen(c) && read(c)) {
+    }
+    afterRead();
+    if (!isOpen(c) || stage != Stage::Receiving)
+        return;
+    const qint64 end = endOf(c);
+    if (c->reply->error() != QNetworkReply::NoError) {
+        connectionFailed(c, networkError(c->reply), std::nullopt);
+    } else if (end >= 0 && c->offset < end) {
+        connectionFailed(c,
+                         Error(QStringLiteral("QNetworkReplyErrorDomain"),
+                               QNetworkReply::RemoteHostClosedError,
+                               QStringLiteral("The connection closed before the end of the file")),
+                         std::nullopt);
+    } else {
+        connectionDone(c);
+    }
+}
+
+// One read of a connection: what it holds, up to the end of its range, written at its place.
+// Answers whether it read anything.
+bool URLDownload::Private::read(DownloadConnection* c) {
+    if (!c->reply || !c->answered || stage != Stage::Receiving)
+        return false;
+    qint64 want = c->reply->bytesAvailable();
+    const qint64 end = endOf(c);
+    if (end >= 0)
+        want = std::min(want, end - c->offset);
+    if (want <= 0)
+        return false;
+    const QByteArray data = c->reply->read(want);
+    if (data.isEmpty())
+        return false;
+    if (!writeAt(c->offset, data)) {
+        fail(Error(URLDownloadErrorDomain, URLDownloadErrorCannotWrite,
+                   QStringLiteral("Cannot write %1: %2").arg(destination, part.errorString())));
+        return false;
+    }
+    onDisk.add(c->offset, c->offset + data.size());
+    c->offset += data.size();
+    madeProgress();
+    c->silence.start();
+    // Its range is done while the server may still be sending: the rest is another's.
+    if (end >= 0 && c->offset >= end && !c->finished) {
+        connectionDone(c);
+        return false;
+    }
+    return true;
+}
+
+void URLDownload::Private::readAll() {
+    readDelay.stop();
+    for (DownloadConnection* c : openConnections()) {
+        if (isOpen(c))
+            read(c);
+    }
+    afterRead();
+}
+
+bool URLDownload::Private::writeAt(qint64 offset, const QByteArray& data) {
+    if (part.pos() != offset && !part.seek(offset))
+        return false;
+    return part.write(data) == data.size();
+}
+
+void URLDownload::Private::connectionDone(DownloadConnection* c) {
+    const bool toTheEnd = endOf(c) < 0;
+    close(c);
+    if (stage != Stage::Receiving)
+        return;
+    if ((length >= 0 && onDisk.covers(length)) || (toTheEnd && length < 0)) {
+        complete();
+        return;
+    }
+    takeMoreConnections();
+}
+
+void URLDownload::Private::connectionFailed(DownloadConnection* c, const Error& error,
+                                            std::optional<double> retryAfter) {
+    close(c);
+    lastError = error;
+    if (stage == Stage::Over)
+        return;
+    if (!connections.empty()) {
+        // The others go on; a server that turns one away may want fewer of ours, and what this
+        // one left is taken once one of the others is done.
+        connectionLimit = std::max(1, static_cast<int>(connections.size()));
+        return;
+    }
+    attemptFailed(error, retryAfter);
+}
+
+// From the first byte again: with keep (an answer that brings the whole file) or a new connection.
+void URLDownload::Private::startOver(DownloadConnection* keep) {
+    for (DownloadConnection* c : openConnections()) {
+        if (c != keep)
+            close(c);
+    }
+    onDisk.clear();
+    if (part.isOpen())
+        part.resize(0);
+    if (reported > 0)
+        journal(true);
+    if (keep) {
+        keep->offset = 0;
+        keep->end = -1;
+        keep->ranged = false;
+    } else if (stage != Stage::Over) {
+        open(0, -1);
+    }
+}
+
+// The server answered a range with the wrong bytes: nothing it sent in ranges is trusted, and
+// the file comes whole over one connection.
+void URLDownload::Private::useOneConnection() {
+    rangesBroken = true;
+    acceptsRanges = false;
+    startOver(nullptr);
+}
+
+void URLDownload::Private::takeMoreConnections() {
+    if (stage != Stage::Receiving)
+        return;
+    if (rangesBroken && onDisk.total() > 0 && connections.empty()) {
+        startOver(nullptr);
+        return;
+    }
+    const auto unclaimed = [this] {
+        ByteRanges claimed = onDisk;
+        for (const auto& c : connections)
+            claimed.add(c->offset, endOf(c.get()) >= 0 ? endOf(c.get()) : std::numeric_limits<qint64>::max());
+        return claimed.firstGap(0, length);
+    };
+    if (connections.empty()) {
+        if (const auto gap = unclaimed())
+            open(gap->first, gap->second);
+        else
+            complete();
+        return;
+    }
+    if (rangesBroken || !acceptsRanges || length < kSegmentedFrom)
+        return;
+    const QString host = connections.front()->host;
+    while (static_cast<int>(connections.size()) < connectionLimit &&
+           connectionsTo(host) < kMostConnectionsPerHost) {
+        if (const auto gap = unclaimed()) {
+            open(gap->first, gap->second);
+            continue;
+        }
+        DownloadConnection* busiest = nullptr;
+        for (const auto& c : connections) {
+            if (!busiest || endOf(c.get()) - c->offset > endOf(busiest) - busiest->offset)
+                busiest = c.get();
+        }
+        const qint64 end = endOf(busiest);
+        if (end < 0 || end - busiest->offset < 2 * kSmallestHalf)
+            break;
+        const qint64 half = busiest->offset + (end - busiest->offset) / 2;
+        busiest->end = half;
+        open(half, end);
+    }
+}
+
+void URLDownload::Private::close(DownloadConnection* c) {
+    const auto it = std::find_if(connections.begin(), connections.end(),
+                                 [c](const auto& open) { return open.get() == c; });
+    if (it == connections.end())
+        return;
+    std::unique_ptr<DownloadConnection> owned = std::move(*it);
+    connections.erase(it);
+    c->silence.stop();
+    QObject::disconnect(&c->silence, nullptr, &guard, nullptr);
+    if (Manager* m = managerOf(c->manager))
+        --m->connections;
+    if (--hostLoad()[c->host] <= 0)
+        hostLoad().remove(c->host);
+    if (QNetworkReply* r = c->reply) {
+        QObject::disconnect(r, nullptr, &guard, nullptr);
+        // Not from inside one of the reply's own signals, which may be running now.
+        QMetaObject::invokeMethod(
+            r,
+            [r] {
+                if (r->isRunning())
+                    r->abort();
+                r->deleteLater();
+            },
+            Qt::QueuedConnection);
+    }
+    // Its timer may be the one whose signal runs now: it goes once that is over.
+    if (QCoreApplication* app = QCoreApplication::instance()) {
+        DownloadConnection* closed = owned.release();
+        QMetaObject::invokeMethod(app, [closed] { delete closed; }, Qt::QueuedConnection);
+    }
+}
+
+void URLDownload::Private::closeAll() {
+    while (!connections.empty())
+        close(connections.back().get());
+}
+
+}  // namespace foundation
