@@ -49,6 +49,13 @@ QString decodeBase64Text(const std::string& body) {
     return decoded.contains(QChar(0)) ? QString() : decoded;
 }
 
+// Text that can stand as one line of a note: not empty, no line break of any kind (a carriage
+// return would read as one elsewhere), and no NUL character, which PostgreSQL's text cannot hold.
+bool isOneLine(const QString& text) {
+    return !text.isEmpty() && !text.contains(QLatin1Char('\n')) &&
+           !text.contains(QLatin1Char('\r')) && !text.contains(QChar(0));
+}
+
 // Bodies come as base64 under any content type but multipart, which no client of this API sends.
 bool admitForm(const HttpRequest& req, HttpResponse& res) {
     if (req.contentType.rfind("multipart/", 0) != 0)
@@ -178,6 +185,29 @@ public:
         answer(res, 200, key);
     }
 
+    // One line added at the end of the newest note that begins with the header, made when
+    // there is none, in one transaction: a client whose push could not carry the whole note
+    // (or that must not write over links shared into it meanwhile) can still add to it.
+    void appendLine(const HttpRequest& req, HttpResponse& res) {
+        const Query query = rawQuery(req);
+        const auto user = authorise(req, res);
+        if (!user)
+            return;
+        const QString header = queryValue(query, "header");
+        const QString line = decodeBase64Text(req.body);
+        if (!isOneLine(header) || !isOneLine(line))
+            return answer(res, 400);
+        const Appended appended = store_.appendLine(*user, header, line, nowMicros(), std::nullopt,
+                                                    settings_.maxBodyBytes);
+        // No client could write such a note back whole.
+        if (appended.tooLong)
+            return answer(res, 413);
+        if (appended.added)
+            events_.noteChanged(*user, appended.key);
+        res.headers.emplace_back("Note-Version", std::to_string(appended.version));
+        answer(res, 200, appended.key);
+    }
+
     void deleteNote(const HttpRequest& req, HttpResponse& res) {
         const Query query = rawQuery(req);
         const auto user = authorise(req, res);
@@ -252,6 +282,8 @@ void installApi(HttpServer& server, NotesStore& store, LoginLimiter& throttle, H
     add("GET", "/api/index", &Api::index);
     add("GET", "/api/note", &Api::getNote);
     add("POST", "/api/note", &Api::postNote, static_cast<std::size_t>(settings.maxBodyBytes),
+        [api](const HttpRequest& req, HttpResponse& res) { return api->admitNote(req, res); });
+    add("POST", "/api/append", &Api::appendLine, static_cast<std::size_t>(settings.maxBodyBytes),
         [api](const HttpRequest& req, HttpResponse& res) { return api->admitNote(req, res); });
     add("GET", "/api/delete", &Api::deleteNote);
     add("GET", "/api/search", &Api::search);

@@ -41,8 +41,8 @@ SYNOPSIS
     ferrybox-notes --help | --version
 
 DESCRIPTION
-    serve         answers the notes web API (v1) under /api: login, index, note, delete,
-                  search, and events (a stream that tells of each change to the account's
+    serve         answers the notes web API (v1) under /api: login, index, note, append,
+                  delete, search, and events (a stream that tells of each change to the account's
                   notes as it happens, see EVENTS); at / it serves a web page for reading
                   and writing notes from a browser or phone (/?q=TEXT opens the newest note
                   holding TEXT). Plain HTTP is served only on loopback addresses; any other

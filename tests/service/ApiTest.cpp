@@ -61,10 +61,15 @@ TEST_P(ApiTest, EveryOtherCallNeedsALiveTokenOfThatAccount) {
         EXPECT_EQ(post(*client_, "/api/note" + q, base64("x")), "401 ") << q;
         EXPECT_EQ(get(*client_, "/api/delete" + q + "&key=" + key), "401 ") << q;
         EXPECT_EQ(get(*client_, "/api/search" + q + "&query=x"), "401 ") << q;
+        EXPECT_EQ(post(*client_, "/api/append" + q + "&header=mine", base64("x")), "401 ") << q;
     }
-    // The other account does not see this one's note.
-    EXPECT_EQ(get(*client_, "/api/note?auth=" + otherToken + "&email=other@example.org&key=" + key),
-              "404 ");
+    // The other account does not see this one's note, nor append to it.
+    const std::string other = "?auth=" + otherToken + "&email=other@example.org";
+    EXPECT_EQ(get(*client_, "/api/note" + other + "&key=" + key), "404 ");
+    const std::string theirs = post(*client_, "/api/append" + other + "&header=mine", base64("x"));
+    EXPECT_EQ(theirs.substr(0, 4), "200 ");
+    EXPECT_NE(theirs, "200 " + key);
+    EXPECT_EQ(get(*client_, "/api/note" + auth("&key=" + key)), "200 mine");
 }
 
 TEST_P(ApiTest, NoteLifecycleWithHeadersAndDates) {
@@ -218,6 +223,71 @@ TEST_P(ApiTest, WritesBasedOnAnOlderVersionAreMerged) {
         EXPECT_EQ(write(*client_, note, row.writer, "1"), "3") << row.name;
         EXPECT_EQ(client_->Get(note.c_str())->body, row.merged) << row.name;
     }
+}
+
+// An append's answer as "STATUS KEY vVERSION" ("STATUS " when refused).
+std::string append(httplib::Client& c, const std::string& query, const std::string& body) {
+    auto res = c.Post(("/api/append" + query).c_str(), body, "application/x-www-form-urlencoded");
+    if (!res)
+        return "no answer";
+    std::string answer = std::to_string(res->status) + " " + res->body;
+    if (res->has_header("Note-Version"))
+        answer += " v" + res->get_header_value("Note-Version");
+    return answer;
+}
+
+// One line goes at the end of the newest note that begins with the header, in one write: what
+// the agent uses to put a failed link back as a comment, whatever the note's length and
+// whatever others write into it meanwhile.
+TEST_P(ApiTest, AppendAddsOneLineAtTheEndOfTheNoteWithTheHeader) {
+    // A limit that a few lines reach.
+    startServer({"--max-body-bytes", "200"});
+    const std::string key = createNote("Ferrybox_Downloads\nhttps://example.org/a");
+    const std::string note = "/api/note" + auth("&key=" + key);
+    const std::string failed = "# failed: not found: https://example.org/a";
+    const std::string appended = "Ferrybox_Downloads\nhttps://example.org/a\n" + failed;
+    const std::string header = "&header=Ferrybox_Downloads";
+    const struct {
+        const char* name;
+        std::string query;
+        std::string body;
+        std::string answer;
+        std::string text;  // the note's, after the append
+    } rows[] = {
+        {"lands at the end", header, base64(failed), "200 " + key + " v2", appended},
+        {"already a line: nothing changes", header, base64(failed), "200 " + key + " v2", appended},
+        {"not base64", header, "%%%", "400 ", appended},
+        {"empty line", header, "", "400 ", appended},
+        {"line feed in the line", header, base64("a\nb"), "400 ", appended},
+        {"carriage return in the line", header, base64("a\rb"), "400 ", appended},
+        {"NUL in the line", header, base64(std::string("a\0b", 3)), "400 ", appended},
+        {"not UTF-8", header, base64("\xff"), "400 ", appended},
+        {"no header", "", base64("x"), "400 ", appended},
+        {"empty header", "&header=", base64("x"), "400 ", appended},
+        {"line feed in the header", header + "%0A", base64("x"), "400 ", appended},
+        {"carriage return in the header", header + "%0D", base64("x"), "400 ", appended},
+        // 83 bytes, a line feed and 71 more: 208 characters in base64.
+        {"past the body limit", header, base64("# " + std::string(69, 'x')), "413 ", appended},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(append(*client_, auth(row.query), row.body), row.answer) << row.name;
+        EXPECT_EQ(client_->Get(note.c_str())->body, row.text) << row.name;
+    }
+
+    // The agent, which read version 1 and took the link, writes the note back: the comment that
+    // was appended meanwhile stays.
+    EXPECT_EQ(write(*client_, note, "Ferrybox_Downloads", "1"), "3");
+    EXPECT_EQ(client_->Get(note.c_str())->body, "Ferrybox_Downloads\n" + failed);
+
+    // No note begins with the header: one is made of the header and the line.
+    const std::string made =
+        append(*client_, auth("&header=My%20log%20%26%20more"), base64("https://example.org/b"));
+    ASSERT_EQ(made.substr(0, 4), "200 ");
+    ASSERT_EQ(made.substr(made.size() - 3), " v1");
+    const std::string madeKey = made.substr(4, made.size() - 7);
+    EXPECT_NE(madeKey, key);
+    EXPECT_EQ(get(*client_, "/api/note" + auth("&key=" + madeKey)),
+              "200 My log & more\nhttps://example.org/b");
 }
 
 // A base older than the versions kept is merged against the oldest kept, never refused; a base

@@ -174,6 +174,13 @@ TEST_P(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
              EXPECT_EQ(client_->Get(("/api/delete" + auth("&key=" + key)).c_str())->status, 200);
              return key;
          }},
+        {"append", existing,
+         [&](const std::string& key) {
+             auto res = client_->Post(("/api/append" + auth("&header=to%20be%20changed")).c_str(),
+                                      base64("appended"), "application/x-www-form-urlencoded");
+             EXPECT_EQ(res ? res->body : "", key);
+             return key;
+         }},
         {"purge", existing,
          [&](const std::string& key) {
              EXPECT_EQ(
@@ -194,7 +201,7 @@ TEST_P(EventsTest, EachKindOfChangeIsAnnouncedAtOnce) {
             std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - answered);
         RecordProperty(std::string("announced_ms_") + c.name, static_cast<int>(ms.count()));
     }
-    EXPECT_EQ(count(body(*stream), "event: change\n"), 7u) << "three notes made, four changes";
+    EXPECT_EQ(count(body(*stream), "event: change\n"), 9u) << "four notes made, five changes";
 }
 
 TEST_P(EventsTest, ChangesInQuickSuccessionAreEachAnnouncedInOrder) {
