@@ -2,6 +2,8 @@
 #include "client/Base64.h"
 
 #include <array>
+#include <limits>
+#include <stdexcept>
 
 namespace {
 
@@ -42,4 +44,15 @@ QByteArray encodeData(const QByteArray& data) {
     while (length < static_cast<qsizetype>(area.size()) && area[length] != '\0')
         ++length;
     return QByteArray(area.data(), length);
+}
+
+QByteArray encodeDataUncapped(const QByteArray& data) {
+    const qsizetype length = (data.size() + 2) / 3 * 4;
+    if (length > std::numeric_limits<std::uint32_t>::max())
+        throw std::length_error("encodeDataUncapped: input too long for base64");
+    QByteArray text(length, Qt::Uninitialized);
+    encode(static_cast<std::uint32_t>(data.size()),
+           reinterpret_cast<const unsigned char*>(data.constData()),
+           static_cast<std::uint32_t>(length), text.data());
+    return text;
 }

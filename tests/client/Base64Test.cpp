@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The encoder of every request body, and its 512-character cap.
+// The encoder of every request body, its 512-character cap, and the uncapped one of appends.
 #include <gtest/gtest.h>
 
 #include "client/Base64.h"
@@ -31,6 +31,7 @@ TEST(Base64Test, EncodesAndCapsAt512Characters) {
     };
     for (const auto& c : cases) {
         EXPECT_EQ(encodeData(c.input), c.expected) << c.input.size() << " bytes";
+        EXPECT_EQ(encodeDataUncapped(c.input), c.input.toBase64()) << c.input.size() << " bytes";
     }
     EXPECT_EQ(encodeData(bytes(382)).size(), 512);
     EXPECT_EQ(encodeData(bytes(381)).size(), 508);

@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The whole client against the real ferrybox-notes: log in, create, pull, update, delete,
-// search, index, and a whole-account sync.
+// search, index, append, and a whole-account sync.
 #include <gtest/gtest.h>
 
+#include <QNetworkReply>
+
+#include "client/LWSimplenoteAppend.h"
 #include "client/LWSimplenoteController.h"
 #include "client/LWSimplenoteSearch.h"
 #include "foundation/NotificationCenter.h"
+#include "tests/support/FixtureServer.h"
 #include "tests/support/NotesServerProcess.h"
 #include "tests/support/TempHome.h"
 #include "tests/support/Wait.h"
@@ -58,9 +62,11 @@ protected:
     // Starts an action and returns the name of the outcome it posted.
     QString run(LWSNObject& object, const QString& selector, const std::function<void()>& start) {
         QString outcome;
-        object.addObserver(
-            this, selector, [&](const foundation::Notification& n) { outcome = n.name; },
-            [&](const foundation::Notification& n) { outcome = n.name; });
+        const auto heard = [&](const foundation::Notification& n) {
+            outcome = n.name;
+            last_ = n;
+        };
+        object.addObserver(this, selector, heard, heard);
         start();
         EXPECT_TRUE(waitUntil([&] { return !outcome.isNull(); }, 10000));
         foundation::NotificationCenter::defaultCenter().removeObserver(this);
@@ -77,6 +83,7 @@ protected:
     }
 
     std::unique_ptr<testsupport::TempHome> home_;
+    foundation::Notification last_;  // the outcome run() heard last
 };
 
 TEST_F(RealServiceTest, NoteRoundTrip) {
@@ -126,6 +133,85 @@ TEST_F(RealServiceTest, LongPushArrivesAsItsFirst384Bytes) {
     const auto found = find("Capped_note");
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->text(), text.left(384));
+}
+
+// An append whose service is gone.
+class UnreachableAppend : public LWSimplenoteAppend {
+public:
+    QUrl URLForActionID(int) const override {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1/api/append")
+                        .arg(testsupport::FixtureServer::closedPort()));
+    }
+};
+
+// The line lands whole at the end of the note that begins with the header, however long (the
+// push would cut it at 384 bytes); the note is made by the first append. Every character of the
+// header that a query gives a meaning of its own reaches the service as text.
+TEST_F(RealServiceTest, AppendAddsTheWholeLineToTheNoteWithTheHeader) {
+    const QString header = QString::fromUtf8("Append test & more+ü=#1");
+    const QString failed = QStringLiteral("# failed: not found: https://example.org/a.zip");
+    const QString longLine = QStringLiteral("# failed: ") + QString(990, QLatin1Char('z'));
+    ASSERT_EQ(longLine.toUtf8().size(), 1000);
+    const struct {
+        QString line;
+        QString text;  // the note's, after the append
+        qint64 version;
+    } rows[] = {
+        {failed, header + "\n" + failed, 1},
+        {longLine, header + "\n" + failed + "\n" + longLine, 2},
+    };
+    QString key;
+    for (const auto& row : rows) {
+        auto append = LWSNObject::create<LWSimplenoteAppend>();
+        append->setHeader(header);
+        append->setLine(row.line);
+        EXPECT_EQ(run(*append, "appendToRemote", [&] { append->appendToRemote(); }),
+                  "LWSimplenoteAppendAppendToRemoteSuccessNotification");
+        ASSERT_FALSE(append->key().isEmpty());
+        if (key.isNull())
+            key = append->key();
+        EXPECT_EQ(append->key(), key) << "the same note takes every line";
+        EXPECT_EQ(append->version(), row.version);
+
+        auto pulled = LWSNObject::create<LWSimplenote>();
+        pulled->setKey(key);
+        EXPECT_EQ(run(*pulled, "pullFromRemote", [&] { pulled->pullFromRemote(); }),
+                  "LWSimplenotePullFromRemoteSuccessNotification");
+        EXPECT_EQ(pulled->text(), row.text);
+        EXPECT_EQ(pulled->version(), row.version);
+    }
+
+    // A session the service does not know, or no service at all: the failure, with why, and
+    // nothing added.
+    auto refused = LWSNObject::create<LWSimplenoteAppend>();
+    refused->setAuthToken(QStringLiteral("00000000000000000000000000000000"));
+    const struct {
+        std::shared_ptr<LWSimplenoteAppend> append;
+        QString failure;
+        QString domain;
+        int code;
+    } failures[] = {
+        {refused, "LWSimplenoteAppendAppendToRemoteFailureNotification", "LWSimplenoteErrorDomain",
+         401},
+        {LWSNObject::create<UnreachableAppend>(),
+         "UnreachableAppendAppendToRemoteFailureNotification", "QNetworkReplyErrorDomain",
+         QNetworkReply::ConnectionRefusedError},
+    };
+    for (const auto& f : failures) {
+        f.append->setHeader(header);
+        f.append->setLine(QStringLiteral("never added"));
+        EXPECT_EQ(run(*f.append, "appendToRemote", [&] { f.append->appendToRemote(); }), f.failure);
+        const auto* error = last_.value<foundation::Error>("error");
+        ASSERT_NE(error, nullptr) << f.failure.toStdString();
+        EXPECT_EQ(error->domain, f.domain);
+        EXPECT_EQ(error->code, f.code);
+        EXPECT_TRUE(f.append->key().isNull());
+        EXPECT_FALSE(f.append->version().has_value());
+    }
+    auto pulled = LWSNObject::create<LWSimplenote>();
+    pulled->setKey(key);
+    run(*pulled, "pullFromRemote", [&] { pulled->pullFromRemote(); });
+    EXPECT_EQ(pulled->text(), rows[1].text);
 }
 
 TEST_F(RealServiceTest, IndexAndSyncOfTheAccount) {
