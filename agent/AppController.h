@@ -24,6 +24,7 @@ class QLineEdit;
 class QMenu;
 class QProgressBar;
 class QPushButton;
+class QTimer;
 class QToolBar;
 class QWidget;
 class LWSimplenote;
@@ -109,6 +110,14 @@ public:
     void downloadDidFinish(foundation::URLDownload* download) override;
     void downloadDidFailWithError(foundation::URLDownload* download,
                                   const foundation::Error& error) override;
+    void downloadWaitDidChange(foundation::URLDownload* download) override;
+    // Goes on with the transfers an earlier agent left unfinished (journaled), as if a check had
+    // just begun them; done once at start-up, before the first check.
+    void resumeUnfinishedDownloads();
+
+    // --- failed links back into the download note, as "# failed: REASON: LINK"
+    void togglePutFailedLinksBack(QObject* sender);
+    void putFailedLinkBack(const FXDownload& download, const foundation::Error& error);
 
     // --- status menu, preferences window, notifications
     void updateMenu();
@@ -176,6 +185,8 @@ public:
     void setPrefsToolbar(QToolBar* w) { prefsToolbar_ = w; }
     QMenu* appMenu() const { return appMenu_; }
     void setAppMenu(QMenu* m) { appMenu_ = m; }
+    QCheckBox* putFailedLinksBackButton() const { return putFailedLinksBackButton_; }
+    void setPutFailedLinksBackButton(QCheckBox* w) { putFailedLinksBackButton_ = w; }
     QCheckBox* openAtLoginButton() const { return openAtLoginButton_; }
     void setOpenAtLoginButton(QCheckBox* w) { openAtLoginButton_ = w; }
     // Shows the download folder; set at start-up and by each choice of a folder.
@@ -215,6 +226,9 @@ private:
     void readCheckSettings();
     void readNotificationSettings();
     void readLogSettings();
+    void readFailedLinksSetting();
+    void sendPutBacks();
+    void tickWhileWaiting();
     void readDownloadDirectorySetting();
     void readOpenAtLoginSetting();
     void showPreferencesWindow();
@@ -249,6 +263,7 @@ private:
     QToolBar* prefsToolbar_ = nullptr;
     QMenu* appMenu_ = nullptr;
     QCheckBox* openAtLoginButton_ = nullptr;
+    QCheckBox* putFailedLinksBackButton_ = nullptr;
     QLabel* directoryField_ = nullptr;
     QLabel* keyringLabel_ = nullptr;
     DownloadList downloadList_;
@@ -291,4 +306,11 @@ private:
     // The download note's key, as the last check found it; forgotten at turning off and at
     // each login.
     QString downloadNoteKey_;
+
+    // Failed links whose line could not be added to the note yet (AppControllerFailedLinks.cpp);
+    // tried again after each check.
+    QStringList putBacksPending_;
+    bool putBacksSending_ = false;
+    // Counts down the menu's "retrying in N s" while a transfer waits.
+    QTimer* waitTicker_ = nullptr;
 };

@@ -18,6 +18,7 @@ bool AppController::tryToPerform(const QString& action, QObject* sender) {
         {QStringLiteral("showPreferences:"), &AppController::showPreferences},
         {QStringLiteral("toggleLogNote:"), &AppController::toggleLogNote},
         {QStringLiteral("clearLogNote:"), &AppController::clearLogNote},
+        {QStringLiteral("togglePutFailedLinksBack:"), &AppController::togglePutFailedLinksBack},
         {QStringLiteral("toggleRememberInKeychain:"), &AppController::toggleRememberInKeychain},
         {QStringLiteral("changeDownloadDirectory:"), &AppController::changeDownloadDirectory},
         {QStringLiteral("toggleGrowl:"), &AppController::toggleGrowl},

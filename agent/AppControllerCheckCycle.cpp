@@ -111,6 +111,7 @@ void AppController::lookAgainAfterCheck() {
     const QSet<QString> changed = std::exchange(changedDuringCheck_, QSet<QString>());
     for (const QString& key : changed)
         noteDidChange(key);
+    sendPutBacks();
 }
 
 void AppController::stopChecks() {
@@ -180,7 +181,9 @@ int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& no
             foundation::URLRequest request;
             request.url = QUrl(line, QUrl::StrictMode);
             request.timeoutInterval = 60.0;
-            FXDownload::startWithRequest(request, this)->setTitle(QStringLiteral(""));
+            const auto download = FXDownload::startWithRequest(request, this);
+            download->setTitle(QStringLiteral(""));
+            download->setNoteLine(line);
         } else if (line.startsWith(QLatin1Char('#'))) {
             kept << line;
         }

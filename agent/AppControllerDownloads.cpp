@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The controller as the receiver of every transfer's events: it keeps the list of running
 // downloads, decides where each file goes, counts progress and tells the user.
+#include <QTimer>
 #include <algorithm>
 
 #include "agent/AppController.h"
@@ -72,6 +73,39 @@ void AppController::downloadDidFailWithError(foundation::URLDownload* download,
     updateMenu();
     if (downloadReporter_)
         downloadReporter_->downloadFailed(*fx, error);
+    putFailedLinkBack(*fx, error);
+}
+
+void AppController::downloadWaitDidChange(foundation::URLDownload* download) {
+    updateMenu();
+    tickWhileWaiting();
+    if (downloadReporter_)
+        downloadReporter_->downloadWaitChanged(*record(download));
+}
+
+// The menu counts a wait down by the second while any listed transfer waits.
+void AppController::tickWhileWaiting() {
+    const bool anyWaits = std::any_of(downloadList_.begin(), downloadList_.end(),
+                                      [](const auto& d) { return d->waiting().has_value(); });
+    if (!anyWaits) {
+        if (waitTicker_)
+            waitTicker_->stop();
+        return;
+    }
+    if (!waitTicker_) {
+        waitTicker_ = new QTimer(this);
+        waitTicker_->setInterval(1000);
+        QObject::connect(waitTicker_, &QTimer::timeout, this, [this] {
+            updateMenu();
+            tickWhileWaiting();
+        });
+    }
+    if (!waitTicker_->isActive())
+        waitTicker_->start();
+}
+
+void AppController::resumeUnfinishedDownloads() {
+    FXDownload::resumeJournaled<FXDownload>(this);
 }
 
 // By identity: two records of the same link are two downloads.

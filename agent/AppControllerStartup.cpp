@@ -49,6 +49,7 @@ void AppController::awakeFromNib() {
     readCheckSettings();
     readNotificationSettings();
     readLogSettings();
+    readFailedLinksSetting();
     readDownloadDirectorySetting();
     updateMenu();
     readOpenAtLoginSetting();

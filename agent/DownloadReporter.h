@@ -14,4 +14,6 @@ public:
     virtual void downloadProgressed(const FXDownload& download) = 0;
     virtual void downloadFinished(const FXDownload& download) = 0;
     virtual void downloadFailed(const FXDownload& download, const foundation::Error& error) = 0;
+    // The transfer began or ended a wait between two attempts (FXDownload::waitText).
+    virtual void downloadWaitChanged(const FXDownload&) {}
 };

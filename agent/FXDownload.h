@@ -30,6 +30,16 @@ public:
     const std::shared_ptr<foundation::URLDownload>& download() const { return download_; }
     void setDownload(std::shared_ptr<foundation::URLDownload> d) { download_ = std::move(d); }
 
+    // The line of the download note the transfer was made from; empty for one that a new start
+    // took up from an earlier agent (its link is the request's).
+    const QString& noteLine() const { return noteLine_; }
+    void setNoteLine(const QString& line) { noteLine_ = line; }
+    // The link as the person wrote it: the note's line, else the request's URL.
+    QString link() const;
+    // While the transfer waits between attempts, what for: "retrying in 8 s" or "waiting for
+    // the network"; else empty.
+    QString waitText() const;
+
     // The link as text; "(null)" for a line that made no URL.
     QString absoluteURLString() const;
     // How the menu and the notifications name the transfer: the title's last path component,
@@ -46,4 +56,5 @@ private:
     qint64 done_ = 0;
     qint64 size_ = 1;
     QString title_ = QStringLiteral("");
+    QString noteLine_;
 };

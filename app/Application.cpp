@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <QApplication>
+#include <QFileInfo>
 #include <QLineEdit>
 #include <QSocketNotifier>
 #include <QTextStream>
@@ -12,6 +13,7 @@
 
 #include "app/PasswordFile.h"
 #include "client/LWSimplenoteLogin.h"
+#include "foundation/DownloadJournal.h"
 #include "foundation/Log.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/PartialFiles.h"
@@ -108,10 +110,6 @@ bool Application::start() {
     // it ends the agent here instead, with the status a later one gives.
     if (quitAsked_)
         return false;
-    // Before the first check (it follows the login's answer): what an agent that was killed
-    // left behind in the download folder goes.
-    foundation::PartialFiles::removeStale(
-        foundation::expandingTildeInPath(controller.downloadDirectory()));
     controller.applicationDidFinishLaunching();
     if (noTray_)
         noTray_->start();
@@ -124,6 +122,16 @@ bool Application::start() {
         exitStatus_ = 1;
         return false;
     }
+    // Before the first check (it follows the login's answer): the transfers that an earlier
+    // agent left unfinished go on, and what a killed agent left that no journal keeps goes.
+    QStringList journaled;
+    if (foundation::DownloadJournal::open(foundation::DownloadJournal::standardPath())) {
+        controller.resumeUnfinishedDownloads();
+        for (const QString& part : foundation::DownloadJournal::shared()->partialFiles())
+            journaled << QFileInfo(part).absoluteFilePath();
+    }
+    foundation::PartialFiles::removeStale(
+        foundation::expandingTildeInPath(controller.downloadDirectory()), journaled);
     return !quitAsked_;
 }
 
@@ -198,11 +206,12 @@ void Application::terminate() {
         quit();
 }
 
-// Nothing goes on after the decision to quit: no partial file is left in the download folder, and
-// a request still under way (a note's push, say) is given up as the process's end would.
+// Nothing goes on after the decision to quit: the transfers stop where they are, for the next
+// start to go on with, and a request still under way (a note's push, say) is given up as the
+// process's end would.
 void Application::quit() {
     quitAsked_ = true;
-    foundation::URLDownload::cancelAll();
+    foundation::URLDownload::suspendAll();
     foundation::URLConnection::cancelAll();
     QCoreApplication::exit(exitStatus_);
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <QDir>
 #include <QFileInfo>
+#include <QScopeGuard>
 #include <QStandardPaths>
 
 #include "foundation/Log.h"
@@ -17,6 +18,16 @@ namespace {
 std::unique_ptr<DownloadJournal>& sharedJournal() {
     static std::unique_ptr<DownloadJournal> journal;
     return journal;
+}
+
+// Tells this run of the machine from the next: the page cache, and with it what a process wrote
+// and did not sync, survives the process but not the machine.
+QByteArray bootId() {
+    static const QByteArray id = [] {
+        QFile file(QStringLiteral("/proc/sys/kernel/random/boot_id"));
+        return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray();
+    }();
+    return id;
 }
 
 double ownStart() {
@@ -70,6 +81,8 @@ constexpr const char* kSchema =
     " validator TEXT NOT NULL DEFAULT '',"
     " length INTEGER NOT NULL DEFAULT -1,"
     " on_disk TEXT NOT NULL DEFAULT '',"
+    " on_disk_synced TEXT NOT NULL DEFAULT '',"
+    " boot_id TEXT NOT NULL DEFAULT '',"
     " ranges_broken INTEGER NOT NULL DEFAULT 0,"
     " owner_pid INTEGER NOT NULL,"
     " owner_started REAL NOT NULL)";
@@ -99,9 +112,9 @@ bool DownloadJournal::open(const QString& path) {
     }
     sqlite3_busy_timeout(db, 5000);
     auto journal = std::unique_ptr<DownloadJournal>(new DownloadJournal(db));
-    // Every change is on the disk when the call returns: a row added before the note is stored
-    // must outlive a power cut that follows.
-    if (!journal->exec("PRAGMA journal_mode=WAL") || !journal->exec("PRAGMA synchronous=FULL") ||
+    // Commits reach the file at once and the disk at the next checkpoint, but for the ones
+    // that ask for more (add).
+    if (!journal->exec("PRAGMA journal_mode=WAL") || !journal->exec("PRAGMA synchronous=NORMAL") ||
         !journal->exec(kSchema)) {
         log(QStringLiteral("cannot use the transfer journal %1: %2")
                 .arg(path, QString::fromUtf8(sqlite3_errmsg(db))));
@@ -131,6 +144,8 @@ qint64 DownloadJournal::add(const QUrl& url, double timeoutInterval) {
                      "VALUES (?, ?, ?, ?)");
     if (!insert)
         return 0;
+    exec("PRAGMA synchronous=FULL");
+    const auto normal = qScopeGuard([this] { exec("PRAGMA synchronous=NORMAL"); });
     insert.bind(1, url.toEncoded())
         .bind(2, timeoutInterval)
         .bind(3, qint64(::getpid()))
@@ -146,7 +161,8 @@ qint64 DownloadJournal::add(const QUrl& url, double timeoutInterval) {
 void DownloadJournal::update(const Entry& entry) {
     Statement change(db_,
                      "UPDATE transfers SET destination = ?, allow_overwrite = ?, part = ?, "
-                     "validator = ?, length = ?, on_disk = ?, ranges_broken = ? WHERE id = ?");
+                     "validator = ?, length = ?, on_disk = ?, ranges_broken = ?, boot_id = ? "
+                     "WHERE id = ?");
     if (!change)
         return;
     change.bind(1, entry.destination)
@@ -156,8 +172,15 @@ void DownloadJournal::update(const Entry& entry) {
         .bind(5, entry.length)
         .bind(6, entry.onDisk.toText())
         .bind(7, qint64(entry.rangesBroken))
-        .bind(8, entry.id);
+        .bind(8, bootId())
+        .bind(9, entry.id);
     change.step();
+}
+
+void DownloadJournal::recordSynced(qint64 id, const ByteRanges& onDisk) {
+    Statement change(db_, "UPDATE transfers SET on_disk_synced = ? WHERE id = ?");
+    if (change)
+        change.bind(1, onDisk.toText()).bind(2, id).step();
 }
 
 void DownloadJournal::remove(qint64 id) {
@@ -174,8 +197,8 @@ std::vector<DownloadJournal::Entry> DownloadJournal::claimOrphans() {
     {
         Statement rows(db_,
                        "SELECT id, url, timeout, destination, allow_overwrite, part, validator, "
-                       "length, on_disk, ranges_broken, owner_pid, owner_started FROM transfers "
-                       "ORDER BY id");
+                       "length, on_disk, ranges_broken, owner_pid, owner_started, "
+                       "on_disk_synced, boot_id FROM transfers ORDER BY id");
         while (rows && rows.step() == SQLITE_ROW) {
             const qint64 owner = rows.integer(10);
             if (owner == ::getpid() || processStillRuns(owner, rows.real(11)))
@@ -189,7 +212,8 @@ std::vector<DownloadJournal::Entry> DownloadJournal::claimOrphans() {
             entry.part = rows.text(5);
             entry.validator = rows.bytes(6);
             entry.length = rows.integer(7);
-            entry.onDisk = ByteRanges::fromText(rows.bytes(8));
+            const bool sameBoot = !bootId().isEmpty() && rows.bytes(13) == bootId();
+            entry.onDisk = ByteRanges::fromText(rows.bytes(sameBoot ? 8 : 12));
             entry.rangesBroken = rows.integer(9) != 0;
             claimed.push_back(entry);
         }

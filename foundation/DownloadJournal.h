@@ -25,9 +25,11 @@ public:
         double timeoutInterval = 60.0;
         QString destination;  // empty until decided
         bool allowOverwrite = true;
-        QString part;  // the partial file, empty until made
+        QString part;          // the partial file, empty until made
         QByteArray validator;  // the ETag, else the Last-Modified text
         qint64 length = -1;
+        // What was written: after a crash it is in the file while the machine has not started
+        // again since; after a power cut only what was synced (recordSynced) is sure to be.
         ByteRanges onDisk;
         bool rangesBroken = false;  // the server answers ranges wrongly
     };
@@ -46,9 +48,13 @@ public:
     DownloadJournal& operator=(const DownloadJournal&) = delete;
 
     // A new row for a transfer of url, owned by this process; 0 when it could not be written.
+    // Written through to the disk before it returns: a row added before the note is stored
+    // must outlive a power cut that follows.
     qint64 add(const QUrl& url, double timeoutInterval);
-    // Written through to the disk before it returns.
+    // Outlives the process at once, and the machine within a moment.
     void update(const Entry& entry);
+    // Of the entry's partial file, these bytes are on the disk itself (the file was synced).
+    void recordSynced(qint64 id, const ByteRanges& onDisk);
     void remove(qint64 id);
     // The rows whose process is gone, made this process's.
     std::vector<Entry> claimOrphans();

@@ -111,7 +111,7 @@ void PartialFiles::untrack(const QString& path) {
     tracked().erase(QFile::encodeName(path).toStdString());
 }
 
-int PartialFiles::removeStale(const QString& folder) {
+int PartialFiles::removeStale(const QString& folder, const QStringList& keep) {
     int removed = 0;
     const QDir dir(folder);
     const auto names = dir.entryList({QStringLiteral(".*.part")}, QDir::Files | QDir::Hidden);
@@ -119,8 +119,8 @@ int PartialFiles::removeStale(const QString& folder) {
         const std::optional<qint64> writer = localWriter(name);
         const QString path = dir.filePath(name);
         struct stat info {};
-        if (!writer || ::lstat(QFile::encodeName(path).constData(), &info) != 0 ||
-            !S_ISREG(info.st_mode)) {
+        if (!writer || keep.contains(QFileInfo(path).absoluteFilePath()) ||
+            ::lstat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode)) {
             continue;
         }
         const double modified = double(info.st_mtim.tv_sec) + info.st_mtim.tv_nsec / 1e9;

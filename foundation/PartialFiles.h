@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace foundation {
 
@@ -12,10 +13,11 @@ namespace foundation {
 // the 255 bytes a file system allows a name; HOST, PID and N keep it unique. The older form
 // ".NAME.PID-N.part" names no machine: such a file counts as this machine's.
 //
-// A partial file is never left behind by a process that ends through exit(), whatever the
-// reason (the event loop ends, the X connection is lost): the files being written are removed
-// at exit. One that a killed or crashed process left is removed by the next agent that finds it
-// (removeStale), and only when its process is gone.
+// A partial file that no journal keeps is never left behind by a process that ends through
+// exit(), whatever the reason (the event loop ends, the X connection is lost): the files being
+// written are removed at exit. One that a killed or crashed process left is removed by the next
+// agent that finds it (removeStale), and only when its process is gone and no journal names it:
+// a journaled one is the next process's to go on with.
 class PartialFiles {
 public:
     static QString nameFor(const QString& fileName, qint64 pid, int serial);
@@ -33,9 +35,9 @@ public:
     static void untrack(const QString& path);
 
     // Removes from folder (not its subfolders) the partial files of this machine whose writer is
-    // no longer running; answers how many. Any other file, a partial file of another machine or
-    // program included, is left alone.
-    static int removeStale(const QString& folder);
+    // no longer running, save those in keep (full paths); answers how many. Any other file, a
+    // partial file of another machine or program included, is left alone.
+    static int removeStale(const QString& folder, const QStringList& keep = {});
 };
 
 }  // namespace foundation

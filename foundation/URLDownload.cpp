@@ -13,6 +13,7 @@
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QSet>
+#include <QThreadPool>
 #include <cstdio>
 
 #include "foundation/PartialFiles.h"
@@ -37,8 +38,11 @@ std::optional<RetryTimings>& chosenTimings() {
     return timings;
 }
 
-// The journal's progress is written at most this often, once the bytes it names are on the disk.
-constexpr int kJournalEveryMs = 2000;
+// The journal's progress is written after this much progress or this long, whichever comes
+// first; the partial file is synced at most this often.
+constexpr qint64 kJournalEveryBytes = 4 * 1024 * 1024;
+constexpr int kJournalEveryMs = 500;
+constexpr int kSyncEveryMs = 2000;
 
 // The request's time-out as a QTimer interval; one that makes no sense is the usual minute.
 int silenceMilliseconds(double seconds) {
@@ -88,8 +92,7 @@ URLDownload::Private::~Private() {
 }
 
 void URLDownload::Private::begin() {
-    deliver(
-        [](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
+    deliver([](URLDownloadDelegate& d, URLDownload* download) { d.downloadDidBegin(download); });
     const std::optional<std::pair<qint64, qint64>> gap = onDisk.firstGap(0, length);
     open(gap ? gap->first : 0, gap ? gap->second : -1);
 }
@@ -262,8 +265,9 @@ void URLDownload::Private::attemptFailed(const Error& error, std::optional<doubl
         return;
     }
     ++attempt;
-    double wait = retryAfter ? *retryAfter
-                             : timings.waitBefore(attempt, QRandomGenerator::global()->generateDouble());
+    double wait = retryAfter
+                      ? *retryAfter
+                      : timings.waitBefore(attempt, QRandomGenerator::global()->generateDouble());
     wait = std::clamp(wait, 0.0, patienceLeft);
     stage = Stage::Waiting;
     readDelay.stop();
@@ -315,15 +319,22 @@ void URLDownload::Private::networkChanged(bool down) {
     }
 }
 
-// Writes what the next process needs. Progress is written only for bytes that are on the disk:
-// the partial file is synced first, which the periodic write leaves to another thread.
+// Writes what the next process needs: often enough that a process killed at any moment leaves
+// little to fetch twice. Bytes count as being on the disk itself only once the partial file is
+// synced, which another thread does every few seconds; until then they survive the process but
+// not the machine, and the journal tells the two apart.
 void URLDownload::Private::journal(bool now) {
     DownloadJournal* journal = DownloadJournal::shared();
     if (!journalId || !journal)
         return;
-    if (!now && sinceJournal.isValid() && sinceJournal.elapsed() < kJournalEveryMs)
+    const qint64 total = onDisk.total();
+    if (!now && sinceJournal.isValid() &&
+        (total == journaledBytes || (total - journaledBytes < kJournalEveryBytes &&
+                                     sinceJournal.elapsed() < kJournalEveryMs))) {
         return;
+    }
     sinceJournal.start();
+    journaledBytes = total;
     DownloadJournal::Entry entry;
     entry.id = journalId;
     entry.url = q->request_.url;
@@ -335,11 +346,41 @@ void URLDownload::Private::journal(bool now) {
     entry.length = length;
     entry.onDisk = onDisk;
     entry.rangesBroken = rangesBroken;
-    if (part.isOpen()) {
+    if (part.isOpen())
         part.flush();
-        ::fdatasync(part.handle());
-    }
     journal->update(entry);
+    if (part.isOpen() && !syncing && (!sinceSync.isValid() || sinceSync.elapsed() >= kSyncEveryMs))
+        syncInBackground();
+}
+
+void URLDownload::Private::syncInBackground() {
+    const int fd = ::dup(part.handle());
+    if (fd < 0)
+        return;
+    syncing = true;
+    sinceSync.start();
+    QThreadPool::globalInstance()->start(
+        [this, fd, ranges = onDisk, alive = std::weak_ptr<int>(lifetime)] {
+            const bool synced = ::fdatasync(fd) == 0;
+            ::close(fd);
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(),
+                [this, synced, ranges, alive] {
+                    if (alive.expired())
+                        return;
+                    syncing = false;
+                    if (synced && journalId && DownloadJournal::shared())
+                        DownloadJournal::shared()->recordSynced(journalId, ranges);
+                },
+                Qt::QueuedConnection);
+        });
+}
+
+// At once and on the disk itself: the process is about to end.
+void URLDownload::Private::journalAndSync() {
+    journal(true);
+    if (part.isOpen() && ::fdatasync(part.handle()) == 0 && journalId && DownloadJournal::shared())
+        DownloadJournal::shared()->recordSynced(journalId, onDisk);
 }
 
 void URLDownload::Private::forgetJournal() {
@@ -492,7 +533,7 @@ void URLDownload::suspend() {
     d_->retryTimer.stop();
     d_->readDelay.stop();
     d_->closeAll();
-    d_->journal(true);
+    d_->journalAndSync();
     if (d_->part.isOpen())
         d_->part.close();
     d_->part.setFileName(QString());  // kept

@@ -153,8 +153,10 @@ DownloadConnection* URLDownload::Private::open(qint64 offset, qint64 end) {
     c->ranged = offset > 0 || (end >= 0 && end != length);
     if (c->ranged) {
         QByteArray range = "bytes=" + QByteArray::number(offset) + '-';
-        if (end >= 0 && end != length)
+        if (end >= 0 && end != length) {
             range += QByteArray::number(end - 1);
+            c->askedEnd = end;
+        }
         request.setRawHeader("Range", range);
         if (!validator.isEmpty())
             request.setRawHeader("If-Range", validator);
@@ -162,7 +164,9 @@ DownloadConnection* URLDownload::Private::open(qint64 offset, qint64 end) {
     Manager& manager = leastBusyManager();
     ++manager.connections;
     c->manager = manager.manager;
-    c->host = url.host();
+    // A server is a host and a port: two servers on one machine each get their own share.
+    c->host = url.host() + QLatin1Char(':') +
+              QString::number(url.port(url.scheme() == QLatin1String("https") ? 443 : 80));
     ++hostLoad()[c->host];
     c->reply = manager.manager->get(request);
     c->reply->setReadBufferSize(kReadBufferBytes);
@@ -186,12 +190,12 @@ DownloadConnection* URLDownload::Private::open(qint64 offset, qint64 end) {
     c->silence.setSingleShot(true);
     c->silence.setInterval(silenceMs);
     QObject::connect(&c->silence, &QTimer::timeout, &guard, [this, c] {
-        connectionFailed(c,
-                         Error(QStringLiteral("QNetworkReplyErrorDomain"),
-                               QNetworkReply::TimeoutError,
-                               QStringLiteral("No data received for %1 seconds")
-                                   .arg(c->silence.interval() / 1000.0)),
-                         std::nullopt);
+        connectionFailed(
+            c,
+            Error(QStringLiteral("QNetworkReplyErrorDomain"), QNetworkReply::TimeoutError,
+                  QStringLiteral("No data received for %1 seconds")
+                      .arg(c->silence.interval() / 1000.0)),
+            std::nullopt);
     });
     c->silence.start();
     connections.push_back(std::move(owned));
@@ -232,9 +236,9 @@ void URLDownload::Private::onMetaData(DownloadConnection* c) {
             close(c);
             startOver(nullptr);
         } else if (isTransientStatus(code) || (responseDelivered && code >= 500)) {
-            connectionFailed(
-                c, error,
-                retryAfterSeconds(reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
+            connectionFailed(c, error,
+                             retryAfterSeconds(reply->rawHeader("Retry-After"),
+                                               QDateTime::currentDateTimeUtc()));
         } else {
             fail(error);
         }
@@ -245,7 +249,9 @@ void URLDownload::Private::onMetaData(DownloadConnection* c) {
     if (c->ranged && code == 206) {
         const std::optional<ContentRange> range =
             parseContentRange(reply->rawHeader("Content-Range"));
-        const qint64 asked = c->end >= 0 ? c->end : length;
+        // Its end may have moved closer since it asked (another took over the rest): the answer
+        // is measured against the question.
+        const qint64 asked = c->askedEnd >= 0 ? c->askedEnd : length;
         if (!range || range->first != c->offset || (asked >= 0 && range->last >= asked) ||
             (length >= 0 && range->total >= 0 && range->total != length) ||
             (length < 0 && range->total < 0)) {
@@ -254,7 +260,8 @@ void URLDownload::Private::onMetaData(DownloadConnection* c) {
         }
         if (length < 0)
             length = range->total;
-        c->end = range->last + 1;
+        if (c->end < 0 || range->last + 1 < c->end)
+            c->end = range->last + 1;
     } else if (c->ranged && reply->hasRawHeader("Content-Range")) {
         useOneConnection();  // a part of the file that says it is the whole
         return;
@@ -316,11 +323,11 @@ void URLDownload::Private::settle(DownloadConnection* c) {
     if (c->reply->error() != QNetworkReply::NoError) {
         connectionFailed(c, networkError(c->reply), std::nullopt);
     } else if (end >= 0 && c->offset < end) {
-        connectionFailed(c,
-                         Error(QStringLiteral("QNetworkReplyErrorDomain"),
-                               QNetworkReply::RemoteHostClosedError,
-                               QStringLiteral("The connection closed before the end of the file")),
-                         std::nullopt);
+        connectionFailed(
+            c,
+            Error(QStringLiteral("QNetworkReplyErrorDomain"), QNetworkReply::RemoteHostClosedError,
+                  QStringLiteral("The connection closed before the end of the file")),
+            std::nullopt);
     } else {
         connectionDone(c);
     }
@@ -437,7 +444,8 @@ void URLDownload::Private::takeMoreConnections() {
     const auto unclaimed = [this] {
         ByteRanges claimed = onDisk;
         for (const auto& c : connections)
-            claimed.add(c->offset, endOf(c.get()) >= 0 ? endOf(c.get()) : std::numeric_limits<qint64>::max());
+            claimed.add(c->offset,
+                        endOf(c.get()) >= 0 ? endOf(c.get()) : std::numeric_limits<qint64>::max());
         return claimed.firstGap(0, length);
     };
     if (connections.empty()) {
@@ -498,7 +506,8 @@ void URLDownload::Private::close(DownloadConnection* c) {
     // Its timer may be the one whose signal runs now: it goes once that is over.
     if (QCoreApplication* app = QCoreApplication::instance()) {
         DownloadConnection* closed = owned.release();
-        QMetaObject::invokeMethod(app, [closed] { delete closed; }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            app, [closed] { delete closed; }, Qt::QueuedConnection);
     }
 }
 

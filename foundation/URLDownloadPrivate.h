@@ -27,8 +27,9 @@ struct DownloadConnection {
     QPointer<QNetworkReply> reply;
     QNetworkAccessManager* manager = nullptr;
     QString host;
-    qint64 offset = 0;  // where its next byte goes in the file
-    qint64 end = -1;    // where it stops (exclusive); -1 at the end of the body
+    qint64 offset = 0;     // where its next byte goes in the file
+    qint64 end = -1;       // where it stops (exclusive); -1 at the end of the body
+    qint64 askedEnd = -1;  // the end its request named; -1 for none
     bool ranged = false;
     bool answered = false;  // its status was accepted
     bool finished = false;  // the reply is over; what it holds may still be unread
@@ -48,6 +49,7 @@ struct URLDownload::Private {
     bool delegateIsObject = false;
     std::shared_ptr<URLDownload> self;  // alive from the start until the last event
     QObject guard;                      // queued events and timers die with the download
+    std::shared_ptr<int> lifetime = std::make_shared<int>();  // for other threads: alive or not
     Stage stage = Stage::AwaitingResponse;
     bool lastEventQueued = false;
     bool cancelled = false;
@@ -83,6 +85,9 @@ struct URLDownload::Private {
     // The journal's row, 0 when the transfer is not journaled.
     qint64 journalId = 0;
     QElapsedTimer sinceJournal;
+    qint64 journaledBytes = 0;
+    QElapsedTimer sinceSync;
+    bool syncing = false;
     bool resumedFromJournal = false;
     QString journaledPart;
     QString journaledDestination;
@@ -99,6 +104,8 @@ struct URLDownload::Private {
     void retryNow();
     void networkChanged(bool down);
     void journal(bool now);
+    void syncInBackground();
+    void journalAndSync();
     void forgetJournal();
     static bool networkDown(const QUrl& url);
     void deliver(Event event, bool last = false);

@@ -13,11 +13,14 @@ namespace {
 
 constexpr qint64 kMebibyte = 1048576;
 
-// " (4 of 11 MB)": whole mebibytes, cut toward zero, under the name "MB".
+// " (4 of 11 MB)": whole mebibytes, cut toward zero, under the name "MB"; a transfer between
+// two attempts says what it waits for: " (4 of 11 MB, retrying in 8 s)".
 QString progressText(const FXDownload& download) {
-    return QStringLiteral(" (%1 of %2 MB)")
+    const QString wait = download.waitText();
+    return QStringLiteral(" (%1 of %2 MB%3)")
         .arg(download.done() / kMebibyte)
-        .arg(download.size() / kMebibyte);
+        .arg(download.size() / kMebibyte)
+        .arg(wait.isEmpty() ? QString() : QStringLiteral(", ") + wait);
 }
 
 }  // namespace

@@ -43,6 +43,7 @@ void MainInterface::connectOutlets() {
     appMenu_.setTitle(QStringLiteral("Ferrybox"));
     c.setAppMenu(&appMenu_);
     c.setOpenAtLoginButton(form_->openAtLoginButton);
+    c.setPutFailedLinksBackButton(form_->putFailedLinksBackButton);
     c.setDirectoryField(form_->directoryField);
     c.setKeyringLabel(form_->keyringLabel);
     loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
@@ -58,6 +59,7 @@ void MainInterface::connectActions() {
         {form_->rememberInKeychainButton, "toggleRememberInKeychain:"},
         {form_->keepLogButton, "toggleLogNote:"},
         {form_->clearLogButton, "clearLogNote:"},
+        {form_->putFailedLinksBackButton, "togglePutFailedLinksBack:"},
         {form_->useGrowlButton, "toggleGrowl:"},
         {form_->intervalHelpButton, "showIntervalHelp:"},
         {form_->changeDirectoryButton, "changeDownloadDirectory:"},
