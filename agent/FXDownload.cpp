@@ -23,7 +23,7 @@ QString FXDownload::waitText() const {
         return QString();
     if (wait->forNetwork)
         return QStringLiteral("waiting for the network");
-    return QStringLiteral("retrying in %1 s").arg(std::ceil(wait->secondsLeft));
+    return QStringLiteral("retrying in %1 s").arg(std::lround(wait->secondsLeft));
 }
 
 QString FXDownload::displayName() const {

@@ -36,6 +36,7 @@ struct Transfer {
     QString title;
     qint64 done;
     qint64 size;
+    bool busy = false;  // the server says to come back in half a minute
 };
 
 struct MenuCase {
@@ -64,10 +65,16 @@ TEST_P(StatusMenuTest, IconAndItems) {
     for (std::size_t i = 0; i < c.downloads.size(); ++i) {
         // Real transfers that wait for the server, shown with the counts of the case.
         const std::string path = "/files/f" + std::to_string(i) + ".bin";
-        server().on("GET", path, server().stall());
+        server().on("GET", path,
+                    c.downloads[i].busy
+                        ? testsupport::FixtureServer::respond(503, "", {{"Retry-After", "30"}})
+                        : server().stall());
         foundation::URLRequest request;
         request.url = QUrl(server().baseUrl() + QString::fromStdString(path));
         auto download = FXDownload::startWithRequest(request, &ignoring);
+        if (c.downloads[i].busy) {
+            ASSERT_TRUE(testsupport::waitUntil([&] { return download->waiting().has_value(); }));
+        }
         download->setTitle(c.downloads[i].title);
         download->setDone(c.downloads[i].done);
         download->setSize(c.downloads[i].size);
@@ -126,6 +133,15 @@ INSTANTIATE_TEST_SUITE_P(
                  QStringList{"Check For Downloads Now", "Go To Download Note",
                              "Open Downloads Folder", "Turn Ferrybox Off", "-", "2 Downloads",
                              "  [b.zip (1 of 0 MB)]", "  [@/files/f1.bin (0 of 0 MB)]"} +
+                     kTail},
+        MenuCase{"ADownloadThatWaits",
+                 true,
+                 {{"", 0, 1, true}},
+                 "down_16.png",
+                 "",
+                 QStringList{"Check For Downloads Now", "Go To Download Note",
+                             "Open Downloads Folder", "Turn Ferrybox Off", "-", "1 Download",
+                             "  [@/files/f0.bin (0 of 0 MB, retrying in 30 s)]"} +
                      kTail},
         MenuCase{"DownloadsOutliveTurningOff",
                  false,
