@@ -53,6 +53,15 @@ void HeadlessReporter::downloadFailed(const FXDownload& download, const foundati
                   .arg(download.absoluteURLString(), error.localizedDescription));
 }
 
+// A wait says why the last attempt ended; its end says nothing, the progress shows it.
+void HeadlessReporter::downloadWaitChanged(const FXDownload& download) {
+    const std::optional<foundation::URLDownload::Wait> wait = download.waiting();
+    if (!wait)
+        return;
+    printLine(QStringLiteral("download waits: %1: %2 (%3)")
+                  .arg(download.absoluteURLString(), download.waitText(), wait->reason));
+}
+
 void HeadlessReporter::printLine(const QString& line) {
     if (progressShown_) {
         std::fputs("\r\033[K", stderr);

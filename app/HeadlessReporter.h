@@ -6,8 +6,8 @@
 
 #include "agent/DownloadReporter.h"
 
-// A headless run's account of its downloads, one line on standard error for each begin, end and
-// failure; on a terminal also a live line of progress.
+// A headless run's account of its downloads, one line on standard error for each begin, wait, end
+// and failure; on a terminal also a live line of progress.
 class HeadlessReporter : public DownloadReporter {
 public:
     HeadlessReporter();
@@ -16,6 +16,7 @@ public:
     void downloadProgressed(const FXDownload& download) override;
     void downloadFinished(const FXDownload& download) override;
     void downloadFailed(const FXDownload& download, const foundation::Error& error) override;
+    void downloadWaitChanged(const FXDownload& download) override;
 
     int failures() const { return failures_; }
 

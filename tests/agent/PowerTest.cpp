@@ -9,10 +9,12 @@
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QWidget>
 #include <cmath>
 
 #include "app/Application.h"
+#include "foundation/DownloadJournal.h"
 #include "foundation/Log.h"
 #include "foundation/Timer.h"
 #include "platform/KCKeychainItem.h"
@@ -193,10 +195,14 @@ TEST_F(RunningAgentTest, TurningOffWithDownloadsAsksAndCancelKeepsThemRunning) {
     EXPECT_EQ(downloadFolder().size(), 1) << "the download goes on";
 }
 
+// Nothing is left for a later start to go on with either.
 TEST_F(RunningAgentTest, ConfirmedTurnOffCancelsEveryDownloadAndDeletesItsPart) {
+    ASSERT_TRUE(foundation::DownloadJournal::open(foundation::DownloadJournal::standardPath()));
+    const auto closeJournal = qScopeGuard([] { foundation::DownloadJournal::close(); });
     addDownload();
     addDownload();
     ASSERT_EQ(downloadFolder().size(), 2);
+    EXPECT_EQ(foundation::DownloadJournal::shared()->partialFiles().size(), 2u);
     // Each begin is announced; those announcements travel on their own and must be in before
     // the slate is wiped.
     ASSERT_TRUE(
@@ -205,6 +211,7 @@ TEST_F(RunningAgentTest, ConfirmedTurnOffCancelsEveryDownloadAndDeletesItsPart) 
     controller().turnFerryboxOff(nullptr);
     EXPECT_TRUE(controller().downloadList().empty());
     EXPECT_TRUE(downloadFolder().isEmpty());
+    EXPECT_TRUE(foundation::DownloadJournal::shared()->partialFiles().empty());
     expectOff();
     server().releaseStalled();
     testsupport::settle(200);

@@ -149,6 +149,9 @@ TEST_F(SurvivalTest, EveryFaultEndsAsTheWholeFileOrInTheNote) {
         EXPECT_TRUE(downloaded(row.name) == expected);
     }
     EXPECT_TRUE(partialFiles().isEmpty()) << partialFiles().join(", ").toStdString();
+    EXPECT_TRUE(err.contains("download waits: " + server.url("busy") +
+                             ": retrying in 1 s (The server answered 503 (service unavailable))"))
+        << err.toStdString();
 
     // A dropped connection asks for the rest only, naming the file it began.
     const auto asked = [&](const QString& name) {
