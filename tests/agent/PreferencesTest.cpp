@@ -231,6 +231,14 @@ TEST_F(PreferencesTest, OpenAtLoginCheckboxListsTheAgent) {
     EXPECT_FALSE(QFile::exists(home_->path() + "/.config/autostart/ferrybox.desktop"));
 }
 
+TEST_F(PreferencesTest, PutBackCheckboxIsRemembered) {
+    controller().awakeFromNib();
+    control<QCheckBox>("putFailedLinksBackButton")->click();
+    EXPECT_EQ(storedDefault("putFailedLinksBack"), QVariant("no"));
+    control<QCheckBox>("putFailedLinksBackButton")->click();
+    EXPECT_EQ(storedDefault("putFailedLinksBack"), QVariant("yes"));
+}
+
 // An error is shown on the account pane, whichever pane the window was left on.
 TEST_F(PreferencesTest, AnErrorShowsTheAccountPane) {
     auto* panes = control<QStackedWidget>("panes");

@@ -24,6 +24,7 @@ TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
     EXPECT_NE(storedDefault("interval").typeId(), QMetaType::QString);
     EXPECT_EQ(storedDefault("useGrowl"), QVariant("yes"));
     EXPECT_EQ(storedDefault("keepLog"), QVariant("no"));
+    EXPECT_EQ(storedDefault("putFailedLinksBack"), QVariant("yes"));
     EXPECT_EQ(storedDefault("openAtLogin"), QVariant("no"));
     EXPECT_EQ(storedDefault("downloadDirectory"), QVariant("~/Downloads/Ferrybox"));
     EXPECT_FALSE(storedDefault("shouldRememberPassword").isValid());
@@ -31,6 +32,7 @@ TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
     EXPECT_TRUE(QFileInfo(home_->path() + "/Downloads/Ferrybox").isDir());
 
     EXPECT_FALSE(controller().rememberInKeychainButton()->isChecked());
+    EXPECT_TRUE(controller().putFailedLinksBackButton()->isChecked());
     EXPECT_EQ(controller().intervalField()->text(), "10");
     EXPECT_EQ(controller().searchTerm(), "Ferrybox_Downloads");
     EXPECT_EQ(controller().downloadDirectory(), "~/Downloads/Ferrybox");
@@ -130,7 +132,12 @@ INSTANTIATE_TEST_SUITE_P(
         CheckboxCase{"OpenAtLoginYes", "openAtLogin", "yes", true,
                      &AppController::openAtLoginButton},
         CheckboxCase{"OpenAtLoginNo", "openAtLogin", "no", false,
-                     &AppController::openAtLoginButton}),
+                     &AppController::openAtLoginButton},
+        // Only a plain "no" turns it off: failed links are worth seeing.
+        CheckboxCase{"PutBackNo", "putFailedLinksBack", "no", false,
+                     &AppController::putFailedLinksBackButton},
+        CheckboxCase{"PutBackOtherMeansYes", "putFailedLinksBack", "sometimes", true,
+                     &AppController::putFailedLinksBackButton}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(StartupTest, StoredValuesAreUsedAsTheyStand) {

@@ -170,12 +170,18 @@ TEST_F(DownloadTest, FirstCheckCreatesTheNote) {
     EXPECT_EQ(account_->find("Ferrybox_Downloads"), QStringList{"Ferrybox_Downloads"});
 }
 
-TEST_F(DownloadTest, VanishedDownloadFolderFailsEveryLinkButEmptiesTheNote) {
+// A failed link comes back into the note, unless the person chose otherwise.
+class VanishedFolderTest : public DownloadTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(VanishedFolderTest, FailsEveryLinkAndPutsItBackIfChosen) {
+    const bool putBack = GetParam();
     nginx_.addFile("a.bin", 10);
     QDir().mkpath(home_.path() + "/.config/Ferrybox");
     QFile settings(home_.path() + "/.config/Ferrybox/Ferrybox.conf");
     ASSERT_TRUE(settings.open(QIODevice::WriteOnly));
     settings.write("downloadDirectory=\"~/gone\"\n");
+    if (!putBack)
+        settings.write("putFailedLinksBack=no\n");
     settings.close();
     const std::string key =
         account_->create(QStringLiteral("Ferrybox_Downloads\n%1/a.bin").arg(nginx_.baseUrl()));
@@ -184,11 +190,14 @@ TEST_F(DownloadTest, VanishedDownloadFolderFailsEveryLinkButEmptiesTheNote) {
     EXPECT_TRUE(err.contains("download failed: " + nginx_.baseUrl() + "/a.bin: Cannot write"))
         << err.toStdString();
     EXPECT_EQ(account_->text(key),
-              "Ferrybox_Downloads\n# failed: cannot write to the download "
-              "folder: " +
-                  nginx_.baseUrl() + "/a.bin");
+              putBack ? "Ferrybox_Downloads\n# failed: cannot write to the download folder: " +
+                            nginx_.baseUrl() + "/a.bin"
+                      : QString("Ferrybox_Downloads"));
     EXPECT_FALSE(QDir(home_.path() + "/gone").exists());
 }
+
+INSTANTIATE_TEST_SUITE_P(DownloadTest, VanishedFolderTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "PutBack" : "NotPutBack"; });
 
 TEST_F(DownloadTest, NoteThatIsNotTheDownloadNoteIsLeftAlone) {
     // Found by the search (it holds the term), but it does not begin with it.
