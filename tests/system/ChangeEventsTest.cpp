@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 #include <memory>
 
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/NotesAccount.h"
 #include "tests/support/NotesServerProcess.h"
@@ -49,12 +50,7 @@ protected:
 
     // The agent, running until the test ends, against this API address.
     void startAgent(const QString& apiUrl) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("FERRYBOX_API_URL", apiUrl);
-        env.remove("FERRYBOX_PASSWORD_FILE");
-        agent_.setProcessEnvironment(env);
+        agent_.setProcessEnvironment(testsupport::agentEnvironment(home_.path(), apiUrl));
         QObject::connect(&agent_, &QProcess::readyReadStandardError,
                          [this] { err_ += QString::fromUtf8(agent_.readAllStandardError()); });
         agent_.start(

@@ -19,6 +19,7 @@
 #include <random>
 #include <thread>
 
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/DelayingProxy.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/NotesAccount.h"
@@ -142,12 +143,8 @@ protected:
     void TearDown() override { testsupport::stopProcess(agent_); }
 
     void startAgent() {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("FERRYBOX_API_URL", line_->baseUrl() + "/api");
-        env.remove("FERRYBOX_PASSWORD_FILE");
-        agent_.setProcessEnvironment(env);
+        agent_.setProcessEnvironment(
+            testsupport::agentEnvironment(home_.path(), line_->baseUrl() + "/api"));
         agent_.start(
             qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox",
             {"--headless", "--email", kEmail, "--password-file", home_.path() + "/password"});

@@ -10,6 +10,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/NginxProcess.h"
 #include "tests/support/NotesAccount.h"
@@ -48,13 +49,8 @@ protected:
     // `patience` seconds fails.
     int runOnce(QString* err = nullptr, int patience = 600) {
         QProcess ferrybox;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("XDG_DATA_HOME", home_.path() + "/.local/share");
-        env.insert("FERRYBOX_API_URL", service_.apiUrl());
+        QProcessEnvironment env = testsupport::agentEnvironment(home_.path(), service_.apiUrl());
         env.insert("FERRYBOX_DOWNLOAD_PATIENCE", QString::number(patience));
-        env.remove("FERRYBOX_PASSWORD_FILE");
         ferrybox.setProcessEnvironment(env);
         ferrybox.start(qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox",
                        {"--headless", "--once", "--email", kEmail, "--password-file",
@@ -141,11 +137,7 @@ TEST_F(DownloadTest, ProgressLineOnATerminal) {
     nginx_.addFile("film.bin", 4 * 1024 * 1024);
     account_->create(QStringLiteral("Ferrybox_Downloads\n%1/film.bin").arg(nginx_.baseUrl()));
     QProcess terminal;  // script(1) runs the agent on a terminal of its own
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("HOME", home_.path());
-    env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-    env.insert("FERRYBOX_API_URL", service_.apiUrl());
-    terminal.setProcessEnvironment(env);
+    terminal.setProcessEnvironment(testsupport::agentEnvironment(home_.path(), service_.apiUrl()));
     terminal.start("script",
                    {"-qec",
                     QStringLiteral("'%1' --headless --once --email '%2' --password-file '%3'")

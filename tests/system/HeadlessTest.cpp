@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "platform/KCKeychainItem.h"
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/HungKeyring.h"
 #include "tests/support/PrivateKeyring.h"
@@ -45,11 +46,8 @@ protected:
     QString binary() const { return qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox"; }
 
     QProcessEnvironment environment() const {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("FERRYBOX_API_URL", server_.baseUrl() + "/api");
-        env.remove("FERRYBOX_PASSWORD_FILE");
+        QProcessEnvironment env =
+            testsupport::agentEnvironment(home_.path(), server_.baseUrl() + "/api");
         env.remove("DBUS_SESSION_BUS_ADDRESS");
         return env;
     }

@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 
 #include "platform/KCKeychainItem.h"
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/NotesServerProcess.h"
 #include "tests/support/PrivateKeyring.h"
 
@@ -25,15 +26,10 @@ protected:
     bool keyring() const { return GetParam(); }
 
     ScriptRun run() {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("XDG_DATA_HOME", home_.path() + "/.local/share");
+        QProcessEnvironment env = testsupport::agentEnvironment(home_.path(), QString());
         env.insert("FERRYBOX_NOTES_LISTEN", listen_);
         env.insert("FERRYBOX_NOTES_HASH_ITERATIONS", "1000");
         env.insert("USER", "newcomer");
-        env.remove("FERRYBOX_API_URL");
-        env.remove("FERRYBOX_PASSWORD_FILE");
         if (!keyring())
             env.remove("DBUS_SESSION_BUS_ADDRESS");
         QProcess script;

@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 #include <optional>
 
+#include "tests/support/AgentEnvironment.h"
 #include "tests/support/FaultFileServer.h"
 #include "tests/support/NotesAccount.h"
 #include "tests/support/NotesServerProcess.h"
@@ -46,13 +47,8 @@ protected:
     }
 
     void startAgent(QProcess& agent, bool once, double patience = 600) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", home_.path());
-        env.insert("XDG_CONFIG_HOME", home_.path() + "/.config");
-        env.insert("XDG_DATA_HOME", home_.path() + "/.local/share");
-        env.insert("FERRYBOX_API_URL", service_.apiUrl());
+        QProcessEnvironment env = testsupport::agentEnvironment(home_.path(), service_.apiUrl());
         env.insert("FERRYBOX_DOWNLOAD_PATIENCE", QString::number(patience));
-        env.remove("FERRYBOX_PASSWORD_FILE");
         agent.setProcessEnvironment(env);
         QStringList arguments{"--headless", "--email", kEmail, "--password-file",
                               home_.path() + "/password"};
