@@ -3,7 +3,6 @@
 // the answer is what it asked for, and writes what it reads at its place in the partial file.
 // A large file from a server that serves ranges gets more connections, each taking half of what
 // the busiest one still has to bring.
-#include <QCoreApplication>
 #include <QHash>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
@@ -503,11 +502,12 @@ void URLDownload::Private::close(DownloadConnection* c) {
             },
             Qt::QueuedConnection);
     }
-    // Its timer may be the one whose signal runs now: it goes once that is over.
-    if (QCoreApplication* app = QCoreApplication::instance()) {
-        DownloadConnection* closed = owned.release();
+    // Its timer may be the one whose signal runs now: it goes once that is over, or with the
+    // transfer.
+    closed.push_back(std::move(owned));
+    if (closed.size() == 1) {
         QMetaObject::invokeMethod(
-            app, [closed] { delete closed; }, Qt::QueuedConnection);
+            &guard, [this] { closed.clear(); }, Qt::QueuedConnection);
     }
 }
 

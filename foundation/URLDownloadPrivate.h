@@ -68,6 +68,7 @@ struct URLDownload::Private {
     qint64 reported = 0;  // bytes announced to the delegate in data events
 
     std::vector<std::unique_ptr<DownloadConnection>> connections;
+    std::vector<std::unique_ptr<DownloadConnection>> closed;  // deleted from the event loop
     int connectionLimit = 8;  // lowered when a server turns extra connections away
     QTimer readDelay;         // reads what slow connections have brought
     int silenceMs = 60000;    // the request's longest silence
