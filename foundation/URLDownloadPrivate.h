@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The inside of a transfer, shared by the files that make it: URLDownload.cpp (the transfer as
-// the delegate sees it: events, destination, the end, the waits between attempts, the journal)
-// and URLDownloadConnections.cpp (the connections that bring the bytes).
+// the delegate sees it: events, destination, the end), URLDownloadConnections.cpp (the
+// connections that bring the bytes), URLDownloadRanges.cpp (how they share the file),
+// URLDownloadRetry.cpp (the waits between attempts) and URLDownloadJournal.cpp (what the next
+// process needs).
 #pragma once
 
 #include <QElapsedTimer>
@@ -9,6 +11,7 @@
 #include <QNetworkReply>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QTimer>
 #include <functional>
 #include <memory>
@@ -136,7 +139,12 @@ struct URLDownload::Private {
     qint64 endOf(const DownloadConnection* c) const;
 };
 
-// How many connections of this process are open to a host, all transfers together.
+// How many connections of this process are open to a server, all transfers together.
 int connectionsTo(const QString& host);
+// Transfers from their start until their last event or their cancel, and how many.
+QSet<URLDownload*>& runningDownloads();
+int& downloadsInFlight();
+// The timings that setRetryTimings() chose, if any.
+std::optional<RetryTimings>& chosenRetryTimings();
 
 }  // namespace foundation
