@@ -80,9 +80,14 @@ void URLDownload::Private::retryNow() {
     if (stage != Stage::Waiting)
         return;
     if (networkDown(q->request_.url)) {
-        networkChanged(true);
+        if (waitingForNetwork)
+            retryTimer.start(static_cast<int>(timings.longestWaitSeconds * 1000.0));
+        else
+            networkChanged(true);
         return;
     }
+    if (waitingForNetwork)
+        networkDownMs += networkDownSince.elapsed();
     retryTimer.stop();
     waitingForNetwork = false;
     stage = responseDelivered ? Stage::Receiving : Stage::AwaitingResponse;
@@ -96,21 +101,19 @@ void URLDownload::Private::retryNow() {
     }
 }
 
-// While the network is down the wait has no end and costs no patience; once it is back the
-// transfer tries at once.
+// While the network is down the wait costs no patience; once it is back the transfer tries at
+// once. A look now and then does not rely on being told.
 void URLDownload::Private::networkChanged(bool down) {
     if (stage != Stage::Waiting)
         return;
     if (down && !waitingForNetwork) {
         waitingForNetwork = true;
         networkDownSince.start();
-        retryTimer.stop();
+        retryTimer.start(static_cast<int>(timings.longestWaitSeconds * 1000.0));
         deliver([](URLDownloadDelegate& d, URLDownload* download) {
             d.downloadWaitDidChange(download);
         });
     } else if (!down && waitingForNetwork) {
-        networkDownMs += networkDownSince.elapsed();
-        waitingForNetwork = false;
         retryNow();
     }
 }
