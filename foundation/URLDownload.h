@@ -10,6 +10,7 @@
 #include "foundation/Error.h"
 #include "foundation/RetryPolicy.h"
 #include "foundation/URLConnection.h"
+#include "foundation/VideoPageTool.h"
 
 namespace foundation {
 
@@ -125,6 +126,10 @@ public:
     // The waits and the patience of transfers started from now on (RetryTimings::standard()
     // until set).
     static void setRetryTimings(const RetryTimings& timings);
+    // The program that transfers hand a web page to, for the video in it; none to save pages as
+    // they are.
+    static void setVideoPageTool(std::optional<VideoPageTool> tool);
+    static const std::optional<VideoPageTool>& videoPageTool();
 
 protected:
     URLDownload();
