@@ -84,6 +84,11 @@ void URLDownload::Private::destinationDecided() {
                    QStringLiteral("There is no destination for the file")));
         return;
     }
+    if (usesVideoTool) {
+        journal(true);
+        downloadVideo();
+        return;
+    }
     const QFileInfo target(destination);
     // A transfer taken up from the journal goes on in its partial file while that is where the
     // destination now is; else what it had is of no use.
@@ -198,6 +203,7 @@ void URLDownload::Private::complete() {
 void URLDownload::Private::fail(const Error& error) {
     stopEverything();
     removePart();
+    removeVideoWork();
     forgetJournal();
     deliver([error](URLDownloadDelegate& d,
                     URLDownload* download) { d.downloadDidFailWithError(download, error); },
@@ -232,6 +238,7 @@ void URLDownload::Private::stopEverything() {
     retryTimer.stop();
     readDelay.stop();
     closeAll();
+    dropVideoRun();
 }
 
 void URLDownload::Private::removePart() {
@@ -295,6 +302,7 @@ void URLDownload::cancel() {
     d_->cancelled = true;
     d_->stopEverything();
     d_->removePart();
+    d_->removeVideoWork();
     d_->forgetJournal();
     --gInFlight;
     runningDownloads().remove(this);

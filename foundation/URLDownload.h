@@ -42,6 +42,8 @@ enum URLDownloadErrorCode {
     URLDownloadErrorNoDestination = 2,
     URLDownloadErrorDestinationExists = 3,
     URLDownloadErrorCannotWrite = 4,
+    // The video page tool failed; the description is what it said last.
+    URLDownloadErrorVideoPageTool = 5,
     // An HTTP status of 400 or more: the code is the status itself.
 };
 

@@ -267,6 +267,10 @@ void URLDownload::Private::onMetaData(DownloadConnection* c) {
         length = contentLength.isValid() ? contentLength.toLongLong() : -1;
         validator = answerValidator;
     }
+    if (!responseDelivered && handsOverToVideoTool(c)) {
+        handOverToVideoTool();
+        return;
+    }
     c->answered = true;
     c->silence.setInterval(std::min(silenceMs, kLongestStallMs));
     if (!responseDelivered) {

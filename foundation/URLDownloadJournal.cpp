@@ -125,6 +125,7 @@ void URLDownload::suspend() {
     d_->retryTimer.stop();
     d_->readDelay.stop();
     d_->closeAll();
+    d_->dropVideoRun();  // its own partial files stay, for the next run to go on with
     d_->journalAndSync();
     if (d_->part.isOpen())
         d_->part.close();

@@ -20,6 +20,7 @@
 
 #include "foundation/ByteRanges.h"
 #include "foundation/URLDownload.h"
+#include "foundation/VideoPageRun.h"
 
 class QNetworkAccessManager;
 
@@ -86,6 +87,11 @@ struct URLDownload::Private {
     bool waitingForNetwork = false;
     Error lastError;
 
+    // The video page tool, once the answer was a web page (URLDownloadVideo.cpp).
+    bool videoTried = false;
+    bool usesVideoTool = false;
+    std::unique_ptr<VideoPageRun> video;
+
     // The journal's row, 0 when the transfer is not journaled.
     qint64 journalId = 0;
     QElapsedTimer sinceJournal;
@@ -116,6 +122,14 @@ struct URLDownload::Private {
     void stopEverything();
     void removePart();
     double secondsWithoutProgress() const;
+
+    // URLDownloadVideo.cpp
+    bool handsOverToVideoTool(const DownloadConnection* c) const;
+    void handOverToVideoTool();
+    void downloadVideo();
+    void videoDone(const VideoPageRun::Outcome& outcome);
+    void dropVideoRun();
+    void removeVideoWork();
 
     // URLDownloadConnections.cpp
     DownloadConnection* open(qint64 offset, qint64 end);

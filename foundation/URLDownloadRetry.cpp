@@ -96,6 +96,8 @@ void URLDownload::Private::retryNow() {
     if (stage == Stage::AwaitingResponse) {
         const std::optional<std::pair<qint64, qint64>> gap = onDisk.firstGap(0, length);
         open(gap ? gap->first : 0, gap ? gap->second : -1);
+    } else if (usesVideoTool) {
+        downloadVideo();
     } else {
         takeMoreConnections();
     }

@@ -12,51 +12,16 @@
 
 #include "foundation/PartialFiles.h"
 #include "foundation/URLDownload.h"
+#include "tests/foundation/RecordingDelegate.h"
 #include "tests/support/FixtureServer.h"
 #include "tests/support/Wait.h"
 
 namespace {
 
 using foundation::URLDownload;
+using foundationtest::Recorder;
 using testsupport::FixtureServer;
 using testsupport::waitUntil;
-
-// Writes every event down as a short line; the data events of a run count as one line.
-class Recorder : public foundation::URLDownloadDelegate {
-public:
-    QStringList events;
-    QString folder;
-    bool allowOverwrite = true;
-    quint64 bytes = 0;
-
-    bool over() const {
-        return !events.isEmpty() &&
-               (events.last().startsWith("finish") || events.last().startsWith("fail"));
-    }
-    void downloadDidBegin(URLDownload*) override { events << "begin"; }
-    void downloadDidReceiveResponse(URLDownload*,
-                                    const foundation::HTTPURLResponse& response) override {
-        events << QStringLiteral("response %1 %2")
-                      .arg(response.statusCode)
-                      .arg(response.expectedContentLength);
-    }
-    void downloadDecideDestinationWithSuggestedFilename(URLDownload* download,
-                                                        const QString& name) override {
-        events << "destination " + name;
-        download->setDestination(folder + "/" + name, allowOverwrite);
-    }
-    void downloadDidReceiveDataOfLength(URLDownload*, quint64 length) override {
-        bytes += length;
-        if (events.last() != "data")
-            events << "data";
-    }
-    void downloadDidFinish(URLDownload*) override {
-        events << QStringLiteral("finish %1").arg(bytes);
-    }
-    void downloadDidFailWithError(URLDownload*, const foundation::Error& error) override {
-        events << QStringLiteral("fail %1 %2").arg(error.domain).arg(error.code);
-    }
-};
 
 const QString kNetwork = QStringLiteral("QNetworkReplyErrorDomain");
 const QString kDownload = QStringLiteral("URLDownloadErrorDomain");
@@ -198,10 +163,15 @@ INSTANTIATE_TEST_SUITE_P(
                      "@/",
                      {"begin", "response 200 6", "destination index.html", "data", "finish 6"},
                      {"index.html=<html>"}},
-        TransferCase{
-            // Never again, however patient the transfer.
-            "NotFound", serve("/x", 404, "gone"), "@/x", {"begin", fail(kDownload, 404)}, {},
-            nullptr, 60, 600},
+        TransferCase{// Never again, however patient the transfer.
+                     "NotFound",
+                     serve("/x", 404, "gone"),
+                     "@/x",
+                     {"begin", fail(kDownload, 404)},
+                     {},
+                     nullptr,
+                     60,
+                     600},
         TransferCase{"LineThatIsNoUrl",
                      [](FixtureServer&) {},
                      "not a link at all",
@@ -241,9 +211,9 @@ INSTANTIATE_TEST_SUITE_P(
         TransferCase{"SilentMidBodyThenServed",
                      [](FixtureServer& s) {
                          s.on("GET", "/x",
-                              FixtureServer::sequence({s.stallMidBody(20, 10),
-                                                       FixtureServer::respond(
-                                                           200, "abcdefghijklmnopqrst")}));
+                              FixtureServer::sequence(
+                                  {s.stallMidBody(20, 10),
+                                   FixtureServer::respond(200, "abcdefghijklmnopqrst")}));
                      },
                      "@/x",
                      {"begin", "response 200 20", "destination x", "data", "finish 20"},

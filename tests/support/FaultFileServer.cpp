@@ -241,7 +241,7 @@ FaultFileServer::After FaultFileServer::respond(int fd, const HttpRequestHead& h
     if (file.acceptRanges && !file.ignoreRange && validatorHolds)
         range = ByteRange::resolve(head.field("Range"), total);
 
-    QByteArrayList fields{"Content-Type: application/octet-stream"};
+    QByteArrayList fields{"Content-Type: " + entry->file.contentType};
     if (file.acceptRanges)
         fields << "Accept-Ranges: bytes";
     if (file.etag)

@@ -28,6 +28,7 @@ class FaultFileServer {
 public:
     struct File {
         QByteArray content{};
+        QByteArray contentType = "application/octet-stream";
         bool acceptRanges = true;   // "Accept-Ranges: bytes", and ranges are honoured
         bool etag = true;           // an ETag, new whenever the content is replaced
         bool lastModified = true;   // a Last-Modified, later whenever the content is replaced
