@@ -36,10 +36,12 @@ void AppController::downloadDidReceiveResponse(foundation::URLDownload* download
 void AppController::downloadDecideDestinationWithSuggestedFilename(
     foundation::URLDownload* download, const QString& filename) {
     if (filename != QLatin1String("videoplayback.mp4")) {
-        download->setDestination(
-            QStringLiteral("%1/%2").arg(foundation::expandingTildeInPath(downloadDirectory_),
-                                        filename),
-            true);
+        const QString path = QStringLiteral("%1/%2").arg(
+            foundation::expandingTildeInPath(downloadDirectory_), filename);
+        download->setDestination(path, true);
+        // A video page's transfer is shown and notified by the video's name, not the page's link.
+        if (download->fromVideoPage())
+            record(download)->setTitle(path);
     } else {
         download->setDestination(record(download)->title(), false);
     }
@@ -55,6 +57,9 @@ void AppController::downloadDidReceiveDataOfLength(foundation::URLDownload* down
 }
 
 void AppController::downloadDidFinish(foundation::URLDownload* download) {
+    // The video may have ended up under another extension than first named.
+    if (download->fromVideoPage())
+        record(download)->setTitle(download->destination());
     removeFromDownloadList(record(download));
     sendGrowlNotification(QStringLiteral("download complete"), record(download)->displayName());
     updateMenu();

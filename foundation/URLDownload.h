@@ -106,6 +106,8 @@ public:
     void setDestination(const QString& path, bool allowOverwrite);
     // Where the file goes (and, after the finish event, is); empty until decided.
     QString destination() const;
+    // Whether the video page tool brings the file: the link's answer was a page with a video.
+    bool fromVideoPage() const;
     // Stops the transfer and deletes what it wrote; no event follows.
     void cancel();
 

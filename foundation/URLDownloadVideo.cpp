@@ -127,6 +127,10 @@ void URLDownload::Private::videoDone(const VideoPageRun::Outcome& outcome) {
         attemptFailed(error, std::nullopt);
 }
 
+bool URLDownload::fromVideoPage() const {
+    return d_->usesVideoTool;
+}
+
 void URLDownload::Private::removeVideoWork() {
     if (!usesVideoTool || destination.isEmpty())
         return;

@@ -108,7 +108,7 @@ left=$(find "$tmp/staged" -type f)
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$tmp/deb" >"$tmp/cpack.log" 2>&1 ||
     { cat "$tmp/cpack.log" >&2; exit 1; }
 deb=$(echo "$tmp"/deb/ferrybox_*.deb)
-for field in Package=ferrybox Version="$version"; do
+for field in Package=ferrybox Version="$version" Recommends=yt-dlp; do
     [ "$(dpkg-deb -f "$deb" "${field%%=*}")" = "${field#*=}" ] ||
         fail "the .deb's ${field%%=*} is not ${field#*=}"
 done
