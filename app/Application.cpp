@@ -24,7 +24,7 @@
 #include "foundation/URLDownload.h"
 #include "platform/AgentInstance.h"
 #include "ui/AboutPanel.h"
-#include "ui/FolderDialogPresenter.h"
+#include "ui/FileDialogPresenters.h"
 #include "ui/MainInterface.h"
 #include "ui/MessageBoxPresenter.h"
 #include "ui/NoTrayFallback.h"
@@ -59,7 +59,7 @@ Application::Application(const Options& options) : options_(options) {
         tray_ = std::make_unique<ui::TrayAvailability>();
         ui::installTrayStatusBar();
         ui::installMessageBoxPresenter();
-        ui::installFolderDialogPresenter();
+        ui::installFileDialogPresenters();
     }
     interface_ = std::make_unique<MainInterface>();
     AppController& controller = interface_->controller();

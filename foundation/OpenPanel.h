@@ -6,18 +6,21 @@
 
 namespace foundation {
 
-// A modal panel that lets the user choose a folder. While it is open the default run-loop mode is
-// held, as for an alert.
+// A modal panel that lets the user choose a folder, or a program. While it is open the default
+// run-loop mode is held, as for an alert.
 class OpenPanel {
 public:
-    // The chosen folder's absolute path, or null when the user cancels.
-    using Presenter = std::function<QString(const QString& startFolder)>;
+    // The chosen folder's (or file's) absolute path, or null when the user cancels.
+    using Presenter = std::function<QString(const QString& start)>;
 
     static QString chooseDirectory(const QString& startFolder);
+    // Starts at this file, or in this folder.
+    static QString chooseProgram(const QString& start);
 
-    // Who shows the panel: the desktop build installs a folder dialog; without one (headless)
-    // every choice is cancelled; tests choose as a user would. Returns the previous presenter.
+    // Who shows the panel: the desktop build installs its file dialogs; without them (headless)
+    // every choice is cancelled; tests choose as a user would. Each returns the previous presenter.
     static Presenter setPresenter(Presenter presenter);
+    static Presenter setProgramPresenter(Presenter presenter);
 };
 
 }  // namespace foundation
