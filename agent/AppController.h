@@ -19,6 +19,7 @@
 #include "foundation/URLDownload.h"
 
 class QCheckBox;
+class QComboBox;
 class QLabel;
 class QLineEdit;
 class QMenu;
@@ -119,6 +120,13 @@ public:
     void togglePutFailedLinksBack(QObject* sender);
     void putFailedLinkBack(const FXDownload& download, const foundation::Error& error);
 
+    // --- video pages: which yt-dlp, and which of a page's media it fetches
+    // The program's path was edited, or a format chosen: stored, and in force once the program
+    // answers (a later change wins over an earlier answer).
+    void changeVideoPageTool(QObject* sender);
+    // The Browse button: a program chosen in the file dialog, then as changeVideoPageTool.
+    void chooseVideoPageTool(QObject* sender);
+
     // --- status menu, preferences window, notifications
     void updateMenu();
     void openDownloadsFolder(QObject* sender);
@@ -195,6 +203,14 @@ public:
     // Says, under the remember checkbox, when the keyring could not keep the password.
     QLabel* keyringLabel() const { return keyringLabel_; }
     void setKeyringLabel(QLabel* w) { keyringLabel_ = w; }
+    // The path of yt-dlp (empty: the one on PATH), the line saying which version answered, and
+    // the format chosen (which also turns video pages off).
+    QLineEdit* videoPageToolField() const { return videoPageToolField_; }
+    void setVideoPageToolField(QLineEdit* w) { videoPageToolField_ = w; }
+    QLabel* videoPageToolLabel() const { return videoPageToolLabel_; }
+    void setVideoPageToolLabel(QLabel* w) { videoPageToolLabel_ = w; }
+    QComboBox* videoPageFormatMenu() const { return videoPageFormatMenu_; }
+    void setVideoPageFormatMenu(QComboBox* w) { videoPageFormatMenu_ = w; }
 
     // --- state
     const DownloadList& downloadList() const { return downloadList_; }
@@ -227,6 +243,10 @@ private:
     void readNotificationSettings();
     void readLogSettings();
     void readFailedLinksSetting();
+    void readVideoPageSettings();
+    void findVideoPageTool(bool waitForAnswer);
+    void useVideoPageTool(quint64 lookup, const std::optional<foundation::VideoPageTool>& tool,
+                          const QString& labelText);
     void sendPutBacks();
     void tickWhileWaiting();
     void readDownloadDirectorySetting();
@@ -266,6 +286,9 @@ private:
     QCheckBox* putFailedLinksBackButton_ = nullptr;
     QLabel* directoryField_ = nullptr;
     QLabel* keyringLabel_ = nullptr;
+    QLineEdit* videoPageToolField_ = nullptr;
+    QLabel* videoPageToolLabel_ = nullptr;
+    QComboBox* videoPageFormatMenu_ = nullptr;
     DownloadList downloadList_;
     QVariant interval_;
     std::shared_ptr<foundation::Timer> timer_;
@@ -313,4 +336,10 @@ private:
     bool putBacksSending_ = false;
     // Counts down the menu's "retrying in N s" while a transfer waits.
     QTimer* waitTicker_ = nullptr;
+
+    // Looking for yt-dlp (AppControllerVideoPages.cpp): each look is numbered, so that only the
+    // latest one's answer is used; an answer that comes after the controller is gone finds the
+    // token expired.
+    quint64 videoPageLookup_ = 0;
+    std::shared_ptr<int> videoPageLookupToken_ = std::make_shared<int>(0);
 };

@@ -19,6 +19,8 @@ bool AppController::tryToPerform(const QString& action, QObject* sender) {
         {QStringLiteral("toggleLogNote:"), &AppController::toggleLogNote},
         {QStringLiteral("clearLogNote:"), &AppController::clearLogNote},
         {QStringLiteral("togglePutFailedLinksBack:"), &AppController::togglePutFailedLinksBack},
+        {QStringLiteral("changeVideoPageTool:"), &AppController::changeVideoPageTool},
+        {QStringLiteral("chooseVideoPageTool:"), &AppController::chooseVideoPageTool},
         {QStringLiteral("toggleRememberInKeychain:"), &AppController::toggleRememberInKeychain},
         {QStringLiteral("changeDownloadDirectory:"), &AppController::changeDownloadDirectory},
         {QStringLiteral("toggleGrowl:"), &AppController::toggleGrowl},

@@ -53,6 +53,7 @@ void AppController::awakeFromNib() {
     readDownloadDirectorySetting();
     updateMenu();
     readOpenAtLoginSetting();
+    readVideoPageSettings();
     // The keyring is asked last, when nothing else reads what it gives before: the status item
     // and its menu are there by then, and the desktop shows them while a slow keyring answers.
     if (!remembered.isNull()) {

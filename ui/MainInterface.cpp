@@ -46,6 +46,9 @@ void MainInterface::connectOutlets() {
     c.setPutFailedLinksBackButton(form_->putFailedLinksBackButton);
     c.setDirectoryField(form_->directoryField);
     c.setKeyringLabel(form_->keyringLabel);
+    c.setVideoPageToolField(form_->videoPageToolField);
+    c.setVideoPageToolLabel(form_->videoPageToolLabel);
+    c.setVideoPageFormatMenu(form_->videoPageFormatMenu);
     loginItems_.setOpenAtLoginButton(form_->openAtLoginButton);
     new IntervalInput(form_->intervalField, [this] { return controller_.interval().toString(); });
 }
@@ -63,6 +66,7 @@ void MainInterface::connectActions() {
         {form_->useGrowlButton, "toggleGrowl:"},
         {form_->intervalHelpButton, "showIntervalHelp:"},
         {form_->changeDirectoryButton, "changeDownloadDirectory:"},
+        {form_->videoPageToolBrowseButton, "chooseVideoPageTool:"},
         {form_->quitButton, "terminate:"},
     };
     for (const auto& [button, action] : buttons) {
@@ -73,6 +77,14 @@ void MainInterface::connectActions() {
     }
     QObject::connect(form_->intervalField, &QLineEdit::editingFinished, &controller_,
                      [this] { controller_.controlTextDidEndEditing(form_->intervalField); });
+    QObject::connect(form_->videoPageToolField, &QLineEdit::editingFinished, &controller_, [this] {
+        controller_.tryToPerform(QStringLiteral("changeVideoPageTool:"), form_->videoPageToolField);
+    });
+    // Only a person's choice: filling the menu at start-up is no change.
+    QObject::connect(form_->videoPageFormatMenu, &QComboBox::activated, &controller_, [this] {
+        controller_.tryToPerform(QStringLiteral("changeVideoPageTool:"),
+                                 form_->videoPageFormatMenu);
+    });
     QObject::connect(form_->openAtLoginButton, &QAbstractButton::clicked, &loginItems_,
                      [this] { loginItems_.addToLoginItems(form_->openAtLoginButton); });
 

@@ -3,6 +3,8 @@
 
 #include <httplib.h>
 
+#include <QProcess>
+
 #include "Classes/TWJSON/TWJSON.h"
 #include "foundation/URLConnection.h"
 #include "foundation/URLDownload.h"
@@ -15,6 +17,16 @@ testsupport::FixtureServer& server() {
     return testsupport::FixtureServer::sharedService();
 }
 
+QString installedYtDlpVersion() {
+    static const QString version = [] {
+        QProcess process;
+        process.start(QStringLiteral("/usr/bin/yt-dlp"), {QStringLiteral("--version")});
+        process.waitForFinished(10000);
+        return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    }();
+    return version;
+}
+
 void AgentTest::SetUp() {
     ASSERT_TRUE(testsupport::PrivateKeyring::shared().isRunning());
     testsupport::PrivateKeyring::shared().clear();
@@ -22,6 +34,9 @@ void AgentTest::SetUp() {
     server().clearRequests();
     answerSearch("Ferrybox_Downloads");
     home_ = std::make_unique<testsupport::TempHome>();
+    // Every start-up would run yt-dlp, which takes a fifth of a second or more: only the tests of
+    // video pages turn them on.
+    setDefault("videoPageFormat", "off");
     interface_ = std::make_unique<MainInterface>();
     previousPresenter_ = foundation::AlertPanel::setPresenter([this](const foundation::Alert& a) {
         alerts.push_back(a);
@@ -37,6 +52,7 @@ void AgentTest::TearDown() {
                foundation::URLDownload::inFlightCount() == 0;
     }));
     foundation::AlertPanel::setPresenter(previousPresenter_);
+    foundation::URLDownload::setVideoPageTool(std::nullopt);
     interface_.reset();
     home_.reset();
 }

@@ -19,6 +19,9 @@ namespace agenttest {
 // the process, so all tests share one server and replace its routes.
 testsupport::FixtureServer& server();
 
+// What the installed yt-dlp says its version is, asked as a person would in a terminal.
+QString installedYtDlpVersion();
+
 // A fresh home folder, a fresh interface definition, and alerts answered by a script.
 class AgentTest : public ::testing::Test {
 protected:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // What start-up reads, writes and shows, from an empty home and from stored settings.
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDir>
 #include <QFileInfo>
 #include <QLabel>
@@ -8,6 +9,8 @@
 #include <QPushButton>
 #include <QWidget>
 
+#include "app/Application.h"
+#include "foundation/URLDownload.h"
 #include "platform/KCKeychainItem.h"
 #include "tests/agent/AgentFixture.h"
 
@@ -17,6 +20,7 @@ namespace {
 using StartupTest = AgentTest;
 
 TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
+    setDefault("videoPageFormat", QVariant());  // the fixture's "off"
     controller().awakeFromNib();
 
     EXPECT_EQ(storedDefault("searchTerm"), QVariant("Ferrybox_Downloads"));
@@ -27,6 +31,8 @@ TEST_F(StartupTest, FirstStartWritesEveryDefaultAndAsksForTheAccount) {
     EXPECT_EQ(storedDefault("putFailedLinksBack"), QVariant("yes"));
     EXPECT_EQ(storedDefault("openAtLogin"), QVariant("no"));
     EXPECT_EQ(storedDefault("downloadDirectory"), QVariant("~/Downloads/Ferrybox"));
+    EXPECT_EQ(storedDefault("videoPageTool"), QVariant(""));
+    EXPECT_EQ(storedDefault("videoPageFormat"), QVariant("best-1080p"));
     EXPECT_FALSE(storedDefault("shouldRememberPassword").isValid());
     EXPECT_FALSE(storedDefault("email").isValid());
     EXPECT_TRUE(QFileInfo(home_->path() + "/Downloads/Ferrybox").isDir());
@@ -139,6 +145,84 @@ INSTANTIATE_TEST_SUITE_P(
         CheckboxCase{"PutBackOtherMeansYes", "putFailedLinksBack", "sometimes", true,
                      &AppController::putFailedLinksBackButton}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Which yt-dlp a page with a video is handed to, as the settings say: the window shows the
+// version that answered, and without an answer pages are saved as pages.
+struct VideoPageCase {
+    const char* name;
+    QVariant tool;
+    QVariant format;
+    const char* menuShows;
+    enum Label { Found, NotFound, Off } label;
+    const char* programUsed;  // null: pages are saved as pages
+    foundation::VideoPageTool::Format formatUsed;
+};
+
+class VideoPageSettingTest : public AgentTest,
+                             public ::testing::WithParamInterface<VideoPageCase> {};
+
+TEST_P(VideoPageSettingTest, StoredChoiceIsShownAndUsed) {
+    const VideoPageCase& c = GetParam();
+    ASSERT_TRUE(QDir(home_->path()).mkpath("bin"));
+    ASSERT_TRUE(QFile::link("/usr/bin/yt-dlp", home_->path() + "/bin/yt-dlp"));
+    setDefault("videoPageTool", c.tool);
+    setDefault("videoPageFormat", c.format);
+    controller().awakeFromNib();
+
+    EXPECT_EQ(controller().videoPageToolField()->text(), c.tool.toString());
+    EXPECT_EQ(controller().videoPageFormatMenu()->currentText(), c.menuShows);
+    const QString label[] = {
+        "yt-dlp " + installedYtDlpVersion() + " found",
+        "No yt-dlp found. Install Debian's package (sudo apt install yt-dlp), or a newer yt-dlp "
+        "from its project's releases: sites change faster than distributions.",
+        "Off: a page with a video is saved as the page.",
+    };
+    EXPECT_EQ(controller().videoPageToolLabel()->text(), label[c.label]);
+    const auto& used = foundation::URLDownload::videoPageTool();
+    ASSERT_EQ(used.has_value(), c.programUsed != nullptr);
+    if (used) {
+        EXPECT_EQ(used->program, QString(c.programUsed).replace("~", home_->path()));
+        EXPECT_EQ(used->format, c.formatUsed);
+    }
+    // Missing ones are written as their defaults; others stay as they are.
+    EXPECT_EQ(storedDefault("videoPageTool"), c.tool.isValid() ? c.tool : QVariant(""));
+    EXPECT_EQ(storedDefault("videoPageFormat"),
+              c.format.isValid() ? c.format : QVariant("best-1080p"));
+}
+
+using F = foundation::VideoPageTool::Format;
+using enum VideoPageCase::Label;
+INSTANTIATE_TEST_SUITE_P(
+    Startup, VideoPageSettingTest,
+    ::testing::Values(
+        VideoPageCase{"NothingStoredIsTheOneOnPath", QVariant(), QVariant(), "Best up to 1080p",
+                      Found, "yt-dlp", F::BestUpTo1080p},
+        VideoPageCase{"BestAtAPath", "/usr/bin/yt-dlp", "best", "Best", Found, "/usr/bin/yt-dlp",
+                      F::Best},
+        VideoPageCase{"AudioOnly", "", "audio", "Audio only", Found, "yt-dlp", F::AudioOnly},
+        VideoPageCase{"TildeIsTheHome", "~/bin/yt-dlp", "best-1080p", "Best up to 1080p", Found,
+                      "~/bin/yt-dlp", F::BestUpTo1080p},
+        VideoPageCase{"UnknownFormatIsTheDefault", "", "1080", "Best up to 1080p", Found, "yt-dlp",
+                      F::BestUpTo1080p},
+        VideoPageCase{"Off", "/usr/bin/yt-dlp", "off", "Off", Off, nullptr, {}},
+        VideoPageCase{"NoProgramThere", "/nowhere/yt-dlp", "best", "Best", NotFound, nullptr, {}},
+        VideoPageCase{
+            "ProgramThatFails", "/bin/false", "audio", "Audio only", NotFound, nullptr, {}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A headless agent has no window to show, but uses the stored choice all the same, from before
+// its first login.
+TEST_F(StartupTest, HeadlessStartUsesTheStoredVideoPageChoice) {
+    setDefault("videoPageFormat", "audio");
+    Options options;
+    options.headless = true;
+    Application application(options);
+    EXPECT_FALSE(application.start()) << "no account";
+    const auto& used = foundation::URLDownload::videoPageTool();
+    ASSERT_TRUE(used.has_value());
+    EXPECT_EQ(used->program, "yt-dlp");
+    EXPECT_EQ(used->format, foundation::VideoPageTool::Format::AudioOnly);
+}
 
 TEST_F(StartupTest, StoredValuesAreUsedAsTheyStand) {
     setDefault("searchTerm", "My_Queue");
