@@ -4,6 +4,7 @@
 #include <QActionGroup>
 
 #include "ui/IntervalInput.h"
+#include "ui/WindowFitsContents.h"
 #include "ui_PreferencesWindow.h"
 
 // Resources of a static library must be registered by hand, and outside any namespace.
@@ -17,6 +18,7 @@ MainInterface::MainInterface() : form_(std::make_unique<Ui::PreferencesWindow>()
     connectOutlets();
     connectActions();
     delegate_.attachTo(&window_);
+    new WindowFitsContents(&window_);
 }
 
 MainInterface::~MainInterface() = default;

@@ -318,6 +318,30 @@ TEST_F(PreferencesTest, ALaterVideoPageChoiceWinsOverAnEarlierAnswer) {
     EXPECT_EQ(foundation::URLDownload::videoPageTool()->program, "/usr/bin/yt-dlp");
 }
 
+// A text that wraps onto more lines than before (the advice when no yt-dlp answers) is shown
+// whole: the window grows for it.
+TEST_F(PreferencesTest, TheWindowGrowsToShowALongerWrappedText) {
+    setDefault("videoPageFormat", "best");
+    controller().awakeFromNib();
+    interface().window().findChild<QAction*>("downloadsAction")->trigger();
+    auto* label = control<QLabel>("videoPageToolLabel");
+    ASSERT_TRUE(interface().window().isVisible());
+    // As small as it goes, which leaves no room to spare.
+    interface().window().resize(0, 0);
+    ASSERT_TRUE(
+        waitUntil([&] { return label->height() >= label->heightForWidth(label->width()); }));
+    const int before = label->height();
+
+    auto* field = control<QLineEdit>("videoPageToolField");
+    field->setText("/nowhere/yt-dlp");
+    QTest::keyClick(field, Qt::Key_Return);
+    ASSERT_TRUE(waitUntil([&] { return label->text().startsWith("No yt-dlp found."); }));
+    EXPECT_TRUE(waitUntil([&] {
+        return label->height() > before && label->height() >= label->heightForWidth(label->width());
+    })) << label->height()
+        << " for " << label->heightForWidth(label->width());
+}
+
 TEST_F(PreferencesTest, NotificationChoiceAndIntervalHelp) {
     controller().awakeFromNib();
     control<QCheckBox>("useGrowlButton")->click();
