@@ -76,9 +76,10 @@ protected:
     }
 
     QTemporaryDir home_;
+    // Bound before the service looks for a free port, so that the two never meet on one.
+    FaultFileServer files_;
     testsupport::NotesServerProcess service_;
     std::unique_ptr<testsupport::NotesAccount> account_;
-    FaultFileServer files_;
     QByteArray clip_;
 };
 
