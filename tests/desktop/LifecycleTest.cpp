@@ -22,7 +22,9 @@ constexpr int kQuitWithinMs = 2000;
 
 class LifecycleTest : public DesktopTest {
 protected:
-    // The agent on a StatusNotifier panel, one download under way and held by the server.
+    // The agent on a StatusNotifier panel, one download under way and held by the server, and
+    // the check that began it over: its link is out of the note, so a next start has only the
+    // journal to go on from.
     void startDownloading() {
         startTray(Tray::StatusNotifier);
         serveFile("/big.bin", 4 * kMiB, kMiB);
@@ -30,6 +32,8 @@ protected:
         startAgent();
         ASSERT_TRUE(waitUntil([this] { return partialFiles().size() == 1; }, 15000));
         ASSERT_TRUE(waitUntil([this] { return host_->hasItem(); }, 10000));
+        ASSERT_TRUE(waitUntil(
+            [this] { return !account_->text(downloadNoteKey_).contains("big.bin"); }, 10000));
     }
 };
 
