@@ -333,6 +333,8 @@ private:
     // Failed links whose line could not be added to the note yet (AppControllerFailedLinks.cpp);
     // tried again after each check.
     QStringList putBacksPending_;
+    // The links of the transfers this start went on with, until the first check.
+    QSet<QString> resumedLinks_;
     bool putBacksSending_ = false;
     // Counts down the menu's "retrying in N s" while a transfer waits.
     QTimer* waitTicker_ = nullptr;

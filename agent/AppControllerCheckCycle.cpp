@@ -180,6 +180,8 @@ int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& no
             // The line as it stands is the link; one that is no URL fails as a download.
             foundation::URLRequest request;
             request.url = QUrl(line, QUrl::StrictMode);
+            if (resumedLinks_.remove(request.url.toString(QUrl::FullyEncoded)))
+                continue;
             request.timeoutInterval = 60.0;
             const auto download = FXDownload::startWithRequest(request, this);
             download->setTitle(QStringLiteral(""));
@@ -192,6 +194,8 @@ int AppController::downloadFilesFromNote(const std::shared_ptr<LWSimplenote>& no
     if (keepLogButton_->isChecked() && lines.size() > 1)
         updateLogNoteWith(lines);
 
+    // Only the first check after a start can meet the links of the transfers it went on with.
+    resumedLinks_.clear();
     QString rewritten = searchTerm_;
     if (!kept.isEmpty())
         rewritten += QLatin1Char('\n');

@@ -109,8 +109,11 @@ void AppController::tickWhileWaiting() {
         waitTicker_->start();
 }
 
+// An agent that ended between starting a transfer and storing the note leaves the link in the
+// note too: the first check takes it from there without starting it a second time.
 void AppController::resumeUnfinishedDownloads() {
-    FXDownload::resumeJournaled<FXDownload>(this);
+    for (const auto& download : FXDownload::resumeJournaled<FXDownload>(this))
+        resumedLinks_.insert(download->request().url.toString(QUrl::FullyEncoded));
 }
 
 // By identity: two records of the same link are two downloads.
