@@ -12,20 +12,15 @@
 #include <QTemporaryDir>
 #include <optional>
 
-#include "tests/support/AgentEnvironment.h"
 #include "tests/support/FaultFileServer.h"
-#include "tests/support/NotesAccount.h"
-#include "tests/support/NotesServerProcess.h"
 #include "tests/support/StopProcess.h"
 #include "tests/support/Wait.h"
+#include "tests/system/HeadlessAgentTest.h"
 
 namespace {
 
 using testsupport::FaultFileServer;
 using Fault = FaultFileServer::Fault;
-
-const QString kEmail = QStringLiteral("me@example.org");
-const QString kPassword = QStringLiteral("secret words");
 
 QByteArray content(qint64 size, int seed) {
     QByteArray bytes(size, Qt::Uninitialized);
@@ -34,51 +29,11 @@ QByteArray content(qint64 size, int seed) {
     return bytes;
 }
 
-class SurvivalTest : public ::testing::Test {
+class SurvivalTest : public systemtest::HeadlessAgentTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(service_.isRunning());
-        ASSERT_TRUE(service_.addUser(kEmail, kPassword));
-        account_ = std::make_unique<testsupport::NotesAccount>(service_, kEmail, kPassword);
-        QFile file(home_.path() + "/password");
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(kPassword.toUtf8() + "\n");
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
-    }
-
-    void startAgent(QProcess& agent, bool once, double patience = 600) {
-        QProcessEnvironment env = testsupport::agentEnvironment(home_.path(), service_.apiUrl());
-        env.insert("FERRYBOX_DOWNLOAD_PATIENCE", QString::number(patience));
-        agent.setProcessEnvironment(env);
-        QStringList arguments{"--headless", "--email", kEmail, "--password-file",
-                              home_.path() + "/password"};
-        if (once)
-            arguments << "--once";
-        agent.start(qEnvironmentVariable("FERRYBOX_BUILD_DIR") + "/app/ferrybox", arguments);
-        ASSERT_TRUE(agent.waitForStarted());
-    }
-
-    // One check with --once; its exit code, with standard error for the failure message.
-    int runOnce(QString* err, double patience = 600) {
-        QProcess agent;
-        startAgent(agent, true, patience);
-        EXPECT_TRUE(agent.waitForFinished(90000));
-        *err = QString::fromUtf8(agent.readAllStandardError());
-        return agent.exitCode();
-    }
-
-    QString downloads() const { return home_.path() + "/Downloads/Ferrybox"; }
-    QByteArray downloaded(const QString& name) const {
-        QFile file(downloads() + "/" + name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
-    }
     QStringList partialFiles() const {
         return QDir(downloads()).entryList({".*.part"}, QDir::Files | QDir::Hidden);
     }
-
-    QTemporaryDir home_;
-    testsupport::NotesServerProcess service_;
-    std::unique_ptr<testsupport::NotesAccount> account_;
 };
 
 struct FaultRow {
