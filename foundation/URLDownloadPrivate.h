@@ -73,9 +73,11 @@ struct URLDownload::Private {
 
     std::vector<std::unique_ptr<DownloadConnection>> connections;
     std::vector<std::unique_ptr<DownloadConnection>> closed;  // deleted from the event loop
-    int connectionLimit = 8;  // lowered when a server turns extra connections away
-    QTimer readDelay;         // reads what slow connections have brought
-    int silenceMs = 60000;    // the request's longest silence
+    static constexpr int kMostConnections = 8;
+    // Lowered when a server turns extra connections away, back up after a wait.
+    int connectionLimit = kMostConnections;
+    QTimer readDelay;       // reads what slow connections have brought
+    int silenceMs = 60000;  // the request's longest silence
 
     // Between attempts.
     RetryTimings timings;

@@ -91,11 +91,12 @@ void URLDownload::Private::takeMoreConnections() {
         return claimed.firstGap(0, length);
     };
     if (connections.empty()) {
-        if (const auto gap = unclaimed())
-            open(gap->first, gap->second);
-        else
+        const auto gap = unclaimed();
+        if (!gap) {
             complete();
-        return;
+            return;
+        }
+        open(gap->first, gap->second);
     }
     if (rangesBroken || !acceptsRanges || length < kSegmentedFrom)
         return;

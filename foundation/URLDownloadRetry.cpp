@@ -90,6 +90,9 @@ void URLDownload::Private::retryNow() {
         networkDownMs += networkDownSince.elapsed();
     retryTimer.stop();
     waitingForNetwork = false;
+    // The connections failed one by one as the server went away, each lowering the limit: the
+    // server that is back gets the full number again.
+    connectionLimit = kMostConnections;
     stage = responseDelivered ? Stage::Receiving : Stage::AwaitingResponse;
     deliver(
         [](URLDownloadDelegate& d, URLDownload* download) { d.downloadWaitDidChange(download); });
