@@ -15,11 +15,13 @@ namespace foundation {
 namespace {
 
 constexpr int kMaxRedirects = 16;
-// A reply keeps at most this much unread; beyond it the server is made to wait.
-constexpr qint64 kReadBufferBytes = 1024 * 1024;
-// A read takes half a mebibyte, or after a tenth of a second whatever has come: few data events
-// for a fast transfer, steady progress for a slow one.
-constexpr qint64 kReadChunkBytes = 512 * 1024;
+// A reply keeps at most this much unread; beyond it the server is made to wait. Eight connections
+// of a transfer at loopback speed hold eight of these, so it is kept small enough for memory to
+// stay flat.
+constexpr qint64 kReadBufferBytes = 256 * 1024;
+// A read takes half of that, before the buffer is full, or after a tenth of a second whatever has
+// come: few data events for a fast transfer, steady progress for a slow one.
+constexpr qint64 kReadChunkBytes = 128 * 1024;
 constexpr int kReadDelayMs = 100;
 // A network access manager opens at most six connections to one host; connections are spread
 // over several, so that many really run side by side.

@@ -13,7 +13,7 @@ namespace {
 
 // The journal's progress is written after this much progress or this long, whichever comes
 // first; the partial file is synced at most this often.
-constexpr qint64 kJournalEveryBytes = 4 * 1024 * 1024;
+constexpr qint64 kJournalEveryBytes = 1024 * 1024;
 constexpr int kJournalEveryMs = 500;
 constexpr int kSyncEveryMs = 2000;
 

@@ -121,7 +121,8 @@ TEST_F(SurvivalTest, EveryFaultEndsAsTheWholeFileOrInTheNote) {
             << dropped[i].range.toStdString();
         EXPECT_FALSE(dropped[i].ifRange.isEmpty());
     }
-    EXPECT_EQ(server.bodyBytesSent("dropped"), size);
+    // What was on its way when the line dropped is all that comes twice.
+    EXPECT_LE(server.bodyBytesSent("dropped"), size + size / 20);
     EXPECT_EQ(server.bodyBytesSent("changed"), 300000 + size) << "the changed file from its start";
 }
 
