@@ -5,7 +5,7 @@ DEB_PACKAGES := build-essential cmake ninja-build pkg-config clang clang-format 
 	libsecret-1-dev gnome-keyring dbus dbus-x11 desktop-file-utils librsvg2-bin man-db \
 	libcpp-httplib-dev libdtl-dev libmicrohttpd-dev libssl-dev libsqlite3-dev libpq-dev postgresql openssl \
 	libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev nlohmann-json3-dev \
-	wrk nginx-light caddy curl aria2 time python3 python3-selenium chromium chromium-driver \
+	wrk nginx-light caddy curl aria2 iproute2 time python3 python3-selenium chromium chromium-driver \
 	xvfb xdotool trayer libxcb1-dev lintian yt-dlp ffmpeg
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
