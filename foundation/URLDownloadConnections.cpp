@@ -68,8 +68,12 @@ QHash<QString, int>& hostLoad() {
     return load;
 }
 
+Error transportError(QNetworkReply::NetworkError code, const QString& description) {
+    return Error(QStringLiteral("QNetworkReplyErrorDomain"), code, description);
+}
+
 Error networkError(QNetworkReply* reply) {
-    return Error(QStringLiteral("QNetworkReplyErrorDomain"), reply->error(), reply->errorString());
+    return transportError(reply->error(), reply->errorString());
 }
 
 // Errors that no later attempt mends: what was asked makes no sense, or the server is not the
@@ -182,12 +186,11 @@ DownloadConnection* URLDownload::Private::open(qint64 offset, qint64 end) {
     c->silence.setSingleShot(true);
     c->silence.setInterval(silenceMs);
     QObject::connect(&c->silence, &QTimer::timeout, &guard, [this, c] {
-        connectionFailed(
-            c,
-            Error(QStringLiteral("QNetworkReplyErrorDomain"), QNetworkReply::TimeoutError,
-                  QStringLiteral("No data received for %1 seconds")
-                      .arg(c->silence.interval() / 1000.0)),
-            std::nullopt);
+        connectionFailed(c,
+                         transportError(QNetworkReply::TimeoutError,
+                                        QStringLiteral("No data received for %1 seconds")
+                                            .arg(c->silence.interval() / 1000.0)),
+                         std::nullopt);
     });
     c->silence.start();
     connections.push_back(std::move(owned));
@@ -321,8 +324,8 @@ void URLDownload::Private::settle(DownloadConnection* c) {
     } else if (end >= 0 && c->offset < end) {
         connectionFailed(
             c,
-            Error(QStringLiteral("QNetworkReplyErrorDomain"), QNetworkReply::RemoteHostClosedError,
-                  QStringLiteral("The connection closed before the end of the file")),
+            transportError(QNetworkReply::RemoteHostClosedError,
+                           QStringLiteral("The connection closed before the end of the file")),
             std::nullopt);
     } else {
         connectionDone(c);

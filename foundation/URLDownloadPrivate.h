@@ -100,9 +100,7 @@ struct URLDownload::Private {
     qint64 journaledBytes = 0;
     QElapsedTimer sinceSync;
     bool syncing = false;
-    bool resumedFromJournal = false;
     QString journaledPart;
-    QString journaledDestination;
 
     // URLDownload.cpp
     void begin();

@@ -138,19 +138,4 @@ void URLDownload::setRetryTimings(const RetryTimings& timings) {
     chosenRetryTimings() = timings;
 }
 
-namespace {
-std::optional<VideoPageTool>& chosenVideoPageTool() {
-    static std::optional<VideoPageTool> tool;
-    return tool;
-}
-}  // namespace
-
-void URLDownload::setVideoPageTool(std::optional<VideoPageTool> tool) {
-    chosenVideoPageTool() = std::move(tool);
-}
-
-const std::optional<VideoPageTool>& URLDownload::videoPageTool() {
-    return chosenVideoPageTool();
-}
-
 }  // namespace foundation

@@ -127,6 +127,21 @@ void URLDownload::Private::videoDone(const VideoPageRun::Outcome& outcome) {
         attemptFailed(error, std::nullopt);
 }
 
+namespace {
+std::optional<VideoPageTool>& chosenVideoPageTool() {
+    static std::optional<VideoPageTool> tool;
+    return tool;
+}
+}  // namespace
+
+void URLDownload::setVideoPageTool(std::optional<VideoPageTool> tool) {
+    chosenVideoPageTool() = std::move(tool);
+}
+
+const std::optional<VideoPageTool>& URLDownload::videoPageTool() {
+    return chosenVideoPageTool();
+}
+
 bool URLDownload::fromVideoPage() const {
     return d_->usesVideoTool;
 }

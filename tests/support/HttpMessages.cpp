@@ -57,10 +57,10 @@ bool HttpRequestHead::keepAlive() const {
 }
 
 ByteRange ByteRange::resolve(const QByteArray& rangeHeader, qint64 total) {
-    const QByteArray spec = rangeHeader.trimmed();
-    if (!spec.startsWith("bytes=") || spec.contains(','))
+    const QByteArray asked = rangeHeader.trimmed();
+    if (!asked.startsWith("bytes=") || asked.contains(','))
         return {};
-    const QByteArray set = spec.mid(6).trimmed();
+    const QByteArray set = asked.mid(6).trimmed();
     const qsizetype dash = set.indexOf('-');
     if (dash < 0)
         return {};
